@@ -1,0 +1,146 @@
+// The process-wide trace record and its writer. The mutex serialises messages and the roll-over;
+// the level and the active flag are read without it, so a level change reaches other threads at
+// their next test.
+#include "agent_core/support/trace.h"
+
+#include <pthread.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <ctime>
+#include <string>
+
+#include "agent_core/support/bytes.h"
+
+namespace slm {
+namespace {
+
+struct TraceRecord {
+  FILE* stream = nullptr;
+  bool toStdout = false;
+  // A stopped trace keeps its stream recorded but closed: writes then go nowhere.
+  bool closed = false;
+  std::atomic<int32_t> level{0};
+  char fileName[kTraceNameMax + 1] = "";
+  std::atomic<int32_t> sizeLimit{kTraceDefaultSize};
+  std::atomic<bool> active{false};
+};
+
+TraceRecord trace;
+// Statically initialised and never destroyed, so that a message written while the trace is being
+// stopped or restarted still finds a valid lock.
+pthread_mutex_t trace_mutex = PTHREAD_MUTEX_INITIALIZER;
+
+class TraceLock {
+ public:
+  TraceLock() { pthread_mutex_lock(&trace_mutex); }
+  ~TraceLock() { pthread_mutex_unlock(&trace_mutex); }
+  TraceLock(const TraceLock&) = delete;
+  TraceLock& operator=(const TraceLock&) = delete;
+};
+
+void closeStream() {
+  if (trace.stream != nullptr && !trace.toStdout && !trace.closed) fclose(trace.stream);
+  trace.closed = true;
+}
+
+// Opens the recorded file name empty. Returns 0 or the system error number.
+int openEmpty() {
+  FILE* stream = fopen(trace.fileName, "w+");
+  if (stream == nullptr) return errno;
+  trace.stream = stream;
+  trace.toStdout = false;
+  trace.closed = false;
+  return 0;
+}
+
+void rollOver() {
+  trace.active = false;
+  char backup[kTraceNameMax + 1];
+  copyBounded(backup, kTraceNameMax, (std::string(trace.fileName) + ".bck").c_str());
+  closeStream();
+  trace.stream = nullptr;
+  remove(backup);
+  rename(trace.fileName, backup);
+  if (openEmpty() == 0) trace.active = true;
+}
+
+}  // namespace
+
+void startTrace(const char* path) {
+  TraceLock lock;
+  closeStream();
+  trace.stream = nullptr;
+  if (path == nullptr) {
+    trace.stream = stdout;
+    trace.toStdout = true;
+    trace.closed = false;
+    copyBounded(trace.fileName, kTraceNameMax, "stdout");
+  } else {
+    copyBounded(trace.fileName, kTraceNameMax, path);
+    openEmpty();
+  }
+  trace.level = 0;
+  trace.sizeLimit = kTraceDefaultSize;
+  trace.active = trace.stream != nullptr;
+}
+
+void setTraceLevel(int32_t level) {
+  if (level < -1 || level > 3) return;
+  TraceLock lock;
+  trace.level = level;
+  if (level == -1) {
+    closeStream();
+    trace.stream = nullptr;
+    trace.active = false;
+  }
+}
+
+void setTraceSize(int32_t bytes) {
+  if (bytes > kTraceMinSize && bytes < kTraceMaxSize) trace.sizeLimit = bytes;
+  if (traceActive(1)) {
+    outputTrace("", 0, "Trace size (bytes): %d (min: %d, max: %d)", trace.sizeLimit.load(),
+                kTraceMinSize, kTraceMaxSize);
+  }
+}
+
+bool traceActive(int32_t level) { return trace.active && trace.level >= level; }
+
+void outputTrace(const char* file, int line, const char* format, ...) {
+  TraceLock lock;
+  if (trace.stream == nullptr || !trace.active || trace.closed) return;
+  if (!trace.toStdout && ftell(trace.stream) >= static_cast<long>(trace.sizeLimit)) {
+    rollOver();
+    if (!trace.active) return;
+  }
+  time_t now = time(nullptr);
+  char when[32] = "";
+  ctime_r(&now, when);
+  when[24] = '\0';  // drop the calendar form's line end
+  fprintf(trace.stream, "File: %s Line: %d Time: %s Tid: %u\n  ", file, line, when,
+          static_cast<unsigned>(pthread_self()));
+  va_list args;
+  va_start(args, format);
+  vfprintf(trace.stream, format, args);
+  va_end(args);
+  fputc('\n', trace.stream);
+  fflush(trace.stream);
+}
+
+void stopTrace() {
+  TraceLock lock;
+  closeStream();
+}
+
+int restartTrace() {
+  TraceLock lock;
+  // A stopped trace still has its (closed) stream recorded, so only a trace turned off by level -1
+  // or one that never opened is reopened here.
+  if (trace.stream != nullptr) return -1;
+  int error = openEmpty();
+  return error == 0 ? 1 : error;
+}
+
+}  // namespace slm

@@ -1,0 +1,34 @@
+// The agent's trace: one text file (or standard output) shared by every thread, each message
+// stamped with source position, local time and thread, rolled over to one ".bck" backup when the
+// file passes its size limit. Every message goes through SLM_TRACE.
+#pragma once
+
+#include <cstdint>
+
+namespace slm {
+
+constexpr int32_t kTraceDefaultSize = 2000000;
+constexpr int32_t kTraceMinSize = 5000;       // limits at or below this are refused
+constexpr int32_t kTraceMaxSize = 100000000;  // limits at or above this are refused
+constexpr int kTraceNameMax = 1023;
+
+// `path` null traces to standard output. Empties the file, resets level 0 and the default size.
+void startTrace(const char* path);
+// Stores -1..3 and ignores other values; -1 also closes the stream and turns tracing off.
+void setTraceLevel(int32_t level);
+void setTraceSize(int32_t bytes);
+bool traceActive(int32_t level);
+void outputTrace(const char* file, int line, const char* format, ...)
+    __attribute__((format(printf, 3, 4)));
+void stopTrace();
+// 1 when the file was reopened, -1 when a stream is still recorded, else the system error number.
+int restartTrace();
+
+}  // namespace slm
+
+// The one trace call: the level test first, so that arguments are evaluated only when the message
+// is wanted.
+#define SLM_TRACE(level, ...)                                                     \
+  do {                                                                            \
+    if (::slm::traceActive(level)) ::slm::outputTrace(__FILE__, __LINE__, __VA_ARGS__); \
+  } while (0)
