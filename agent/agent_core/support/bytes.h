@@ -38,7 +38,8 @@ inline uint64_t getFixed64(const uint8_t* src) {
 }
 
 // Writes a text into a fixed field of `size` bytes: the text's bytes, then zeros to the end of the
-// field. A text of `size` bytes or more is cut to `size` bytes (the field holds no terminator then).
+// field. A text of `size` bytes or more is cut to `size` bytes (the field holds no terminator
+// then).
 inline void putText(uint8_t* dst, size_t size, const char* src) {
   size_t length = src == nullptr ? 0 : strnlen(src, size);
   memcpy(dst, src, length);

@@ -106,7 +106,9 @@ void setTraceSize(int32_t bytes) {
   }
 }
 
-bool traceActive(int32_t level) { return trace.active && trace.level >= level; }
+bool traceActive(int32_t level) {
+  return trace.active && trace.level >= level;
+}
 
 void outputTrace(const char* file, int line, const char* format, ...) {
   TraceLock lock;

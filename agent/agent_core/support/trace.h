@@ -28,7 +28,7 @@ int restartTrace();
 
 // The one trace call: the level test first, so that arguments are evaluated only when the message
 // is wanted.
-#define SLM_TRACE(level, ...)                                                     \
-  do {                                                                            \
+#define SLM_TRACE(level, ...)                                                           \
+  do {                                                                                  \
     if (::slm::traceActive(level)) ::slm::outputTrace(__FILE__, __LINE__, __VA_ARGS__); \
   } while (0)

@@ -22,9 +22,13 @@ std::string& rootSlot() {
 
 }  // namespace
 
-const std::string& agentRoot() { return rootSlot(); }
+const std::string& agentRoot() {
+  return rootSlot();
+}
 
-void setAgentRoot(const char* root) { rootSlot() = normalizedRoot(root); }
+void setAgentRoot(const char* root) {
+  rootSlot() = normalizedRoot(root);
+}
 
 std::string rootedPath(const char* path) {
   if (path == nullptr) return agentRoot();
