@@ -1,0 +1,83 @@
+"""Command line: `serve`, `dump` and `sign`.
+
+`serve` prints "port N" as its first line once it listens, reloads its
+scenario on SIGHUP and stops cleanly on SIGTERM or SIGINT.
+"""
+
+import argparse
+import signal
+import sys
+import threading
+
+from . import downloads, report
+from .httpd import RuntimeServer
+from .scenario import ScenarioError
+
+
+def main(argv=None):
+    parser = argparse.ArgumentParser(prog="runtime_server", description="Reference runtime server.")
+    sub = parser.add_subparsers(dest="command", required=True)
+
+    serve = sub.add_parser("serve", help="listen on 127.0.0.1 and answer agents")
+    serve.add_argument("--state", required=True, help="state directory (holds server.db)")
+    serve.add_argument("--scenario", help="scenario JSON file")
+    serve.add_argument("--port", type=int, default=0, help="port; 0 picks a free one")
+    serve.add_argument("--verbose", action="store_true", help="one line per request on stderr")
+
+    dump = sub.add_parser("dump", help="print a summary of the state database")
+    dump.add_argument("--state", required=True)
+    dump.add_argument("--raw", type=int, metavar="ID", help="print request ID's raw bytes")
+
+    sign = sub.add_parser("sign", help="write FILE.sign for each file (directories: every file below)")
+    sign.add_argument("--key", default=downloads.DEFAULT_KEY, help="private key (PEM)")
+    sign.add_argument("paths", nargs="+")
+
+    args = parser.parse_args(argv)
+    if args.command == "serve":
+        return serve_command(args)
+    if args.command == "dump":
+        return report.dump(args.state, args.raw, sys.stdout)
+    try:
+        for path in downloads.sign_tree(args.paths, args.key):
+            print(path)
+    except downloads.SignError as e:
+        print(e, file=sys.stderr)
+        return 1
+    return 0
+
+
+def serve_command(args):
+    try:
+        server = RuntimeServer(args.state, args.scenario, args.port, args.verbose)
+    except (ScenarioError, OSError) as e:
+        print("cannot start: %s" % e, file=sys.stderr)
+        return 1
+    wake = threading.Event()
+    wanted = {"stop": False, "reload": False}
+
+    def on_signal(what):
+        # Handlers only raise flags; the main thread does the work, since
+        # shutting the server down from inside a handler would deadlock.
+        def handler(*_):
+            wanted[what] = True
+            wake.set()
+        return handler
+
+    signal.signal(signal.SIGTERM, on_signal("stop"))
+    signal.signal(signal.SIGINT, on_signal("stop"))
+    signal.signal(signal.SIGHUP, on_signal("reload"))
+
+    server.start()
+    print("port %d" % server.port, flush=True)
+    while not wanted["stop"]:
+        wake.wait()
+        wake.clear()
+        if wanted["reload"] and not wanted["stop"]:
+            wanted["reload"] = False
+            try:
+                server.reload()
+                print("reloaded %s" % args.scenario, file=sys.stderr, flush=True)
+            except ScenarioError as e:
+                print("reload failed, scenario kept: %s" % e, file=sys.stderr, flush=True)
+    server.stop()
+    return 0

@@ -1,0 +1,236 @@
+"""Strict checks of an agent's request against the agent protocol.
+
+`check_head` looks at the request line and header lines, `parse_body` splits
+a service body into its time line, format version and fields. Each deviation
+becomes a (kind, detail) pair that the server stores as a violation.
+"""
+
+import re
+
+from .framing import TERMINATOR
+
+# The agent's header table, in the order its lines must appear.
+HEADER_ORDER = (
+    "Host", "Connection", "Pragma", "Cache-Control", "User-Agent",
+    "Accept-Charset", "Server", "Content-Length", "Content-Type",
+    "Content-Enconding", "SCPVersion", "Service", "SubjectCustomer",
+    "SubjectID", "SubjectType",
+)
+FIXED_VALUES = {
+    "Connection": "close", "Pragma": "no-cache", "Cache-Control": "no-cache",
+    "User-Agent": "SLMAgent", "Accept-Charset": "UTF-8",
+    "Content-Type": "text/plain", "SCPVersion": "1.1.1", "SubjectType": "SLMAgent",
+}
+COMMON_REQUIRED = ("Host", "Connection", "Pragma", "Cache-Control", "User-Agent",
+                   "Accept-Charset", "Content-Type", "SCPVersion", "SubjectType")
+# Header 6 has no default and header 9 is either unset or suppressed by the
+# agent, so neither may ever appear.
+NEVER_SENT = ("Server", "Content-Enconding")
+
+REQUEST_LINE = re.compile(r"^(GET|POST) (/\S*|http://[^/\s]+/\S*) HTTP/1\.0$")
+INT64 = re.compile(r"^(0|-?[1-9][0-9]*)$")
+TIME_LINE = re.compile(r"^(0|-?[1-9][0-9]*000)$")
+VERSION = re.compile(r"^[0-9]+(\.[0-9]+)*$")
+
+# Fields of each service after the time line and the format version.
+#   int64/int32: decimal without leading zeros; time: "0" or seconds + "000";
+#   text: any line; tag: at most 40 characters; literal:X: exactly X.
+SERVICE_FIELDS = {
+    "1": (),
+    "2": (("version", "version"), ("agent_id", "int64"), ("host", "text"),
+          ("ip", "text"), ("os_family", "text"), ("os_description", "text"),
+          ("memory", "int32"), ("disks", "int32"), ("reserved", "int32"),
+          ("processors", "int32"), ("processors2", "int32"),
+          ("division_id", "int64"), ("node_id", "int64"), ("agent_time", "time"),
+          ("tag", "tag")),
+    "3": (("agent_id", "int64"), ("last_update", "int64")),
+    "8": (("agent_id", "int64"), ("division_id", "int64")),
+    "11": (("agent_id", "int64"), ("division_id", "int64")),
+    "12": (("agent_id", "int64"), ("version", "version"), ("system", "text"),
+           ("release", "text"), ("machine", "text"), ("division_id", "int64"),
+           ("tag", "text"), ("server_host", "text"), ("server_port", "int32"),
+           ("root", "literal:/"), ("customer", "text"), ("command_buffer", "text")),
+}
+UPLOAD_HEAD = (("agent_id", "int64"), ("inventory", "bool"), ("scan_time", "time"),
+               ("last", "bool"))
+KNOWN_SERVICES = set(SERVICE_FIELDS) | {"7"}
+RECORD_FIELDS = ("name", "size", "directory", "attr1", "attr2",
+                 "text1", "text2", "text3", "text4")
+
+
+def check_head(req):
+    """Violations of the request line and headers."""
+    out = []
+    if not REQUEST_LINE.match(req.request_line or ""):
+        out.append(("request-line", "bad request line %r" % req.request_line))
+    method = req.method
+    seen = {}
+    last_index = -1
+    for name, value, raw in req.headers:
+        if value is None:
+            out.append(("header-format", "header line without a colon: %r" % raw))
+            continue
+        if value[:1] in (" ", "\t"):
+            out.append(("header-format", "blank after the colon: %r" % raw))
+        if name not in HEADER_ORDER:
+            out.append(("header-unknown", "unknown header name %r" % name))
+            continue
+        if name in seen:
+            out.append(("header-duplicate", "second %s line: %r" % (name, raw)))
+            continue
+        seen[name] = value
+        index = HEADER_ORDER.index(name)
+        if index < last_index:
+            out.append(("header-order", "%s after %s" % (name, HEADER_ORDER[last_index])))
+        last_index = max(last_index, index)
+
+    required = list(COMMON_REQUIRED)
+    unexpected = list(NEVER_SENT)
+    if method == "POST":
+        required += ["Content-Length", "Service"]
+    else:
+        # A download has no body and names no service.
+        unexpected += ["Content-Length", "Service"]
+    for name in required:
+        if name not in seen:
+            out.append(("header-missing", "no %s header" % name))
+    for name in unexpected:
+        if name in seen:
+            out.append(("header-unexpected", "%s must not be sent here: %r" % (name, seen[name])))
+    for name, want in FIXED_VALUES.items():
+        if name in seen and seen[name] != want:
+            out.append(("header-value", "%s is %r, expected %r" % (name, seen[name], want)))
+    host = seen.get("Host")
+    if host is not None and (host == "" or ":" in host):
+        out.append(("header-value", "Host must be the bare host name: %r" % host))
+    service = seen.get("Service")
+    if method == "POST" and service is not None and service not in KNOWN_SERVICES:
+        out.append(("header-value", "unknown service %r" % service))
+    for name in ("SubjectCustomer", "SubjectID"):
+        if name in seen and any(ord(ch) > 127 for ch in seen[name]):
+            out.append(("header-value", "%s holds bytes above 127: %r" % (name, seen[name])))
+    length = seen.get("Content-Length")
+    if length is not None:
+        if not INT64.match(length) or length.startswith("-"):
+            out.append(("content-length", "Content-Length is not a decimal number: %r" % length))
+        elif int(length) != len(req.body):
+            out.append(("content-length", "Content-Length %s but the body has %d bytes"
+                        % (length, len(req.body))))
+    return out
+
+
+class Body:
+    """A parsed service body. `fields` maps names to text; `records` holds
+    the upload's file records as dicts; `violations` the deviations."""
+
+    def __init__(self):
+        self.time = None
+        self.fields = {}
+        self.records = []
+        self.violations = []
+
+
+def parse_body(service, body):
+    b = Body()
+    v = b.violations
+    try:
+        text = body.decode("utf-8")
+    except UnicodeDecodeError as e:
+        v.append(("body-encoding", "body is not UTF-8: %s" % e))
+        text = body.decode("utf-8", errors="replace")
+    term = TERMINATOR.decode()
+    if text.endswith(term):
+        text = text[:-len(term)]
+    else:
+        v.append(("body-terminator", "body does not end with the request terminator"))
+        at = text.rfind(term)
+        if at >= 0:
+            text = text[:at]
+    if text and not text.endswith("\r\n"):
+        v.append(("body-format", "last line before the terminator lacks CR LF"))
+    lines = text.split("\r\n")
+    if lines and lines[-1] == "":
+        lines.pop()
+
+    if len(lines) < 1 or not TIME_LINE.match(lines[0]):
+        v.append(("body-time", "time line is %r" % (lines[0] if lines else None)))
+    else:
+        b.time = int(lines[0])
+    if len(lines) < 2 or lines[1] != "1.0":
+        v.append(("body-version", "format version line is %r, expected '1.0'"
+                  % (lines[1] if len(lines) > 1 else None)))
+    fields = lines[2:]
+    if service == "7":
+        _parse_upload(b, fields)
+    elif service in SERVICE_FIELDS:
+        spec = SERVICE_FIELDS[service]
+        _check_fields(b, spec, fields)
+        if len(fields) != len(spec):
+            v.append(("body-fields", "service %s has %d fields, expected %d"
+                      % (service, len(fields), len(spec))))
+    return b
+
+
+def _check_fields(b, spec, lines):
+    for (name, kind), value in zip(spec, lines):
+        b.fields[name] = value
+        problem = _field_problem(kind, value)
+        if problem:
+            b.violations.append(("body-fields", "%s %s: %r" % (name, problem, value)))
+
+
+def _field_problem(kind, value):
+    if kind == "int64":
+        if not INT64.match(value) or not -2**63 <= int(value) < 2**63:
+            return "is not a signed 64-bit decimal"
+    elif kind == "int32":
+        if not INT64.match(value) or not -2**31 <= int(value) < 2**31:
+            return "is not a signed 32-bit decimal"
+    elif kind == "time":
+        if not TIME_LINE.match(value):
+            return "is not a time in milliseconds"
+    elif kind == "bool":
+        if value not in ("true", "false"):
+            return "is not true or false"
+    elif kind == "version":
+        if not VERSION.match(value):
+            return "is not a version number"
+    elif kind == "tag":
+        if len(value) > 40:
+            return "is longer than 40 characters"
+    elif kind.startswith("literal:"):
+        if value != kind[len("literal:"):]:
+            return "should be %r" % kind[len("literal:"):]
+    return None
+
+
+def _parse_upload(b, lines):
+    v = b.violations
+    _check_fields(b, UPLOAD_HEAD, lines)
+    if len(lines) < 5 or lines[4] != "<files>":
+        v.append(("body-fields", "upload lacks the <files> line after its four fields"))
+        return
+    if b.fields.get("inventory") == "false" and (
+            b.fields.get("scan_time") != "0" or b.fields.get("last") != "true"):
+        v.append(("body-fields", "unknown-files upload must send scan time 0 and last true"))
+    rest = lines[5:]
+    if not rest or rest[-1] != "</files>":
+        v.append(("body-fields", "upload lacks the </files> line"))
+    else:
+        rest = rest[:-1]
+    for n, line in enumerate(rest, 1):
+        parts = line.split("|")
+        if len(parts) != len(RECORD_FIELDS):
+            v.append(("body-record", "record %d has %d fields, expected 9: %r"
+                      % (n, len(parts), line)))
+            continue
+        rec = dict(zip(RECORD_FIELDS, parts))
+        for name, kind in (("size", "int64"), ("attr1", "int32u"), ("attr2", "int32u")):
+            ok = INT64.match(rec[name]) is not None
+            if ok and kind == "int32u":
+                ok = -2**31 <= int(rec[name]) < 2**32
+            if not ok:
+                v.append(("body-record", "record %d: %s %r is not a decimal" % (n, name, rec[name])))
+                break
+        else:
+            b.records.append(rec)

@@ -1,0 +1,188 @@
+"""The threaded TCP server: one thread per connection, one request each.
+
+A connection is read whole, checked, logged with its raw bytes, then answered
+as a service (POST) or a file download (GET), with the scenario's faults
+applied. The scenario can be swapped while the server runs.
+"""
+
+import os
+import socket
+import socketserver
+import sys
+import threading
+import time
+
+from . import conformance, downloads, framing, services
+from .scenario import Scenario, ScenarioError
+from .state import State
+
+SCP_VERSION = "1.1.1"
+MAX_DELAY_SECONDS = 3600
+LINGER_SECONDS = 2.0
+
+
+class RuntimeServer(socketserver.ThreadingMixIn, socketserver.TCPServer):
+    daemon_threads = True
+    allow_reuse_address = True
+    request_queue_size = 1024
+
+    def __init__(self, state_dir, scenario_path=None, port=0, verbose=False):
+        self.scenario_path = scenario_path
+        self.verbose = verbose
+        self.scenario = load_scenario(scenario_path)
+        self.state = State(state_dir)
+        super().__init__(("127.0.0.1", port), Handler)
+        self._thread = None
+
+    @property
+    def port(self):
+        return self.server_address[1]
+
+    def reload(self):
+        """Replace the scenario from its file; on error keep the old one and
+        raise ScenarioError."""
+        self.scenario = load_scenario(self.scenario_path)
+
+    def start(self):
+        """Serve on a background thread (for tests that run in-process)."""
+        self._thread = threading.Thread(target=self.serve_forever, name="runtime-server", daemon=True)
+        self._thread.start()
+        return self
+
+    def stop(self):
+        self.shutdown()
+        self.server_close()
+        if self._thread:
+            self._thread.join(5)
+        self.state.close()
+
+    def log(self, text):
+        if self.verbose:
+            print(text, file=sys.stderr, flush=True)
+
+
+def load_scenario(path):
+    scenario = Scenario.load(path)
+    d = scenario.downloads
+    if d["sign"] and d["root"]:
+        try:
+            downloads.sign_tree([d["root"]], d["key"], only_stale=True)
+        except downloads.SignError as e:
+            raise ScenarioError(str(e)) from e
+    return scenario
+
+
+class Handler(socketserver.BaseRequestHandler):
+    def handle(self):
+        server = self.server
+        scenario = server.scenario
+        sock = self.request
+        peer = "%s:%d" % self.client_address[:2]
+        req = framing.read_request(sock, scenario.read_timeout)
+        violations = list(req.problems)
+        if req.request_line is None:
+            server.state.log_request(peer, req, None, None, violations)
+            server.log("%s incomplete request (%d bytes)" % (peer, len(req.raw)))
+            return
+        violations += conformance.check_head(req)
+        service = req.header("Service") if req.method == "POST" else None
+        body = None
+        if req.method == "POST" and service in services.HANDLERS:
+            body = conformance.parse_body(service, req.body)
+            violations += body.violations
+        agent_id = None
+        if body is not None and conformance.INT64.match(body.fields.get("agent_id", "x")):
+            agent_id = int(body.fields["agent_id"])
+        rid = server.state.log_request(peer, req, service, agent_id, violations)
+        server.log("%s %s service=%s violations=%d" % (peer, req.request_line, service, len(violations)))
+
+        if body is not None:
+            self.answer_service(scenario, rid, service, body)
+        elif req.method == "GET":
+            self.answer_download(scenario, rid, req.path)
+        else:
+            server.state.set_answer(rid, 400, None, None)
+            self.send(framing.response_head(400, [("Connection", "close"), ("Content-Length", "0")],
+                                            scenario.header_separator), [], {})
+
+    def answer_service(self, scenario, rid, service, body):
+        server = self.server
+        b = scenario.behaviour(service)
+        ctx = services.Context(scenario, server.state, rid, body, server.port)
+        ans = services.answer(service, ctx, b)
+        if "payload" in b:
+            ans = services.Answer(ans.result, str(b["payload"]), ans.status)
+        if "trailer" in b:
+            tail = str(b["trailer"]).encode("utf-8")
+        else:
+            tail = services.trailer(ans.status, ans.result, scenario.trailer_text)
+        http_status = int(b.get("http_status", 200))
+        head = framing.response_head(http_status, [
+            ("Connection", "close"),
+            ("Content-Type", "text/plain"),
+            ("Content-Length", str(ans.length + len(tail))),
+            ("SCPVersion", b.get("scp_version", SCP_VERSION)),
+            ("Service", service),
+        ], scenario.header_separator, b.get("http_reason"))
+        server.state.set_answer(rid, http_status, ans.status, ans.result)
+        self.send(head, _chain(ans.chunks(), [tail]), b)
+
+    def answer_download(self, scenario, rid, path):
+        server = self.server
+        key = "/" + path.split("://", 1)[1].partition("/")[2] if path.startswith("http://") else path
+        b = scenario.download_behaviour(key)
+        local = downloads.resolve(scenario.downloads["root"], path)
+        status = int(b.get("http_status", 200 if local else 404))
+        if local and 200 <= status < 300:
+            size = os.path.getsize(local)
+            chunks = _file_chunks(local)
+        else:
+            size, chunks = 0, []
+        head = framing.response_head(status, [
+            ("Connection", "close"),
+            ("Content-Type", "application/octet-stream"),
+            ("Content-Length", str(size)),
+        ], scenario.header_separator, b.get("http_reason"))
+        server.state.set_answer(rid, status, None, None)
+        self.send(head, chunks, b)
+
+    def send(self, head, chunks, behaviour):
+        delay = float(behaviour.get("delay", 0))
+        if delay > 0:
+            time.sleep(min(delay, MAX_DELAY_SECONDS))
+        limit = behaviour.get("close_after")
+        out = framing.CappedWriter(self.request, None if limit is None else int(limit))
+        out.write(head)
+        for chunk in chunks:
+            if out.closed:
+                break
+            out.write(chunk)
+        out.flush()
+
+    def finish(self):
+        # Half-close and wait for the peer to hang up, so that unread request
+        # bytes on our side cannot turn the close into a reset that destroys
+        # the answer in flight.
+        sock = self.request
+        try:
+            sock.shutdown(socket.SHUT_WR)
+            sock.settimeout(LINGER_SECONDS)
+            deadline = time.monotonic() + LINGER_SECONDS
+            while time.monotonic() < deadline and sock.recv(65536):
+                pass
+        except OSError:
+            pass
+
+
+def _chain(*iterables):
+    for it in iterables:
+        yield from it
+
+
+def _file_chunks(path):
+    with open(path, "rb") as f:
+        while True:
+            data = f.read(65536)
+            if not data:
+                return
+            yield data
