@@ -1,0 +1,167 @@
+// The cache version table, the cache header coding and the validating open of
+// cache files.
+#include "agent_core/cache/cache_file.h"
+
+#include <cstring>
+#include <memory>
+#include <utility>
+
+#include "agent_core/slm_conf.h"
+#include "agent_core/support/bytes.h"
+#include "agent_core/support/trace.h"
+#include "agent_core/support/unix_common.h"
+
+namespace slm {
+namespace {
+
+CacheVersion cache_versions[kCacheFileCount];
+
+bool validFileId(int32_t fileId) {
+  if (fileId >= 0 && fileId < kCacheFileCount) return true;
+  SLM_TRACE(1, "CACHE - Bad file_id value %d", fileId);
+  return false;
+}
+
+struct FileCloser {
+  void operator()(FILE* file) const { fclose(file); }
+};
+using FileHandle = std::unique_ptr<FILE, FileCloser>;
+
+// Closes and deletes a file whose content must not be used, so that its cache
+// starts empty.
+int discard(FileHandle file, const char* path) {
+  file.reset();
+  remove(path);
+  return kCacheFileBad;
+}
+
+}  // namespace
+
+void encodeCacheVersion(const CacheVersion& version, uint8_t* out) {
+  putFixed32(out + kCacheMajorOffset, version.majorNumber);
+  putFixed32(out + kCacheMinorOffset, version.minorNumber);
+}
+
+CacheVersion decodeCacheVersion(const uint8_t* in) {
+  return CacheVersion{getFixed32(in + kCacheMajorOffset), getFixed32(in + kCacheMinorOffset)};
+}
+
+void encodeCacheHeader(const CacheHeader& header, uint8_t* out) {
+  encodeCacheVersion(header.version, out);
+  putFixed64(out + kCacheTimestampOffset, static_cast<uint64_t>(header.timestamp));
+  putText(out + kCacheServerNameOffset, kCacheServerNameSize, header.serverName);
+}
+
+void decodeCacheHeader(const uint8_t* in, CacheHeader* header) {
+  header->version = decodeCacheVersion(in);
+  header->timestamp = static_cast<int64_t>(getFixed64(in + kCacheTimestampOffset));
+  getText(in + kCacheServerNameOffset, kCacheServerNameSize, header->serverName);
+}
+
+char* cacheFilePath(const char* fileName, char* out) {
+  rootedPath(kCacheDir, out, kCachePathSize);
+  size_t length = strlen(out);
+  if (length + 1 < kCachePathSize) out[length++] = '/';
+  out[length] = '\0';
+  // The name gets what is left of 4094 characters after the directory and the
+  // slash.
+  size_t room = length < kCachePathSize - 2 ? kCachePathSize - 2 - length : 0;
+  copyBounded(out + length, room, fileName);
+  return out;
+}
+
+int setCacheVersion(int32_t fileId, uint32_t majorNumber, uint32_t minorNumber) {
+  if (!validFileId(fileId)) return kCacheVersionBad;
+  cache_versions[fileId] = CacheVersion{majorNumber, minorNumber};
+  return kCacheVersionOk;
+}
+
+int getCacheVersion(int32_t fileId, CacheVersion* version) {
+  if (!validFileId(fileId)) return kCacheVersionBad;
+  *version = cache_versions[fileId];
+  return kCacheVersionOk;
+}
+
+int testCacheVersion(int32_t fileId, const CacheVersion& read) {
+  if (!validFileId(fileId)) return kCacheVersionBad;
+  const CacheVersion& actual = cache_versions[fileId];
+  // The file's number goes under "actual" and the table's under "read": the
+  // labels are swapped on purpose and kept that way.
+  if (read.majorNumber != actual.majorNumber) {
+    SLM_TRACE(1, "WARNING - The major version is different: actual %d, read %d",
+              static_cast<int>(read.majorNumber), static_cast<int>(actual.majorNumber));
+    return kCacheVersionBad;
+  }
+  if (read.minorNumber != actual.minorNumber) {
+    SLM_TRACE(1, "WARNING - The minor version is different: actual %d, read %d",
+              static_cast<int>(read.minorNumber), static_cast<int>(actual.minorNumber));
+    return kCacheVersionBad;
+  }
+  return kCacheVersionOk;
+}
+
+int openCacheFile(const char* path, int32_t fileId, FILE** file, int64_t* timestamp) {
+  FileHandle handle(fopen(path, "rb"));
+  if (handle == nullptr) {
+    *file = nullptr;
+    return kCacheFileMissing;
+  }
+
+  uint8_t versionBytes[kCacheVersionSize];
+  size_t majorRead = fread(versionBytes + kCacheMajorOffset, 1, 4, handle.get());
+  size_t minorRead = fread(versionBytes + kCacheMinorOffset, 1, 4, handle.get());
+  static_cast<void>(majorRead);  // a short major number also leaves the minor number short
+  if (minorRead != 4) {
+    // The one bad header that stays on disk; the next store of this cache
+    // overwrites it.
+    SLM_TRACE(0, "ERROR - Reading cache version from file %s", path);
+    return kCacheFileBad;
+  }
+  CacheVersion version = decodeCacheVersion(versionBytes);
+  if (testCacheVersion(fileId, version) != kCacheVersionOk) {
+    SLM_TRACE(0, "ERROR - Checking cache version for file %s", path);
+    return discard(std::move(handle), path);
+  }
+  SLM_TRACE(2, "OK - Cache version in file %s is %d.%d", path,
+            static_cast<int>(version.majorNumber), static_cast<int>(version.minorNumber));
+
+  if (timestamp == nullptr) {
+    *file = handle.release();
+    return kCacheFileValid;
+  }
+
+  uint8_t timestampBytes[kCacheTimestampSize];
+  if (fread(timestampBytes, 1, kCacheTimestampSize, handle.get()) != kCacheTimestampSize) {
+    SLM_TRACE(0, "ERROR - Reading timestamp from file %s", path);
+    return discard(std::move(handle), path);
+  }
+  *timestamp = static_cast<int64_t>(getFixed64(timestampBytes));
+
+  uint8_t nameBytes[kCacheServerNameSize] = {};
+  if (fread(nameBytes, 1, kCacheServerNameSize, handle.get()) != kCacheServerNameSize) {
+    SLM_TRACE(0, "ERROR - Reading the preferred server name from file %s", path);
+    return discard(std::move(handle), path);
+  }
+  char fileServer[kCacheServerNameSize + 1];
+  getText(nameBytes, kCacheServerNameSize, fileServer);
+
+  // Only the length of the configured name is compared: a file written for a
+  // server whose name begins with it is kept, and an empty setting accepts
+  // every file. A file written for another server describes that server's world
+  // and must not be used.
+  char configured[kCacheServerNameSize] = "";
+  if (getConfigurationValue("server", configured, sizeof configured) != kConfigurationValueFound)
+    configured[0] = '\0';
+  if (strncmp(fileServer, configured, strlen(configured)) != 0) {
+    SLM_TRACE(1,
+              "CACHE - Server in configuration file different from the one in "
+              "file %s.",
+              path);
+    return discard(std::move(handle), path);
+  }
+
+  *file = handle.release();
+  return kCacheFileValid;
+}
+
+}  // namespace slm
