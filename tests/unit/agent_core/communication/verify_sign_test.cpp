@@ -3,15 +3,13 @@
 #include "agent_core/verifySign.h"
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
-#include <unistd.h>
 
 #include <cstdio>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
+#include <cstdlib>
 #include <string>
 #include <vector>
+
+#include "support/temp_root.h"
 
 namespace slm {
 namespace {
@@ -20,26 +18,12 @@ const std::string kDevPrivateKey = std::string(SLM_SOURCE_DIR) + "/tests/data/ke
 
 class VerifySign : public ::testing::Test {
  protected:
-  void SetUp() override {
-    char pattern[] = "/tmp/verify_sign_XXXXXX";
-    ASSERT_NE(mkdtemp(pattern), nullptr);
-    dir_ = pattern;
-    ASSERT_EQ(initSlmRSAContext(), kRsaContextReady);
-  }
-  void TearDown() override {
-    disposeSlmRSAContext();
-    std::filesystem::remove_all(dir_);
-  }
+  void SetUp() override { ASSERT_EQ(initSlmRSAContext(), kRsaContextReady); }
+  void TearDown() override { disposeSlmRSAContext(); }
 
   std::string writeFile(const std::string& name, const std::string& content) {
-    std::string path = dir_ + "/" + name;
-    std::ofstream(path, std::ios::binary) << content;
-    return path;
-  }
-
-  static std::vector<uint8_t> readBytes(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+    dir_.writeFile(name, content);
+    return dir_.file(name);
   }
 
   // Signs `path` with the openssl tool and returns the signature's bytes.
@@ -47,11 +31,12 @@ class VerifySign : public ::testing::Test {
     std::string out = path + ".sig";
     std::string command = "openssl dgst -md5 -sign '" + key + "' -out '" + out + "' '" + path + "'";
     EXPECT_EQ(std::system(command.c_str()), 0) << command;
-    return readBytes(out);
+    std::string bytes = test::readFile(out);
+    return {bytes.begin(), bytes.end()};
   }
 
   std::string otherKey() {
-    std::string key = dir_ + "/other.pem";
+    std::string key = dir_.file("other.pem");
     std::string command = "openssl genpkey -algorithm RSA -pkeyopt rsa_keygen_bits:512 -out '" +
                           key + "' 2>/dev/null";
     EXPECT_EQ(std::system(command.c_str()), 0) << command;
@@ -67,7 +52,7 @@ class VerifySign : public ::testing::Test {
     return result;
   }
 
-  std::string dir_;
+  test::TempDir dir_;
 };
 
 TEST_F(VerifySign, AcceptsOnlyTheSigningKeysSignatureOverTheExactContent) {
