@@ -1,0 +1,511 @@
+// Buffered streams, the tokenizer and the three lower streams (socket, body encoder,
+// kernel-configuration file). Objects are plain structures; buffers are malloc'ed so they can be
+// grown in place.
+#include "agent_core/communication/slm_stream.h"
+
+#include <arpa/inet.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <sys/select.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstddef>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+
+#include "agent_core/communication/slm_http.h"
+
+namespace slm {
+namespace {
+
+// A position in the unread bytes where one of the delimiters begins.
+struct DelimiterMatch {
+  int offset;
+  int result;  // kTokenFoundB or kTokenFoundA, 0 when nothing matched
+};
+
+bool matchesAt(const char* at, const char* end, const TokenDesc* delim) {
+  if (delim->length <= 0 || end - at < delim->length) return false;
+  return memcmp(at, delim->text, static_cast<size_t>(delim->length)) == 0;
+}
+
+// Scans the unread bytes for the first position where either delimiter begins. At one position
+// the shorter delimiter completes first and wins; B wins when both complete together.
+DelimiterMatch findDelimiter(const BufferedStream* stream, const TokenDesc* delimA,
+                             const TokenDesc* delimB) {
+  const char* end = stream->buf + stream->stored;
+  int shortest = delimA->length < delimB->length ? delimA->length : delimB->length;
+  for (const char* at = stream->cur; at <= end - shortest; ++at) {
+    bool foundB = matchesAt(at, end, delimB);
+    bool foundA = matchesAt(at, end, delimA);
+    int offset = static_cast<int>(at - stream->cur);
+    if (foundB && (!foundA || delimB->length <= delimA->length)) {
+      return {offset, kTokenFoundB};
+    }
+    if (foundA) return {offset, kTokenFoundA};
+  }
+  return {0, 0};
+}
+
+// Reallocates the buffer to `size` bytes (plus the terminator byte when `terminated`), keeping the
+// position's distance from the start. False when the memory cannot be had.
+bool resizeBuffer(BufferedStream* stream, int size, bool terminated) {
+  std::ptrdiff_t position = stream->cur - stream->buf;
+  size_t bytes = static_cast<size_t>(size) + (terminated ? 1 : 0);
+  char* grown = static_cast<char*>(realloc(stream->buf, bytes));
+  if (grown == nullptr) return false;
+  stream->buf = grown;
+  stream->cur = grown + position;
+  stream->capacity = size;
+  if (terminated) grown[size] = '\0';
+  return true;
+}
+
+struct SocketContext {
+  char* host;
+  uint16_t port;
+  int timeoutSeconds;
+  int socket;
+};
+
+struct EncodingContext {
+  HttpHandle* handle;
+  BufferedStream* socketSide;
+  float writeFactor;
+  float readFactor;
+  ConvertFn encode;
+  ConvertFn decode;
+};
+
+struct KerConfContext {
+  char* path;
+  FILE* file;
+};
+
+// Resolves `host` to an IPv4 address in network order. False when there is none.
+bool resolveHost(const char* host, in_addr_t* address) {
+  // Only texts starting with 1 to 9 are dotted addresses here: "0.0.0.0" or "010.1.1.1" go to the
+  // resolver, which is how the agent has always treated them.
+  if (host[0] >= '1' && host[0] <= '9') {
+    in_addr_t dotted = inet_addr(host);
+    if (dotted != INADDR_NONE) {
+      *address = dotted;
+      return true;
+    }
+  }
+  // The reentrant form: several agent threads may open connections at once.
+  hostent entry;
+  hostent* found = nullptr;
+  char scratch[8192];
+  int error = 0;
+  if (gethostbyname_r(host, &entry, scratch, sizeof scratch, &found, &error) != 0 ||
+      found == nullptr || found->h_addrtype != AF_INET || found->h_addr_list[0] == nullptr) {
+    return false;
+  }
+  memcpy(address, found->h_addr_list[0], sizeof *address);
+  return true;
+}
+
+}  // namespace
+
+BufferedStream* initBufferStream(int count, int unit, SlmStream* lower) {
+  if (count <= 0 || unit <= 0 || lower == nullptr) return nullptr;
+  auto* stream = new (std::nothrow) BufferedStream{};
+  if (stream == nullptr) return nullptr;
+  stream->unit = unit;
+  stream->capacity = count * unit;
+  stream->buf = static_cast<char*>(malloc(static_cast<size_t>(stream->capacity) + 1));
+  if (stream->buf == nullptr) {
+    delete stream;
+    return nullptr;
+  }
+  stream->buf[stream->capacity] = '\0';
+  resetBufferedStream(stream);
+  stream->lower = lower;
+  if (lower->open(lower->context) != 0) {
+    free(stream->buf);
+    delete stream;
+    return nullptr;
+  }
+  return stream;
+}
+
+void closeBufferedStream(BufferedStream* stream) {
+  if (stream == nullptr) return;
+  free(stream->buf);
+  stream->lower->close(stream->lower->context);
+  delete stream;
+}
+
+int resetBufferedStream(BufferedStream* stream) {
+  memset(stream->buf, 0, static_cast<size_t>(stream->capacity));
+  stream->stored = 0;
+  stream->cur = stream->buf;
+  return 0;
+}
+
+int getStoredBytes(const BufferedStream* stream) {
+  return stream->stored;
+}
+
+int adjustBufferStream(BufferedStream* stream, int size) {
+  if (size < 0) return kStreamIoError;
+  if (size <= stream->capacity) return 0;
+  return resizeBuffer(stream, size, false) ? 0 : kStreamIoError;
+}
+
+int refillBufferedStream(BufferedStream* stream, int mode) {
+  int result = 0;
+  if (mode == kRefillFresh) {
+    resetBufferedStream(stream);
+    result = stream->lower->read(stream->lower->context, stream->buf, stream->capacity, 0);
+  } else if (mode == kRefillCompact) {
+    if (stream->cur == stream->buf && stream->stored != 0) return kStreamNoRoom;
+    stream->stored -= static_cast<int>(stream->cur - stream->buf);
+    memmove(stream->buf, stream->cur, static_cast<size_t>(stream->stored));
+    stream->cur = stream->buf;
+    result = stream->lower->read(stream->lower->context, stream->buf + stream->stored,
+                                 stream->capacity - stream->stored, 0);
+  } else {
+    return 0;
+  }
+  if (result < 1) return result;
+  stream->stored += result;
+  return result;
+}
+
+int flushBufferedStream(BufferedStream* stream) {
+  int result = stream->lower->write(stream->lower->context, stream->buf, stream->stored, 0);
+  if (result < 1) return result;
+  resetBufferedStream(stream);
+  return result;
+}
+
+int writeBufferStr(BufferedStream* stream, const char* data, int len, int grow) {
+  if (len <= stream->capacity - stream->stored) {
+    memcpy(stream->cur, data, static_cast<size_t>(len));
+    stream->cur += len;
+    stream->stored += len;
+    return len;
+  }
+  int taken = 0;
+  while (taken < len) {
+    // Room is made only when another byte has to go in, so a flush never sends an empty buffer.
+    if (stream->stored == stream->capacity) {
+      if (grow == kWriteGrow) {
+        int oldCapacity = stream->capacity;
+        if (!resizeBuffer(stream, 2 * oldCapacity, true)) return taken > 0 ? taken : kStreamNoRoom;
+        memset(stream->buf + oldCapacity, 0, static_cast<size_t>(oldCapacity));
+        stream->cur = stream->buf + oldCapacity;
+      } else {
+        int flushed = flushBufferedStream(stream);
+        if (flushed < 1) return taken > 0 ? taken : flushed;
+      }
+    }
+    *stream->cur++ = data[taken++];
+    ++stream->stored;
+  }
+  return taken;
+}
+
+int readBufferStr(BufferedStream* stream, char* data, int len) {
+  int unread = stream->stored - static_cast<int>(stream->cur - stream->buf);
+  if (len <= unread) {
+    memcpy(data, stream->cur, static_cast<size_t>(len));
+    stream->cur += len;
+    return len;
+  }
+  int delivered = 0;
+  while (delivered < len) {
+    if (unread == 0) {
+      int refilled = refillBufferedStream(stream, kRefillFresh);
+      if (refilled < 1) return delivered > 0 ? delivered : refilled;
+      unread = stream->stored;
+    }
+    int piece = len - delivered < unread ? len - delivered : unread;
+    memcpy(data + delivered, stream->cur, static_cast<size_t>(piece));
+    stream->cur += piece;
+    delivered += piece;
+    unread -= piece;
+  }
+  return delivered;
+}
+
+int tokenizeStream(BufferedStream* stream, const TokenDesc* delimA, const TokenDesc* delimB,
+                   TokenBuffer* out, int mode) {
+  memset(out->area, 0, static_cast<size_t>(out->capacity));
+  for (int pass = 0;; ++pass) {
+    DelimiterMatch match = findDelimiter(stream, delimA, delimB);
+    if (match.result != 0) {
+      if (match.offset > out->capacity) return kStreamNoRoom;
+      memcpy(out->area, stream->cur, static_cast<size_t>(match.offset));
+      out->length = match.offset;
+      if (mode == kTokenConsume) {
+        stream->cur += match.offset;
+        stream->cur += match.result == kTokenFoundB ? delimB->length : delimA->length;
+      }
+      return match.result;
+    }
+    // A token and its delimiter must fit in what is buffered after one compaction.
+    if (pass == 1) return kStreamNoDelimiter;
+    int refilled = refillBufferedStream(stream, kRefillCompact);
+    if (refilled < 1) return refilled;
+  }
+}
+
+int convertToAscii(const char* source, char* destination, int length) {
+  int copied = 0;
+  while (copied < length && source[copied] != '\0') {
+    auto byte = static_cast<unsigned char>(source[copied]);
+    destination[copied] = (byte & 0x80) != 0 ? '?' : source[copied];
+    ++copied;
+  }
+  return copied;
+}
+
+// Socket stream.
+
+SlmStream* newSocketStream(const char* host, int hostLength, uint16_t port, int16_t timeout) {
+  if (host == nullptr || hostLength < 0) return nullptr;
+  auto* stream = new (std::nothrow) SlmStream{};
+  auto* context = new (std::nothrow) SocketContext{};
+  char* hostCopy = static_cast<char*>(malloc(static_cast<size_t>(hostLength) + 1));
+  if (stream == nullptr || context == nullptr || hostCopy == nullptr) {
+    delete stream;
+    delete context;
+    free(hostCopy);
+    return nullptr;
+  }
+  memcpy(hostCopy, host, static_cast<size_t>(hostLength));
+  hostCopy[hostLength] = '\0';
+  *context = SocketContext{hostCopy, port, timeout, -1};
+  *stream = SlmStream{context, slm_sopen, slm_sread, slm_swrite, slm_sclose};
+  return stream;
+}
+
+void closeSocketStream(SlmStream* stream) {
+  if (stream == nullptr) return;
+  auto* context = static_cast<SocketContext*>(stream->context);
+  if (context != nullptr) free(context->host);
+  delete context;
+  delete stream;
+}
+
+int slm_sopen(void* context) {
+  auto* socketContext = static_cast<SocketContext*>(context);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(socketContext->port);
+  if (!resolveHost(socketContext->host, &address.sin_addr.s_addr)) return kStreamIoError;
+  int fd = socket(AF_INET, SOCK_STREAM, 0);
+  if (fd < 0) return kStreamIoError;
+  socketContext->socket = fd;
+  int connected;
+  do {
+    connected = connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address);
+  } while (connected != 0 && errno == EINTR);
+  if (connected != 0) {
+    close(fd);
+    socketContext->socket = -1;
+    return kStreamIoError;
+  }
+  return 0;
+}
+
+int slm_sread(void* context, char* data, int len, int /*flags*/) {
+  auto* socketContext = static_cast<SocketContext*>(context);
+  int fd = socketContext->socket;
+  if (fd < 0 || fd >= FD_SETSIZE) return kStreamIoError;
+  // Linux leaves the remaining time in `wait`, so a retried wait keeps the original deadline.
+  timeval wait{socketContext->timeoutSeconds, 0};
+  int ready;
+  do {
+    fd_set readable;
+    FD_ZERO(&readable);
+    FD_SET(fd, &readable);
+    ready = select(fd + 1, &readable, nullptr, nullptr, &wait);
+  } while (ready < 0 && errno == EINTR);
+  if (ready != 1) return kStreamReadTimeout;
+  ssize_t received;
+  do {
+    received = recv(fd, data, static_cast<size_t>(len), 0);
+  } while (received < 0 && errno == EINTR);
+  if (received < 0) return kStreamIoError;
+  if (received == 0) return kStreamEndOfData;
+  return static_cast<int>(received);
+}
+
+int slm_swrite(void* context, const char* data, int len, int /*flags*/) {
+  auto* socketContext = static_cast<SocketContext*>(context);
+  ssize_t sent;
+  // A peer that went away must give an error result, not a SIGPIPE that ends the daemon.
+  do {
+    sent = send(socketContext->socket, data, static_cast<size_t>(len), MSG_NOSIGNAL);
+  } while (sent < 0 && errno == EINTR);
+  if (sent < 1) return kStreamIoError;
+  return static_cast<int>(sent);
+}
+
+int slm_sclose(void* context) {
+  auto* socketContext = static_cast<SocketContext*>(context);
+  if (socketContext->socket >= 0) close(socketContext->socket);
+  socketContext->socket = -1;
+  return 0;
+}
+
+// Encoding stream.
+
+SlmStream* newEncodingStream(ConvertFn encodeFn, float writeFactor, ConvertFn decodeFn,
+                             float readFactor, HttpHandle* httpHandle,
+                             BufferedStream* bufferedStream) {
+  auto* stream = new (std::nothrow) SlmStream{};
+  auto* context = new (std::nothrow) EncodingContext{};
+  if (stream == nullptr || context == nullptr) {
+    delete stream;
+    delete context;
+    return nullptr;
+  }
+  *context =
+      EncodingContext{httpHandle, bufferedStream, writeFactor, readFactor, encodeFn, decodeFn};
+  *stream = SlmStream{context, encoder_open, decode_read, encode_write, encoder_close};
+  return stream;
+}
+
+void encodingStreamSet(SlmStream* stream, ConvertFn encodeFn, float writeFactor, ConvertFn decodeFn,
+                       float readFactor) {
+  auto* context = static_cast<EncodingContext*>(stream->context);
+  context->encode = encodeFn;
+  context->writeFactor = writeFactor;
+  context->decode = decodeFn;
+  context->readFactor = readFactor;
+}
+
+void closeEncodingStream(SlmStream* stream) {
+  if (stream == nullptr) return;
+  delete static_cast<EncodingContext*>(stream->context);
+  delete stream;
+}
+
+int encoder_open(void* /*context*/) {
+  return 0;
+}
+
+int decode_read(void* context, char* data, int len, int /*flags*/) {
+  auto* encoding = static_cast<EncodingContext*>(context);
+  if (encoding->decode == nullptr || len == 0) {
+    return readBufferStr(encoding->socketSide, data, len);
+  }
+  int wanted = static_cast<int>(static_cast<float>(len) * encoding->readFactor);
+  char* raw = static_cast<char*>(malloc(static_cast<size_t>(wanted) + 1));
+  if (raw == nullptr) return kStreamIoError;
+  int result = readBufferStr(encoding->socketSide, raw, wanted);
+  if (result > 0) {
+    raw[result] = '\0';
+    result = encoding->decode(raw, data, len);
+  }
+  free(raw);
+  return result;
+}
+
+int encode_write(void* context, const char* data, int len, int /*flags*/) {
+  auto* encoding = static_cast<EncodingContext*>(context);
+  if (len == 0) return setRequest(encoding->handle) == 1 ? 0 : kStreamIoError;
+  const char* body = data;
+  int bodyLength = len;
+  char* converted = nullptr;
+  if (encoding->encode != nullptr) {
+    int room = static_cast<int>(static_cast<float>(len) * encoding->writeFactor);
+    converted = static_cast<char*>(malloc(room > 0 ? static_cast<size_t>(room) : 1));
+    if (converted == nullptr) return kStreamIoError;
+    bodyLength = encoding->encode(data, converted, room);
+    if (bodyLength < 0) {
+      free(converted);
+      return kStreamIoError;
+    }
+    body = converted;
+  }
+  char lengthText[16];
+  snprintf(lengthText, sizeof lengthText, "%d", bodyLength);
+  putHeader(encoding->handle, kHeaderContentLength, lengthText);
+  if (setRequest(encoding->handle) != 1) {
+    free(converted);
+    return kStreamIoError;
+  }
+  int written = writeBufferStr(encoding->socketSide, body, bodyLength, kWriteFlush);
+  free(converted);
+  int flushed = flushBufferedStream(encoding->socketSide);
+  if (written < 0 || flushed < 0) return kStreamIoError;
+  return written + flushed;
+}
+
+int encoder_close(void* /*context*/) {
+  return 0;
+}
+
+// Kernel-configuration-file stream.
+
+SlmStream* newKerConfFileStream(const char* path, int pathLength) {
+  if (path == nullptr || pathLength < 0) return nullptr;
+  auto* stream = new (std::nothrow) SlmStream{};
+  auto* context = new (std::nothrow) KerConfContext{};
+  char* pathCopy = static_cast<char*>(malloc(static_cast<size_t>(pathLength) + 1));
+  if (stream == nullptr || context == nullptr || pathCopy == nullptr) {
+    delete stream;
+    delete context;
+    free(pathCopy);
+    return nullptr;
+  }
+  memcpy(pathCopy, path, static_cast<size_t>(pathLength));
+  pathCopy[pathLength] = '\0';
+  *context = KerConfContext{pathCopy, nullptr};
+  *stream = SlmStream{context, slm_kcfopen, slm_kcfread, slm_kcfwrite, slm_kcfclose};
+  return stream;
+}
+
+void closeKerConfFileStream(SlmStream* stream) {
+  if (stream == nullptr) return;
+  auto* context = static_cast<KerConfContext*>(stream->context);
+  if (context != nullptr) free(context->path);
+  delete context;
+  delete stream;
+}
+
+int slm_kcfopen(void* context) {
+  auto* file = static_cast<KerConfContext*>(context);
+  file->file = fopen(file->path, "r");
+  return file->file == nullptr ? kStreamIoError : 0;
+}
+
+int slm_kcfread(void* context, char* data, int len, int /*flags*/) {
+  constexpr int kLineBytes = 1000;  // at most 999 characters and the terminator
+  // The C white space, fixed here so that the process locale cannot widen it.
+  constexpr const char* kWhiteSpace = " \t\r\n\v\f";
+  auto* file = static_cast<KerConfContext*>(context);
+  char line[kLineBytes];
+  if (fgets(line, kLineBytes, file->file) == nullptr) return kStreamEndOfData;
+  int kept = 0;
+  for (int i = 0; line[i] != '\0'; ++i) {
+    if (strchr(kWhiteSpace, line[i]) == nullptr) line[kept++] = line[i];
+  }
+  line[kept] = '\0';
+  if (kept + 1 > len) return kStreamNoRoom;
+  memcpy(data, line, static_cast<size_t>(kept) + 1);
+  return kept + 1;
+}
+
+int slm_kcfwrite(void* /*context*/, const char* /*data*/, int /*len*/, int /*flags*/) {
+  return kStreamIoError;
+}
+
+int slm_kcfclose(void* context) {
+  auto* file = static_cast<KerConfContext*>(context);
+  if (file->file != nullptr) fclose(file->file);
+  file->file = nullptr;
+  return 0;
+}
+
+}  // namespace slm
