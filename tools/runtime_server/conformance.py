@@ -78,7 +78,8 @@ def check_head(req):
         if name in seen:
             out.append(("header-duplicate", "second %s line: %r" % (name, raw)))
             continue
-        seen[name] = value
+        # Values are judged without the stray blank, which is reported once above.
+        seen[name] = value.lstrip(" \t")
         index = HEADER_ORDER.index(name)
         if index < last_index:
             out.append(("header-order", "%s after %s" % (name, HEADER_ORDER[last_index])))

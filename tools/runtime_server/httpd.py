@@ -45,7 +45,8 @@ class RuntimeServer(socketserver.ThreadingMixIn, socketserver.TCPServer):
 
     def start(self):
         """Serve on a background thread (for tests that run in-process)."""
-        self._thread = threading.Thread(target=self.serve_forever, name="runtime-server", daemon=True)
+        self._thread = threading.Thread(target=self.serve_forever, args=(0.05,),
+                                        name="runtime-server", daemon=True)
         self._thread.start()
         return self
 
@@ -85,7 +86,10 @@ class Handler(socketserver.BaseRequestHandler):
             server.log("%s incomplete request (%d bytes)" % (peer, len(req.raw)))
             return
         violations += conformance.check_head(req)
-        service = req.header("Service") if req.method == "POST" else None
+        service = None
+        if req.method == "POST" and req.header("Service") is not None:
+            # Dispatch on the trimmed value; a stray blank is already a violation.
+            service = req.header("Service").strip()
         body = None
         if req.method == "POST" and service in services.HANDLERS:
             body = conformance.parse_body(service, req.body)
