@@ -177,6 +177,8 @@ def _behaviours(value, by_service):
             key = SERVICE_NAMES.get(key, key)
             if key not in SERVICE_IDS:
                 raise ScenarioError("unknown service %r in services" % key)
+            if key in table:
+                raise ScenarioError("service %r named twice in services" % key)
         if not isinstance(b, dict) or set(b) - BEHAVIOUR_KEYS:
             raise ScenarioError("bad behaviour for %r: allowed keys %s" % (key, sorted(BEHAVIOUR_KEYS)))
         table[key] = dict(b)
