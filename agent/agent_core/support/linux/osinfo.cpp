@@ -1,0 +1,217 @@
+// Machine description on Linux: uname, gethostname, sysinfo, sysconf, the password and group
+// databases and the drive-geometry ioctl. Each system call sits in the public function that needs
+// it; the text handling lives in the helpers tests call directly.
+#include "agent_core/support/linux/osinfo.h"
+
+#include <fcntl.h>
+#include <grp.h>
+#include <iconv.h>
+#include <langinfo.h>
+#include <linux/hdreg.h>
+#include <pwd.h>
+#include <sys/ioctl.h>
+#include <sys/sysinfo.h>
+#include <sys/utsname.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "agent_core/support/bytes.h"
+#include "agent_core/support/trace.h"
+#include "agent_core/support/unix_common.h"
+
+namespace slm {
+namespace {
+
+static_assert(HDIO_GETGEO == 0x0301);
+
+constexpr const char* kNotAvailable = "not avalaible";
+constexpr char kFirstIdeDisk[] = "/dev/hda";
+constexpr size_t kDiskTypeIndex = 5;    // 'h' for IDE, 's' for SCSI
+constexpr size_t kDiskLetterIndex = 7;  // 'a' to 'z'
+static_assert(sizeof(kFirstIdeDisk) == kDiskLetterIndex + 2);
+
+constexpr size_t kAccountLookupStartBytes = 1024;
+constexpr size_t kAccountLookupMaxBytes = 1 << 20;
+
+// Copies at most `size` - 1 characters and a terminator; a zero-sized buffer gets nothing.
+void copyToBuffer(char* dst, size_t size, const char* src) {
+  if (dst == nullptr || size == 0) return;
+  copyBounded(dst, size - 1, src);
+}
+
+// Converts `text` from the local code set to UTF-8 into `out` (terminated). A name that is too
+// long keeps its whole leading characters. False when the text does not convert.
+bool convertToUtf8(const char* text, char* out, size_t outSize) {
+  iconv_t converter = iconv_open("UTF-8", nl_langinfo(CODESET));
+  if (converter == reinterpret_cast<iconv_t>(-1)) return false;
+  char* in = const_cast<char*>(text);
+  size_t inLeft = strlen(text);
+  char* next = out;
+  size_t outLeft = outSize - 1;
+  size_t converted = iconv(converter, &in, &inLeft, &next, &outLeft);
+  int error = errno;
+  iconv_close(converter);
+  if (converted == static_cast<size_t>(-1) && error != E2BIG) return false;
+  *next = '\0';
+  return true;
+}
+
+bool acceptsAccountBuffer(const char* buffer, size_t size) {
+  if (size < kAccountNameMinSize) {
+    SLM_TRACE(0, "ERROR - Buffer size littler than 10");
+    return false;
+  }
+  return buffer != nullptr;
+}
+
+// Runs a reentrant database lookup (getpwuid_r, getgrgid_r) with a scratch buffer that grows
+// until the entry fits. Returns the entry's name or null when there is none.
+template <typename Entry, typename Lookup>
+const char* lookUpName(Lookup lookup, Entry* entry, std::vector<char>* scratch,
+                       char* Entry::*name) {
+  scratch->resize(kAccountLookupStartBytes);
+  Entry* found = nullptr;
+  for (;;) {
+    int error = lookup(entry, scratch->data(), scratch->size(), &found);
+    if (error == EINTR) continue;
+    if (error == ERANGE && scratch->size() < kAccountLookupMaxBytes) {
+      scratch->resize(scratch->size() * 2);
+      continue;
+    }
+    if (error != 0 || found == nullptr) return nullptr;
+    return found->*name;
+  }
+}
+
+}  // namespace
+
+const char* machineFamily(const char* machine) {
+  return strstr(machine, "86") != nullptr ? "x86" : machine;
+}
+
+void formatOsDescription(const char* systemName, const char* release, char* buffer, size_t size) {
+  if (buffer == nullptr || size == 0) return;
+  snprintf(buffer, size, "%s %s", systemName, release);
+}
+
+int getSystemEnvironment(char* machine, char* systemName, char* release, size_t size) {
+  utsname names{};
+  if (uname(&names) != 0) return kOsInfoFailure;
+  copyToBuffer(systemName, size, names.sysname);
+  copyToBuffer(release, size, names.release);
+  copyToBuffer(machine, size, machineFamily(names.machine));
+  return kOsInfoSuccess;
+}
+
+void getOsDescription(char* buffer, size_t size) {
+  utsname names{};
+  if (uname(&names) != 0) {
+    copyToBuffer(buffer, size, kNotAvailable);
+    return;
+  }
+  formatOsDescription(names.sysname, names.release, buffer, size);
+}
+
+int getHostName(char* buffer, size_t size) {
+  char name[HOST_NAME_MAX + 1] = "";
+  if (gethostname(name, sizeof(name)) != 0) return kOsInfoFailure;
+  name[HOST_NAME_MAX] = '\0';
+  copyToBuffer(buffer, size, name);
+  return kOsInfoSuccess;
+}
+
+bool answersDriveGeometry(const char* devicePath) {
+  std::string device = rootedPath(devicePath);
+  int descriptor;
+  do {
+    descriptor = open(device.c_str(), O_RDONLY | O_CLOEXEC);
+  } while (descriptor < 0 && errno == EINTR);
+  if (descriptor < 0) return false;
+  hd_geometry geometry{};
+  bool answered = ioctl(descriptor, HDIO_GETGEO, &geometry) == 0;
+  close(descriptor);
+  return answered;
+}
+
+int32_t countDisks(DiskProbe probe) {
+  char device[sizeof(kFirstIdeDisk)];
+  memcpy(device, kFirstIdeDisk, sizeof(kFirstIdeDisk));
+  int32_t count = 0;
+  for (char type : {'h', 's'}) {
+    device[kDiskTypeIndex] = type;
+    for (char letter = 'a'; letter <= 'z'; ++letter) {
+      device[kDiskLetterIndex] = letter;
+      if (probe(device)) ++count;
+    }
+  }
+  return count;
+}
+
+int GetNumDisks(int32_t* count) {
+  *count = countDisks(answersDriveGeometry);
+  return kOsInfoSuccess;
+}
+
+int getDiskInfo(int32_t* count) {
+  if (count == nullptr) return kOsInfoFailure;
+  if (geteuid() != 0) {
+    SLM_TRACE(0, "ERROR - No root: unable to read disks number");
+    return kOsInfoFailure;
+  }
+  return GetNumDisks(count);
+}
+
+int getMemInfo(int32_t* megabytes) {
+  if (megabytes == nullptr) return kOsInfoFailure;
+  struct sysinfo info {};
+  if (sysinfo(&info) != 0) return kOsInfoFailure;
+  // The memory unit is not applied: it is 1 on the machines the agent serves, and servers compare
+  // with what earlier agents reported.
+  *megabytes = static_cast<int32_t>(info.totalram >> 20);
+  return kOsInfoSuccess;
+}
+
+int getCPUInfo(int32_t* configured, int32_t* online) {
+  long processors = sysconf(_SC_NPROCESSORS_CONF);
+  // Both report the configured count; servers have always received the same number twice.
+  if (configured != nullptr) *configured = static_cast<int32_t>(processors);
+  if (online != nullptr) *online = static_cast<int32_t>(processors);
+  return processors < 0 ? kOsInfoFailure : kOsInfoSuccess;
+}
+
+void formatAccountName(const char* localName, int32_t id, char* buffer, size_t size) {
+  if (localName != nullptr && convertToUtf8(localName, buffer, size)) return;
+  snprintf(buffer, size, "%d", id);
+}
+
+int getUserName(uid_t uid, char* buffer, size_t size) {
+  if (!acceptsAccountBuffer(buffer, size)) return kOsInfoFailure;
+  passwd entry{};
+  std::vector<char> scratch;
+  auto lookup = [uid](passwd* into, char* bytes, size_t length, passwd** found) {
+    return getpwuid_r(uid, into, bytes, length, found);
+  };
+  const char* name = lookUpName(lookup, &entry, &scratch, &passwd::pw_name);
+  formatAccountName(name, static_cast<int32_t>(uid), buffer, size);
+  return kOsInfoSuccess;
+}
+
+int getUserGroup(gid_t gid, char* buffer, size_t size) {
+  if (!acceptsAccountBuffer(buffer, size)) return kOsInfoFailure;
+  group entry{};
+  std::vector<char> scratch;
+  auto lookup = [gid](group* into, char* bytes, size_t length, group** found) {
+    return getgrgid_r(gid, into, bytes, length, found);
+  };
+  const char* name = lookUpName(lookup, &entry, &scratch, &group::gr_name);
+  formatAccountName(name, static_cast<int32_t>(gid), buffer, size);
+  return kOsInfoSuccess;
+}
+
+}  // namespace slm
