@@ -70,7 +70,9 @@ def serve_command(args):
     server.start()
     print("port %d" % server.port, flush=True)
     while not wanted["stop"]:
-        wake.wait()
+        # A signal may land on a server thread, which does not interrupt this
+        # wait; waking now and then lets the main thread see the flag.
+        wake.wait(0.1)
         wake.clear()
         if wanted["reload"] and not wanted["stop"]:
             wanted["reload"] = False

@@ -18,7 +18,9 @@ def dump(state_dir, raw_id, out):
             if row is None:
                 print("no request %d" % raw_id, file=out)
                 return 1
-            out.write(row[0].decode("latin-1"))
+            # The bytes exactly as received, not re-encoded.
+            out.flush()
+            getattr(out, "buffer", out).write(bytes(row[0]))
             return 0
         _summary(db, out)
     finally:
