@@ -189,6 +189,8 @@ def _downloads(value, base_dir):
     root = value.get("root")
     if root is not None:
         root = os.path.abspath(os.path.join(base_dir, root))
-    return {"root": root, "sign": bool(value.get("sign", False)),
-            "key": value.get("key"),
+    key = value.get("key")
+    if key is not None:
+        key = os.path.abspath(os.path.join(base_dir, key))
+    return {"root": root, "sign": bool(value.get("sign", False)), "key": key,
             "faults": _behaviours(value.get("faults", {}), by_service=False)}
