@@ -164,16 +164,16 @@ def parse_body(service, body):
     if service == "7":
         _parse_upload(b, fields)
     elif service in SERVICE_FIELDS:
-        spec = SERVICE_FIELDS[service]
-        _check_fields(b, spec, fields)
-        if len(fields) != len(spec):
+        layout = SERVICE_FIELDS[service]
+        _check_fields(b, layout, fields)
+        if len(fields) != len(layout):
             v.append(("body-fields", "service %s has %d fields, expected %d"
-                      % (service, len(fields), len(spec))))
+                      % (service, len(fields), len(layout))))
     return b
 
 
-def _check_fields(b, spec, lines):
-    for (name, kind), value in zip(spec, lines):
+def _check_fields(b, layout, lines):
+    for (name, kind), value in zip(layout, lines):
         b.fields[name] = value
         problem = _field_problem(kind, value)
         if problem:

@@ -163,9 +163,10 @@ class CappedWriter:
         if self._pending:
             try:
                 self.sock.sendall(self._pending)
+                self.sent += len(self._pending)
             except OSError:
+                # The peer went away; the rest of the answer is dropped.
                 self.closed = True
-            self.sent += len(self._pending)
             self._pending = bytearray()
 
 

@@ -90,7 +90,12 @@ class Scenario:
             raise ScenarioError("cannot read scenario %s: %s" % (path, e)) from e
         if not isinstance(data, dict):
             raise ScenarioError("scenario %s is not a JSON object" % path)
-        return cls(data, os.path.dirname(os.path.abspath(path)))
+        try:
+            return cls(data, os.path.dirname(os.path.abspath(path)))
+        except ScenarioError:
+            raise
+        except (ValueError, KeyError, TypeError, AttributeError) as e:
+            raise ScenarioError("bad scenario %s: %s: %s" % (path, type(e).__name__, e)) from e
 
     def behaviour(self, service):
         """The behaviour for one request of a service; a behaviour with a
