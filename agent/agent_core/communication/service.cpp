@@ -1,0 +1,353 @@
+// The node services: request fields, payload parsing and results of plug-in, parameters, ping,
+// topology and new agent.
+#include "agent_core/communication/service.h"
+
+#include <cctype>
+#include <cinttypes>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "agent_core/cache/agent.h"
+#include "agent_core/cache/srvs.h"
+#include "agent_core/communication/slm.h"
+#include "agent_core/communication/slm_http.h"
+#include "agent_core/data/slm_time.h"
+#include "agent_core/slm_conf.h"
+#include "agent_core/support/bytes.h"
+#include "agent_core/support/linux/osinfo.h"
+#include "agent_core/support/trace.h"
+
+namespace slm {
+namespace {
+
+// Payload tokens are read into areas of this size.
+constexpr int kTokenSize = 256;
+
+struct Field {
+  std::string text;
+  int mask;
+};
+
+// One payload token, terminated, in its own area.
+class Token {
+ public:
+  // The tokenizer's result: kTokenFoundA, kTokenFoundB or a stream error.
+  int read(HttpHandle* handle, const TokenDesc* delimA, const TokenDesc* delimB,
+           int mode = kTokenConsume) {
+    buffer_ = TokenBuffer{area_, 0, kTokenSize};
+    return getContentToken(handle, delimA, delimB, &buffer_, mode);
+  }
+  const char* text() const { return area_; }
+
+ private:
+  char area_[kTokenSize] = "";
+  TokenBuffer buffer_{area_, 0, kTokenSize};
+};
+
+std::string agentText(int32_t id) {
+  char value[kAgentTextSize] = "";
+  if (getAgentCharValue(id, value, sizeof value) != kAgentValueOk) value[0] = '\0';
+  return value;
+}
+
+int64_t agentInt(int32_t id) {
+  int64_t value = 0;
+  if (getAgentIntValue(id, &value) != kAgentValueOk) value = 0;
+  return value;
+}
+
+std::string int64Text(int64_t value) {
+  char text[24];
+  snprintf(text, sizeof text, "%" PRId64, value);
+  return text;
+}
+
+std::string int32Text(int64_t value) {
+  char text[16];
+  snprintf(text, sizeof text, "%d", static_cast<int32_t>(value));
+  return text;
+}
+
+// The preferred server's address, copied under the cache's read lock.
+int preferredServer(ServerAddress* server) {
+  ServerInfo info{};
+  int found = kSrvsFailed;
+  if (readLockSrvsCache() == kSrvsOk) {
+    ServerHandle handle = nullptr;
+    found = getNextServer(&handle, kAnyServer, &info);
+    releaseLockSrvsCache();
+  }
+  if (found != kSrvsOk) {
+    SLM_TRACE(0, "ERROR - No preferred server info retrieved");
+    return kServiceFailed;
+  }
+  *server = info.address;
+  return kServiceOk;
+}
+
+// Opens service `serviceId` on `server`, sends the fields and the terminator and reads the
+// answer's head. Null when any step failed; the failure is traced and the handle freed.
+HttpHandle* requestService(const ServerAddress& server, const char* serviceId,
+                           const std::vector<Field>& fields) {
+  HttpHandle* handle = newSlmService(&server, serviceId, kNodeServiceTimeoutSeconds);
+  if (handle == nullptr) {
+    SLM_TRACE(0, "ERROR - Error init http request, service: %s", serviceId);
+    return nullptr;
+  }
+  bool sent = true;
+  for (const Field& field : fields) {
+    sent =
+        sendSlmContent(handle, field.text.c_str(), &par_sep_tk, field.mask) == kContentSent && sent;
+  }
+  if (!sent || endSlmRequest(handle) != kContentSent) {
+    SLM_TRACE(0, "ERROR - Error setting content, service %s", serviceId);
+    freeHttpHandle(handle);
+    return nullptr;
+  }
+  if (getSlmServiceResponse(handle) != kServiceAnswerUsable) {
+    SLM_TRACE(0, "ERROR - Error in response, service %s", serviceId);
+    freeHttpHandle(handle);
+    return nullptr;
+  }
+  return handle;
+}
+
+// Ends a service whose payload could not be used: frees the handle and returns `result`.
+int abandon(HttpHandle* handle, int result) {
+  freeHttpHandle(handle);
+  return result;
+}
+
+// Whether a line comes before the trailer, looked at without consuming anything.
+bool lineBeforeTrailer(HttpHandle* handle) {
+  Token look;
+  return look.read(handle, &crlf_tk, &response_tag_tk, kTokenPeek) == kTokenFoundA;
+}
+
+// A numeric payload line that reads as 0 must say so with a leading '0'.
+bool plausibleNumber(const char* text, int64_t value) {
+  return value != 0 || text[0] == '0';
+}
+
+// Reads one section of "host|path|port" lines up to `endTag`, appending each server to `servers`.
+int readServerSection(HttpHandle* handle, const TokenDesc* endTag, SlmList* servers) {
+  for (;;) {
+    Token host;
+    if (host.read(handle, &fld_sep_tk, endTag) != kTokenFoundA) return kServiceOk;
+    Token path;
+    if (path.read(handle, &fld_sep_tk, &crlf_tk) != kTokenFoundA) {
+      SLM_TRACE(0, "ERROR - No name-path separator found, string %s", path.text());
+      return kServiceMalformedPayload;
+    }
+    Token port;
+    if (port.read(handle, &crlf_tk, endTag) != kTokenFoundA) {
+      SLM_TRACE(0, "ERROR - No path-port separator found, string %s", port.text());
+      return kServiceMalformedPayload;
+    }
+    int portNumber = atoi(port.text());
+    if (portNumber == 0) {
+      SLM_TRACE(0, "ERROR - Null server port, string %s", port.text());
+      return kServiceMalformedPayload;
+    }
+    ServerAddress server{};
+    copyBounded(server.host, kServerHostSize - 1, host.text());
+    copyBounded(server.path, kServerPathSize - 1, path.text());
+    server.port = static_cast<uint16_t>(portNumber);
+    if (append(servers, &server) != kListOk) {
+      SLM_TRACE(0, "ERROR - Inserting server %s in list", server.host);
+      return kServiceFailed;
+    }
+  }
+}
+
+}  // namespace
+
+int plugIn(const ServerAddress* server) {
+  SLM_TRACE(2, "SRVCS - Plugging in on server: %s", server->host);
+  AgentTime now = getNowWithOffset(0);
+  std::string tag = agentText(kAgentTag).substr(0, kPlugInTagMax);
+  std::vector<Field> fields = {
+      {kAgentVersion, kNoMask},
+      {int64Text(agentInt(kAgentId)), kNoMask},
+      {agentText(kAgentHostName), kMask},
+      {agentText(kAgentIpAddress), kNoMask},
+      {agentText(kAgentOsFamily), kMask},
+      {agentText(kAgentOsDescription), kMask},
+      {int32Text(agentInt(kAgentMemoryMiB)), kNoMask},
+      {int32Text(agentInt(kAgentDiskCount)), kNoMask},
+      {int32Text(agentInt(kAgentReserved)), kNoMask},
+      {int32Text(agentInt(kAgentCpuCount)), kNoMask},
+      {int32Text(agentInt(kAgentCpuCountCopy)), kNoMask},
+      {int64Text(agentInt(kAgentDivisionId)), kNoMask},
+      {int64Text(agentInt(kAgentNodeId)), kNoMask},
+      // Milliseconds shown as zeros, as in the request's own time line.
+      {int32Text(now) + (now != 0 ? "000" : ""), kNoMask},
+      {tag, kMask},
+  };
+  HttpHandle* handle = requestService(*server, kServicePlugin, fields);
+  if (handle == nullptr) return kServiceFailed;
+
+  if (lineBeforeTrailer(handle)) {
+    Token node;
+    if (node.read(handle, &crlf_tk, &response_tag_tk) != kTokenFoundA) {
+      return abandon(handle, kServiceFailed);
+    }
+    if (isdigit(static_cast<unsigned char>(node.text()[0]))) {
+      int64_t nodeId = aToSlmInt64(node.text());
+      if (!plausibleNumber(node.text(), nodeId)) {
+        SLM_TRACE(0, "ERROR - Bad node_id during conversion: %s", node.text());
+        return abandon(handle, kServiceMalformedPayload);
+      }
+      (void)setAgentIntValue(kAgentNodeId, nodeId);
+    }
+  }
+  return endSlmService(handle);
+}
+
+int downloadParameters(int32_t* parameters) {
+  ServerAddress server;
+  if (preferredServer(&server) != kServiceOk) return kServiceFailed;
+  SLM_TRACE(2, "SRVCS - Parameters from server: %s", server.host);
+  std::vector<Field> fields = {
+      {int64Text(agentInt(kAgentId)), kNoMask},
+      {int64Text(agentInt(kAgentDivisionId)), kNoMask},
+  };
+  HttpHandle* handle = requestService(server, kServiceParameters, fields);
+  if (handle == nullptr) return kServiceFailed;
+  if (!lineBeforeTrailer(handle)) return endSlmService(handle);
+
+  // Seventeen lines fill eighteen words: the third line is one 64-bit value over two words.
+  constexpr int kParameterLines = 17;
+  int word = 0;
+  for (int line = 1; line <= kParameterLines; ++line) {
+    Token value;
+    if (value.read(handle, &crlf_tk, &response_tag_tk) != kTokenFoundA) {
+      return abandon(handle, kServiceFailed);
+    }
+    if (word == kParameterUpdateEnableWord) {
+      if (strcasecmp(value.text(), "yes") == 0) {
+        parameters[word++] = 1;
+      } else if (strcasecmp(value.text(), "no") == 0) {
+        parameters[word++] = 0;
+      } else {
+        SLM_TRACE(0, "ERROR - Bad update enable string '%s'", value.text());
+        return abandon(handle, kServiceMalformedPayload);
+      }
+      continue;
+    }
+    int64_t number = line <= 2 ? atoi(value.text()) : aToSlmInt64(value.text());
+    if (line == 3) {
+      uint64_t bits = static_cast<uint64_t>(number);
+      parameters[word++] = static_cast<int32_t>(static_cast<uint32_t>(bits));
+      parameters[word++] = static_cast<int32_t>(static_cast<uint32_t>(bits >> 32));
+    } else {
+      parameters[word++] = static_cast<int32_t>(number);
+    }
+    if (!plausibleNumber(value.text(), number)) {
+      SLM_TRACE(0, "ERROR - Bad number in content: %s, number %d", value.text(),
+                static_cast<int32_t>(number));
+      return abandon(handle, kServiceMalformedPayload);
+    }
+  }
+  return endSlmService(handle);
+}
+
+int pingRTServer(const ServerAddress* server) {
+  SLM_TRACE(2, "SRVCS - Pinging server : %s", server->host);
+  HttpHandle* handle = requestService(*server, kServicePing, {});
+  if (handle == nullptr) return kPingFailed;
+  // The trailer of a ping is not looked at: any usable answer means the server is there.
+  freeHttpHandle(handle);
+  return kPingAnswered;
+}
+
+int downloadTopology(SlmList* servers) {
+  ServerAddress server;
+  if (preferredServer(&server) != kServiceOk) return kServiceFailed;
+  SLM_TRACE(2, "SRVCS - Topology from server: %s", server.host);
+  std::vector<Field> fields = {
+      {int64Text(agentInt(kAgentId)), kNoMask},
+      {int64Text(agentInt(kAgentDivisionId)), kNoMask},
+  };
+  HttpHandle* handle = requestService(server, kServiceTopology, fields);
+  if (handle == nullptr) return kServiceFailed;
+
+  Token begin;
+  if (begin.read(handle, &begin_div_tk, &response_tag_tk) != kTokenFoundA) {
+    SLM_TRACE(0, "ERROR - Not begin divion servers found, string %s", begin.text());
+    return abandon(handle, kServiceFailed);
+  }
+  int result = readServerSection(handle, &end_div_tk, servers);
+  if (result != kServiceOk) return abandon(handle, result);
+  if (begin.read(handle, &begin_ent_tk, &response_tag_tk) != kTokenFoundA) {
+    // The message ends in a bare percent sign; logs are matched on it as it stands.
+    SLM_TRACE(0, "ERROR - Not enterprise begin found, string %%");
+    return abandon(handle, kServiceFailed);
+  }
+  result = readServerSection(handle, &end_ent_tk, servers);
+  if (result != kServiceOk) return abandon(handle, result);
+  return endSlmService(handle);
+}
+
+int downloadNewAgent(char* command, size_t commandSize, SlmList* files) {
+  ServerAddress server;
+  if (preferredServer(&server) != kServiceOk) return kServiceFailed;
+  SLM_TRACE(2, "SRVCS - Agent from server: %s", server.host);
+  char machine[kAgentTextSize] = "";
+  char systemName[kAgentTextSize] = "";
+  char release[kAgentTextSize] = "";
+  if (getSystemEnvironment(machine, systemName, release, kAgentTextSize) != kOsInfoSuccess) {
+    SLM_TRACE(0, "ERROR - No system environment variables retrieved");
+    return kServiceFailed;
+  }
+  std::vector<Field> fields = {
+      {int64Text(agentInt(kAgentId)), kNoMask},
+      {kAgentVersion, kNoMask},
+      {systemName, kMask},
+      {release, kMask},
+      {machine, kMask},
+      {int64Text(agentInt(kAgentDivisionId)), kNoMask},
+      {agentText(kAgentTag), kNoMask},
+      {server.host, kNoMask},
+      {int32Text(server.port), kNoMask},
+      {"/", kNoMask},
+      {agentText(kAgentCustomer), kNoMask},
+      {command, kNoMask},
+  };
+  HttpHandle* handle = requestService(server, kServiceNewAgent, fields);
+  if (handle == nullptr) return kServiceFailed;
+
+  if (!lineBeforeTrailer(handle)) {
+    SLM_TRACE(2, "SRVCS - No Update Agent data");
+    return endSlmService(handle);
+  }
+  Token line;
+  if (line.read(handle, &crlf_tk, &response_tag_tk) != kTokenFoundA) {
+    SLM_TRACE(0, "ERROR - Update Agent: no command found");
+    return abandon(handle, kServiceFailed);
+  }
+  memset(command, 0, commandSize);
+  copyBounded(command, commandSize - 1, line.text());
+
+  while (lineBeforeTrailer(handle)) {
+    if (line.read(handle, &crlf_tk, &response_tag_tk) != kTokenFoundA) {
+      return abandon(handle, kServiceFailed);
+    }
+    ServerAddress file = server;
+    copyBounded(file.path, kServerPathSize - 1, line.text());
+    if (append(files, &file) != kListOk) {
+      SLM_TRACE(0, "ERROR - Inserting server %s in list", file.host);
+      return abandon(handle, kServiceMalformedPayload);
+    }
+  }
+  if (entries(files) == 0) {
+    SLM_TRACE(0, "ERROR - No download files found in list");
+    return abandon(handle, kServiceMalformedPayload);
+  }
+  return endSlmService(handle);
+}
+
+}  // namespace slm
