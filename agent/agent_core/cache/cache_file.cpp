@@ -1,9 +1,7 @@
-// The cache version table, the cache header coding and the validating open of
-// cache files.
+// The cache version table, the cache header coding and the validating open of cache files.
 #include "agent_core/cache/cache_file.h"
 
 #include <cstring>
-#include <memory>
 #include <utility>
 
 #include "agent_core/slm_conf.h"
@@ -22,14 +20,8 @@ bool validFileId(int32_t fileId) {
   return false;
 }
 
-struct FileCloser {
-  void operator()(FILE* file) const { fclose(file); }
-};
-using FileHandle = std::unique_ptr<FILE, FileCloser>;
-
-// Closes and deletes a file whose content must not be used, so that its cache
-// starts empty.
-int discard(FileHandle file, const char* path) {
+// Closes and deletes a file whose content must not be used, so that its cache starts empty.
+int discard(CacheFileHandle file, const char* path) {
   file.reset();
   remove(path);
   return kCacheFileBad;
@@ -63,8 +55,7 @@ char* cacheFilePath(const char* fileName, char* out) {
   size_t length = strlen(out);
   if (length + 1 < kCachePathSize) out[length++] = '/';
   out[length] = '\0';
-  // The name gets what is left of 4094 characters after the directory and the
-  // slash.
+  // The name gets what is left of 4094 characters after the directory and the slash.
   size_t room = length < kCachePathSize - 2 ? kCachePathSize - 2 - length : 0;
   copyBounded(out + length, room, fileName);
   return out;
@@ -85,8 +76,8 @@ int getCacheVersion(int32_t fileId, CacheVersion* version) {
 int testCacheVersion(int32_t fileId, const CacheVersion& read) {
   if (!validFileId(fileId)) return kCacheVersionBad;
   const CacheVersion& actual = cache_versions[fileId];
-  // The file's number goes under "actual" and the table's under "read": the
-  // labels are swapped on purpose and kept that way.
+  // The file's number goes under "actual" and the table's under "read": the labels are swapped on
+  // purpose and kept that way.
   if (read.majorNumber != actual.majorNumber) {
     SLM_TRACE(1, "WARNING - The major version is different: actual %d, read %d",
               static_cast<int>(read.majorNumber), static_cast<int>(actual.majorNumber));
@@ -101,7 +92,7 @@ int testCacheVersion(int32_t fileId, const CacheVersion& read) {
 }
 
 int openCacheFile(const char* path, int32_t fileId, FILE** file, int64_t* timestamp) {
-  FileHandle handle(fopen(path, "rb"));
+  CacheFileHandle handle(fopen(path, "rb"));
   if (handle == nullptr) {
     *file = nullptr;
     return kCacheFileMissing;
@@ -112,8 +103,7 @@ int openCacheFile(const char* path, int32_t fileId, FILE** file, int64_t* timest
   size_t minorRead = fread(versionBytes + kCacheMinorOffset, 1, 4, handle.get());
   static_cast<void>(majorRead);  // a short major number also leaves the minor number short
   if (minorRead != 4) {
-    // The one bad header that stays on disk; the next store of this cache
-    // overwrites it.
+    // The one bad header that stays on disk; the next store of this cache overwrites it.
     SLM_TRACE(0, "ERROR - Reading cache version from file %s", path);
     return kCacheFileBad;
   }
@@ -145,10 +135,9 @@ int openCacheFile(const char* path, int32_t fileId, FILE** file, int64_t* timest
   char fileServer[kCacheServerNameSize + 1];
   getText(nameBytes, kCacheServerNameSize, fileServer);
 
-  // Only the length of the configured name is compared: a file written for a
-  // server whose name begins with it is kept, and an empty setting accepts
-  // every file. A file written for another server describes that server's world
-  // and must not be used.
+  // Only the length of the configured name is compared: a file written for a server whose name
+  // begins with it is kept, and an empty setting accepts every file. A file written for another
+  // server describes that server's world and must not be used.
   char configured[kCacheServerNameSize] = "";
   if (getConfigurationValue("server", configured, sizeof configured) != kConfigurationValueFound)
     configured[0] = '\0';

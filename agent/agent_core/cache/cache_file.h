@@ -1,19 +1,25 @@
-// What every cache file in the cache directory has in common: the table of the
-// versions this agent writes and accepts, the header a cache file starts with,
-// and the routine through which the caches open their files for reading, which
-// throws away any file that must not be used. The version table is written
-// while the caches are created at start-up, before the worker threads run, and
-// read without a lock afterwards.
+// What every cache file in the cache directory has in common: the table of the versions this agent
+// writes and accepts, the header a cache file starts with, and the routine through which the caches
+// open their files for reading, which throws away any file that must not be used.
+// The version table is written while the caches are created at start-up, before the worker threads
+// run, and read without a lock afterwards.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <memory>
 
 namespace slm {
 
 constexpr char kCacheDir[] = "/var/qsam/cache";
 constexpr size_t kCachePathSize = 4096;
+
+// Closes a cache file when the owner goes.
+struct CacheFileCloser {
+  void operator()(FILE* file) const { fclose(file); }
+};
+using CacheFileHandle = std::unique_ptr<FILE, CacheFileCloser>;
 
 // File ids: the index of a cache file in the version table.
 constexpr int32_t kAgentFileId = 0;    // agent.dat
@@ -29,8 +35,7 @@ struct CacheVersion {
   bool operator==(const CacheVersion&) const = default;
 };
 
-// The versions this agent writes and accepts; each cache registers its own when
-// it is created.
+// The versions this agent writes and accepts; each cache registers its own when it is created.
 constexpr CacheVersion kAgentCacheVersion{1, 1};
 constexpr CacheVersion kServerCacheVersion{1, 2};
 constexpr CacheVersion kUatCacheVersion{1, 3};
@@ -63,21 +68,19 @@ struct CacheHeader {
 // Short form: kCacheVersionSize bytes.
 void encodeCacheVersion(const CacheVersion& version, uint8_t* out);
 CacheVersion decodeCacheVersion(const uint8_t* in);
-// Full form: kCacheHeaderSize bytes. The server name is cut to
-// kCacheServerNameSize bytes and padded with zeros.
+// Full form: kCacheHeaderSize bytes. The server name is cut to kCacheServerNameSize bytes and
+// padded with zeros.
 void encodeCacheHeader(const CacheHeader& header, uint8_t* out);
 void decodeCacheHeader(const uint8_t* in, CacheHeader* header);
 
-// Writes the path of the cache file `fileName` (the cache directory under the
-// root, "/", the name) into `out`, which holds kCachePathSize bytes. Returns
-// `out`.
+// Writes the path of the cache file `fileName` (the cache directory under the root, "/", the name)
+// into `out`, which holds kCachePathSize bytes. Returns `out`.
 char* cacheFilePath(const char* fileName, char* out);
 
 constexpr int kCacheVersionOk = 0;
 constexpr int kCacheVersionBad = 1;  // bad file id, or a version other than the table's
 
-// Register and look up the version pair of a file id (0 to 4). A bad id is
-// traced and refused.
+// Register and look up the version pair of a file id (0 to 4). A bad id is traced and refused.
 [[nodiscard]] int setCacheVersion(int32_t fileId, uint32_t majorNumber, uint32_t minorNumber);
 [[nodiscard]] int getCacheVersion(int32_t fileId, CacheVersion* version);
 // kCacheVersionOk when `read` equals the table's pair for `fileId`.
@@ -88,15 +91,12 @@ constexpr int kCacheFileBad = 1;
 constexpr int kCacheFileMissing = 6;
 
 // Opens the cache file `path` of `fileId` for reading and checks its header.
-// kCacheFileValid: *file is open and positioned on the body; the caller reads
-// it and closes it.
-//   With a `timestamp`, the file has the full header, *timestamp holds its time
-//   and the file was written for the configured "server"; without one only the
-//   version pair was read.
+// kCacheFileValid: *file is open and positioned on the body; the caller reads it and closes it.
+//   With a `timestamp`, the file has the full header, *timestamp holds its time and the file was
+//   written for the configured "server"; without one only the version pair was read.
 // kCacheFileMissing: the file could not be opened; *file is null.
-// kCacheFileBad: the header is bad and *file is left alone. The file has been
-// deleted, except when
-//   even the version pair could not be read.
+// kCacheFileBad: the header is bad and *file is left alone. The file has been deleted, except
+//   when even the version pair could not be read.
 [[nodiscard]] int openCacheFile(const char* path, int32_t fileId, FILE** file, int64_t* timestamp);
 
 }  // namespace slm
