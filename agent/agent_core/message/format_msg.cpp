@@ -11,7 +11,7 @@
 namespace slm {
 namespace {
 
-// The argument kind per position ("l:i" for a long integer, "i" for an int, "s" text...), or
+// The argument kind per position ("l:i" a long integer, ":i" an int, ":s" a text...), or
 // false when the format cannot be trusted.
 bool formatArguments(const char* format, std::map<int, std::string>* kinds) {
   int next = 1;
@@ -44,7 +44,7 @@ bool formatArguments(const char* format, std::map<int, std::string>* kinds) {
         ++p;
         int starPosition = 0;
         if (!readPosition(p, &starPosition)) starPosition = next++;
-        if (!record(starPosition, "i")) return false;
+        if (!record(starPosition, ":i")) return false;
       }
       while (isdigit(static_cast<unsigned char>(*p))) ++p;
     }
