@@ -1,6 +1,6 @@
 // Language support over glibc. Catalogue files are found by expanding the search pattern for a
-// few forms of the messages locale and resolving each path under the root; conversions open an
-// iconv descriptor per call, so that threads never share one.
+// few forms of the messages locale; conversions open an iconv descriptor per call, so that threads
+// never share one.
 #include "agent_core/message/nls.h"
 
 #include <iconv.h>
@@ -39,14 +39,23 @@ constexpr const char* kUcs2 = std::endian::native == std::endian::little ? "UCS-
 // Every byte is a character in ISO-8859-1, so a path in an unknown code set still converts.
 CodeSet builtinCodeSet = {"ISO-8859-1"};
 
-// Set by the starting thread before the workers exist; read by everyone afterwards.
+// Set by the starting thread before the workers exist; read by everyone afterwards. An empty
+// path stands for the built-in one, resolved under the root when it is used.
 struct LayerState {
   char codeSetDir[kPathChars + 1];
   char searchPattern[kPathChars + 1];
   CodeSet* defaultCodeSet;
 };
 
-LayerState layer = {"/var/qsam/codeset", "/var/qsam/nls/%L/%N.cat", &builtinCodeSet};
+LayerState layer = {"", "", &builtinCodeSet};
+
+void setPath(char* slot, const char* path) {
+  copyBounded(slot, kPathChars, path != nullptr ? path : "");
+}
+
+std::string pathOrBuiltIn(const char* slot, const char* builtIn) {
+  return slot[0] != '\0' ? std::string(slot) : rootedPath(builtIn);
+}
 
 class IconvHandle {
  public:
@@ -195,33 +204,31 @@ locale_t caseLocale() {
 }  // namespace
 
 int initLanguageSupport(const char* codeSetDir, const char* catalogueSearchPattern) {
-  copyBounded(layer.codeSetDir, kPathChars, codeSetDir != nullptr ? codeSetDir : kCodeSetDirectory);
-  copyBounded(layer.searchPattern, kPathChars,
-              catalogueSearchPattern != nullptr ? catalogueSearchPattern : kCatalogueSearchPattern);
+  setPath(layer.codeSetDir, codeSetDir);
+  setPath(layer.searchPattern, catalogueSearchPattern);
   layer.defaultCodeSet = &builtinCodeSet;
   return 1;
 }
 
 void shutdownLanguageSupport() {
-  copyBounded(layer.codeSetDir, kPathChars, kCodeSetDirectory);
-  copyBounded(layer.searchPattern, kPathChars, kCatalogueSearchPattern);
+  setPath(layer.codeSetDir, nullptr);
+  setPath(layer.searchPattern, nullptr);
   layer.defaultCodeSet = &builtinCodeSet;
 }
 
-const char* getCodeSetDirectory() {
-  return layer.codeSetDir;
+std::string getCodeSetDirectory() {
+  return pathOrBuiltIn(layer.codeSetDir, kCodeSetDirectory);
 }
 
 MessageCatalogue* openMessageCatalogue(const char* name) {
   if (name == nullptr || name[0] == '\0') return nullptr;
-  std::string pattern = layer.searchPattern;
+  std::string pattern = pathOrBuiltIn(layer.searchPattern, kCatalogueSearchPattern);
   for (const LocaleParts& parts : localeCandidates()) {
     size_t start = 0;
     while (start <= pattern.size()) {
       size_t stop = pattern.find(':', start);
       if (stop == std::string::npos) stop = pattern.size();
-      std::string path =
-          rootedPath(expandPattern(pattern.substr(start, stop - start), name, parts).c_str());
+      std::string path = expandPattern(pattern.substr(start, stop - start), name, parts);
       start = stop + 1;
       nl_catd descriptor = openCatalogueFile(path);
       if (descriptor == reinterpret_cast<nl_catd>(-1)) continue;

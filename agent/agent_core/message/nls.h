@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string>
 
 #include "agent_core/message/messages.h"
 
@@ -16,14 +17,16 @@ constexpr const char* kCodeSetDirectory = "/var/qsam/codeset";
 constexpr const char* kMessageCatalogueName = "kvdagt";
 constexpr size_t kCodeSetNameChars = 32;
 
-// Records the code-set directory and the catalogue search pattern (absolute, resolved under the
-// root when a catalogue is opened; ":" separates alternatives; %N is the catalogue name, %L the
-// messages locale, %l its language, %t its territory, %c its code set, %% a percent sign).
-// A null argument keeps the built-in value. Returns 1.
+// Records the code-set directory and the catalogue search pattern, both already resolved under
+// the root as every fixed path is (":" separates alternatives; %N is the catalogue name, %L the
+// messages locale, %l its language, %t its territory, %c its code set, %% a percent sign). A null
+// argument selects the built-in value, which the layer resolves under the root itself. Returns 1.
 int initLanguageSupport(const char* codeSetDir, const char* catalogueSearchPattern);
 // Forgets the paths and makes the built-in code set the default again.
 void shutdownLanguageSupport();
-const char* getCodeSetDirectory();
+// The code-set directory in force. glibc's converters bring their own tables, so the layer only
+// reports it.
+std::string getCodeSetDirectory();
 
 // ---- Message catalogues.
 
