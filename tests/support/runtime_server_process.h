@@ -1,0 +1,40 @@
+// The reference runtime server as a child process for tests of the services: it serves one
+// scenario on 127.0.0.1 from a fresh state directory, and its database is read back through the
+// interpreter to give the raw requests it received and the protocol violations it found.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "support/temp_root.h"
+
+namespace slm::test {
+
+class RuntimeServerProcess {
+ public:
+  // Starts the server with the JSON text `scenario`; port() is 0 when it did not come up.
+  explicit RuntimeServerProcess(const std::string& scenario);
+  ~RuntimeServerProcess();
+  RuntimeServerProcess(const RuntimeServerProcess&) = delete;
+  RuntimeServerProcess& operator=(const RuntimeServerProcess&) = delete;
+
+  uint16_t port() const { return port_; }
+  // Every byte of the latest request for service `serviceId`, head and body; "" when none came.
+  std::string lastRequest(const std::string& serviceId) const;
+  // The body of that request: what follows the blank line.
+  std::string lastRequestBody(const std::string& serviceId) const;
+  // "kind: detail" for every violation recorded so far.
+  std::vector<std::string> violations() const;
+
+ private:
+  std::string query(const std::string& script, const std::string& argument) const;
+
+  TempDir dir_;
+  pid_t pid_ = -1;
+  uint16_t port_ = 0;
+};
+
+}  // namespace slm::test
