@@ -58,8 +58,14 @@ struct HeadToken {
   HeadToken() = default;
   HeadToken(const HeadToken&) = delete;
   HeadToken& operator=(const HeadToken&) = delete;
+  // A head cut by the network arrives in pieces: each try reads one more piece, until the line
+  // is complete, fills the buffer (kStreamNoRoom) or the connection times out or ends.
   int next(BufferedStream* stream, const TokenDesc& delimA, const TokenDesc& delimB) {
-    return tokenizeStream(stream, &delimA, &delimB, &buffer, kTokenConsume);
+    int result;
+    do {
+      result = tokenizeStream(stream, &delimA, &delimB, &buffer, kTokenConsume);
+    } while (result == kStreamNoDelimiter);
+    return result;
   }
 };
 

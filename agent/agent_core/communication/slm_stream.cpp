@@ -164,7 +164,9 @@ int refillBufferedStream(BufferedStream* stream, int mode) {
     resetBufferedStream(stream);
     result = stream->lower->read(stream->lower->context, stream->buf, stream->capacity, 0);
   } else if (mode == kRefillCompact) {
-    if (stream->cur == stream->buf && stream->stored != 0) return kStreamNoRoom;
+    // Nothing consumed and nothing free: no room can be made. A partly filled buffer whose first
+    // token is still incomplete (a status line cut by the network) is read on behind its bytes.
+    if (stream->cur == stream->buf && stream->stored == stream->capacity) return kStreamNoRoom;
     stream->stored -= static_cast<int>(stream->cur - stream->buf);
     memmove(stream->buf, stream->cur, static_cast<size_t>(stream->stored));
     stream->cur = stream->buf;

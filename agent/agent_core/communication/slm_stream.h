@@ -85,8 +85,8 @@ int getStoredBytes(const BufferedStream* stream);
 // Returns 0, kStreamIoError for a negative size or when the memory cannot be had.
 [[nodiscard]] int adjustBufferStream(BufferedStream* stream, int size);
 // Mode kRefillFresh or kRefillCompact (any other mode reads nothing and returns 0). Returns the
-// bytes read, kStreamNoRoom when compaction is asked of a buffer with nothing consumed, or the
-// lower read's result below 1 (then `stored` is unchanged).
+// bytes read, kStreamNoRoom when compaction is asked of a full buffer with nothing consumed, or
+// the lower read's result below 1 (then `stored` is unchanged).
 int refillBufferedStream(BufferedStream* stream, int mode);
 // Writes the stored bytes to the lower stream. A result below 1 is returned and the buffer keeps
 // its contents; otherwise the buffer is reset and the lower write's result returned.

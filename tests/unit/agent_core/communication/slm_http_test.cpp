@@ -1,0 +1,433 @@
+#include "agent_core/communication/slm_http.h"
+
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <memory>
+#include <string>
+
+#include "agent_core/support/trace.h"
+#include "support/loopback_server.h"
+#include "support/temp_root.h"
+
+namespace slm {
+namespace {
+
+using test::LoopbackScript;
+using test::LoopbackServer;
+using HandlePtr = std::unique_ptr<HttpHandle, decltype(&freeHttpHandle)>;
+
+constexpr const char* kSource = "File: agent/agent_core/communication/slm_http.cpp";
+
+LoopbackScript replyWith(std::string reply) {
+  LoopbackScript script;
+  script.replies = {std::move(reply)};
+  return script;
+}
+
+std::string okAnswer(const std::string& body) {
+  return "HTTP/1.0 200 OK\r\nContent-Length:" + std::to_string(body.size()) + "\r\n\r\n" + body;
+}
+
+std::string headOf(const std::string& request) {
+  size_t end = request.find("\r\n\r\n");
+  return end == std::string::npos ? request : request.substr(0, end + 4);
+}
+
+std::string bodyOf(const std::string& request) {
+  size_t end = request.find("\r\n\r\n");
+  return end == std::string::npos ? "" : request.substr(end + 4);
+}
+
+std::string customValue(const HttpHandle* handle, const char* name) {
+  CustomHeader record{};
+  strcpy(record.name, name);
+  return getHeaderByName(handle, &record) == 1 ? record.value : "<absent>";
+}
+
+std::string headerValue(const HttpHandle* handle, int id) {
+  char value[kHeaderValueBytes];
+  return getHeaderById(handle, id, value) == 1 ? value : "<invalid>";
+}
+
+class HttpClient : public ::testing::Test {
+ protected:
+  void SetUp() override { restartTrace(); }
+  void TearDown() override {
+    setDefaults(kHeaderSubjectCustomer, "");
+    setDefaults(kHeaderSubjectId, "");
+    setHttpProxy("", 0);
+    setHttpContentEncoding("");
+    stopTrace();
+    setTraceLevel(-1);
+  }
+
+  void restartTrace() {
+    startTrace(tracePath_.c_str());
+    setTraceLevel(2);
+  }
+  std::string trace() const { return test::readFile(tracePath_); }
+
+  static HandlePtr open(const LoopbackServer& server, int method = kHttpPost,
+                        const char* host = "127.0.0.1", int timeoutSeconds = 5, int flags = 0) {
+    return HandlePtr(
+        newHttpHandle(method, "/x", "HTTP/1.0", host, server.port(), timeoutSeconds, flags),
+        freeHttpHandle);
+  }
+
+  test::TempDir dir_;
+  std::string tracePath_ = dir_.file("traceagt.log");
+};
+
+TEST_F(HttpClient, SendsAServiceRequestHeadByteForByte) {
+  setDefaults(kHeaderSubjectCustomer, "ACME");
+  setDefaults(kHeaderSubjectId, "node-7");
+  LoopbackServer server(replyWith(okAnswer("")));
+  HandlePtr handle = open(server);
+  ASSERT_NE(handle, nullptr);
+  ASSERT_EQ(putHeader(handle.get(), kHeaderService, "3"), 1);
+  const std::string body = "0123456789abcdefghijklmnopqrstuvwxyzABCD\r\n";
+  ASSERT_EQ(body.size(), 42u);
+  ASSERT_EQ(sendContent(handle.get(), body.data(), 20), 1);
+  ASSERT_EQ(sendContent(handle.get(), body.data() + 20, 22), 1);
+  EXPECT_EQ(getAnswer(handle.get()), 1);
+  EXPECT_EQ(server.request(),
+            "POST /x HTTP/1.0\r\n"
+            "Host:127.0.0.1\r\n"
+            "Connection:close\r\n"
+            "Pragma:no-cache\r\n"
+            "Cache-Control:no-cache\r\n"
+            "User-Agent:SLMAgent\r\n"
+            "Accept-Charset:UTF-8\r\n"
+            "Content-Length:42\r\n"
+            "Content-Type:text/plain\r\n"
+            "SCPVersion:1.1.1\r\n"
+            "Service:3\r\n"
+            "SubjectCustomer:ACME\r\n"
+            "SubjectID:node-7\r\n"
+            "SubjectType:SLMAgent\r\n"
+            "\r\n" +
+                body);
+  EXPECT_EQ(trace(), "");
+}
+
+TEST_F(HttpClient, ProxyRequestLineNamesTheServerAndItsPortUnless80) {
+  struct Case {
+    uint16_t serverPort;
+    int flags;
+    const char* start;
+  };
+  const Case cases[] = {
+      {80, 0, "POST http://h/x HTTP/1.0\r\nHost:h\r\nConnection:close\r\n"},
+      {8080, 0, "POST http://h:8080/x HTTP/1.0\r\nHost:h\r\nConnection:close\r\n"},
+      // Told to bypass the proxy, the handle connects to the server itself.
+      {0, kHttpNoProxy, "POST /x HTTP/1.0\r\nHost:127.0.0.1\r\nConnection:close\r\n"},
+  };
+  for (const Case& c : cases) {
+    LoopbackServer server(replyWith(okAnswer("")));
+    setHttpProxy(c.flags == 0 ? "127.0.0.1" : "no-such-proxy.invalid",
+                 c.flags == 0 ? server.port() : 3128);
+    uint16_t port = c.serverPort != 0 ? c.serverPort : server.port();
+    HandlePtr handle(newHttpHandle(kHttpPost, "/x", "HTTP/1.0", c.flags == 0 ? "h" : "127.0.0.1",
+                                   port, 5, c.flags),
+                     freeHttpHandle);
+    ASSERT_NE(handle, nullptr) << c.start;
+    EXPECT_EQ(handle->proxy, c.flags == 0 ? 1 : 0);
+    ASSERT_EQ(sendContent(handle.get(), "x", 1), 1);
+    EXPECT_EQ(getAnswer(handle.get()), 1);
+    EXPECT_EQ(server.request().rfind(c.start, 0), 0u) << server.request();
+  }
+}
+
+TEST_F(HttpClient, HeaderValuesDefaultsSuppressionAndCustomHeadersOnTheWire) {
+  LoopbackServer server(replyWith(okAnswer("")));
+  HandlePtr handle = open(server, kHttpGet);
+  ASSERT_NE(handle, nullptr);
+  EXPECT_EQ(putHeader(handle.get(), kHeaderUserAgent, kHeaderSuppressed), 1);
+  EXPECT_EQ(putHeader(handle.get(), kHeaderHost, "alias"), 1);
+  EXPECT_EQ(putHeader(handle.get(), kHeaderServer, "srv"), 1);
+  EXPECT_EQ(putHeader(handle.get(), kHeaderServer, nullptr), 1);
+  EXPECT_EQ(putHeader(handle.get(), kHeaderContentEncoding, "***"), 1);
+  EXPECT_EQ(putHeader(handle.get(), kHeaderContentEncoding, "UTF-16"), 0);
+  EXPECT_EQ(headerValue(handle.get(), kHeaderContentEncoding), "***");
+  EXPECT_EQ(putHeader(handle.get(), kHeaderCount, "x"), 0);
+  EXPECT_EQ(setDefaults(-1, "x"), 0);
+  for (int i = 1; i <= 6; ++i) {
+    CustomHeader record{};
+    snprintf(record.name, sizeof record.name, "X-%d", i);
+    snprintf(record.value, sizeof record.value, "v%d", i);
+    EXPECT_EQ(putCustomHearder(handle.get(), &record), i <= 5 ? 1 : 0) << i;
+  }
+  EXPECT_EQ(putCustomHearder(handle.get(), nullptr), 0);
+
+  EXPECT_EQ(getAnswer(handle.get()), 1);
+  // No body: no Content-Length.
+  EXPECT_EQ(server.request(),
+            "GET /x HTTP/1.0\r\n"
+            "Host:127.0.0.1\r\n"
+            "Host:alias\r\n"
+            "Connection:close\r\n"
+            "Pragma:no-cache\r\n"
+            "Cache-Control:no-cache\r\n"
+            "Accept-Charset:UTF-8\r\n"
+            "Server:srv\r\n"
+            "Content-Type:text/plain\r\n"
+            "SCPVersion:1.1.1\r\n"
+            "SubjectType:SLMAgent\r\n"
+            "X-1:v1\r\nX-2:v2\r\nX-3:v3\r\nX-4:v4\r\nX-5:v5\r\n"
+            "\r\n");
+  std::string log = trace();
+  EXPECT_NE(log.find(kSource), std::string::npos) << log;
+  EXPECT_NE(log.find("  NET - No enconding set\n"), std::string::npos) << log;
+  EXPECT_NE(log.find("  ERROR - Encoding UTF-16 not valid\n"), std::string::npos) << log;
+  EXPECT_NE(log.find("  ERROR - Header number 15 not valid\n"), std::string::npos) << log;
+  EXPECT_NE(log.find("  ERROR - Header number -1 not valid\n"), std::string::npos) << log;
+}
+
+TEST_F(HttpClient, RequestBodiesLargerThanOneBufferGoOutWhole) {
+  for (size_t size : {4095u, 4096u, 8192u, 10000u}) {
+    std::string body(size, 'q');
+    body.back() = 'e';
+    LoopbackServer server(replyWith(okAnswer("")));
+    HandlePtr handle = open(server);
+    ASSERT_NE(handle, nullptr);
+    ASSERT_EQ(sendContent(handle.get(), body.data(), static_cast<int>(body.size())), 1);
+    EXPECT_EQ(getAnswer(handle.get()), 1) << size;
+    std::string request = server.request();
+    EXPECT_NE(headOf(request).find("\r\nContent-Length:" + std::to_string(size) + "\r\n"),
+              std::string::npos)
+        << size;
+    EXPECT_EQ(bodyOf(request), body) << size;
+  }
+}
+
+TEST_F(HttpClient, ParsesAnAnswerSplitAtEveryOffset) {
+  const std::string answer =
+      "HTTP/1.1 200 OK\r\nContent-Length:5\r\nSCPVersion: 1.1.1\r\nX-Foo: bar\r\n\r\nhello";
+  for (size_t split = 1; split < answer.size(); ++split) {
+    SCOPED_TRACE(split);
+    LoopbackScript script;
+    script.replies = {answer.substr(0, split), answer.substr(split)};
+    script.pauseBetween = std::chrono::milliseconds(2);
+    LoopbackServer server(script);
+    HandlePtr handle = open(server);
+    ASSERT_NE(handle, nullptr);
+    ASSERT_EQ(getAnswer(handle.get()), 1);
+    EXPECT_STREQ(handle->status, "200");
+    EXPECT_EQ(headerValue(handle.get(), kHeaderScpVersion), " 1.1.1");
+    EXPECT_EQ(headerValue(handle.get(), kHeaderContentLength), "5");
+    EXPECT_EQ(customValue(handle.get(), "X-Foo"), " bar");
+    char chunk[64];
+    EXPECT_EQ(getContentChunk(handle.get(), chunk, sizeof chunk), 5);
+    EXPECT_STREQ(chunk, "hello");
+    EXPECT_EQ(getContentChunk(handle.get(), chunk, sizeof chunk), kContentEnd);
+  }
+  EXPECT_EQ(trace(), "");
+}
+
+TEST_F(HttpClient, StatusLinesOtherThanHttp1TwoHundredAreRefused) {
+  struct Case {
+    const char* statusLine;
+    int result;
+    const char* message;  // empty: no message
+  };
+  const Case cases[] = {
+      {"HTTP/1.1 200 OK", 1, ""},
+      {"HTTP/1.0 204 No Content", 1, ""},
+      {"HTTP/2 200 OK", 0, "ERROR - Http version HTTP/2 not supported"},
+      {"HTTP/1.0 100 Continue", 0, "ERROR - Http response 100 not managed"},
+      {"HTTP/1.0 302 Found", 0, "ERROR - Http response 302 not managed"},
+      {"HTTP/1.0 404 Not Found", 0, "ERROR - Http response 404 not managed"},
+      {"HTTP/1.0 503 Busy", 0, "ERROR - Http response 503 not managed"},
+      {"HTTP/1.0 600 X", 0, ""},
+      {"HTTP/1.0 200", 0, ""},  // the status must end at a blank
+      {"HTTP/1.0\r\n", 0, ""},
+  };
+  for (const Case& c : cases) {
+    restartTrace();
+    LoopbackServer server(replyWith(std::string(c.statusLine) + "\r\nServer: s\r\n\r\n"));
+    HandlePtr handle = open(server);
+    ASSERT_NE(handle, nullptr);
+    EXPECT_EQ(getAnswer(handle.get()), c.result) << c.statusLine;
+    std::string log = trace();
+    if (c.message[0] == '\0') {
+      EXPECT_EQ(log, "") << c.statusLine;
+    } else {
+      EXPECT_NE(log.find(std::string("  ") + c.message + "\n"), std::string::npos) << log;
+      EXPECT_NE(log.find(kSource), std::string::npos) << log;
+    }
+  }
+}
+
+TEST_F(HttpClient, ResponseHeadersFillTheTableAndFiveCustomSlots) {
+  const std::string longValue(70, 'v');
+  LoopbackServer server(replyWith(
+      "HTTP/1.0 200 OK\r\nServer: real\r\nX-Foo: bar\r\nX-B:2\r\nX-C: 3\r\nX-D: 4\r\nX-Long: " +
+      longValue + "\r\nX-F: 6\r\n\r\n"));
+  HandlePtr handle = open(server);
+  ASSERT_NE(handle, nullptr);
+  CustomHeader sent{};
+  strcpy(sent.name, "X-Sent");
+  strcpy(sent.value, "request only");
+  ASSERT_EQ(putCustomHearder(handle.get(), &sent), 1);
+  ASSERT_EQ(putHeader(handle.get(), kHeaderService, "3"), 1);
+  ASSERT_EQ(getAnswer(handle.get()), 1);
+
+  // The request's headers are gone; the response's replace them.
+  EXPECT_EQ(headerValue(handle.get(), kHeaderService), "");
+  EXPECT_EQ(customValue(handle.get(), "X-Sent"), "<absent>");
+  EXPECT_EQ(headerValue(handle.get(), kHeaderServer), " real");
+  EXPECT_EQ(customValue(handle.get(), "Server"), " real");
+  ASSERT_NE(handle->custom[0], nullptr);
+  EXPECT_STREQ(handle->custom[0]->name, "X-Foo");
+  EXPECT_STREQ(handle->custom[0]->value, " bar");
+  EXPECT_EQ(customValue(handle.get(), "X-B"), "2");
+  EXPECT_EQ(customValue(handle.get(), "X-Long"), " " + longValue.substr(0, 62));
+  EXPECT_EQ(customValue(handle.get(), "X-F"), "<absent>");
+  EXPECT_EQ(customValue(handle.get(), "x-foo"), "<absent>");
+
+  EXPECT_EQ(headerValue(handle.get(), kHeaderCount), "");  // 15 names no header
+  EXPECT_EQ(headerValue(handle.get(), kHeaderCount + 1), "<invalid>");
+  EXPECT_EQ(headerValue(handle.get(), -1), "<invalid>");
+}
+
+TEST_F(HttpClient, BodyBufferIsSizedFromContentLength) {
+  const std::string body = std::string(5000, 'a') + "|tail\r\n";
+  struct Case {
+    const char* lengthHeader;
+    int capacity;
+    int result;
+  };
+  const Case cases[] = {
+      {"Content-Length", 5007, kTokenFoundB},
+      // Not the known name: the buffer stays small and cannot hold the token.
+      {"content-length", 4096, kStreamNoDelimiter},
+  };
+  const TokenDesc crlf = makeTokenDesc("\r\n", 2);
+  const TokenDesc bar = makeTokenDesc("|", 1);
+  for (const Case& c : cases) {
+    LoopbackServer server(replyWith(std::string("HTTP/1.0 200 OK\r\n") + c.lengthHeader + ":" +
+                                    std::to_string(body.size()) + "\r\n\r\n" + body));
+    HandlePtr handle = open(server);
+    ASSERT_NE(handle, nullptr);
+    ASSERT_EQ(getAnswer(handle.get()), 1);
+    EXPECT_EQ(handle->bodyStream->capacity, c.capacity) << c.lengthHeader;
+    std::string area(8192, 'Z');
+    TokenBuffer token{area.data(), 0, 8192};
+    EXPECT_EQ(getContentToken(handle.get(), &crlf, &bar, &token, kTokenConsume), c.result);
+    if (c.result != kTokenFoundB) continue;
+    EXPECT_EQ(token.length, 5000);
+    EXPECT_EQ(area.substr(0, 5001), std::string(5000, 'a') + '\0');
+    char tail[5];
+    TokenBuffer small{tail, 0, 5};
+    EXPECT_EQ(getContentToken(handle.get(), &crlf, &bar, &small, kTokenConsume), kTokenFoundA);
+    EXPECT_STREQ(tail, "tail");
+  }
+}
+
+TEST_F(HttpClient, ContentTokenIsTerminatedInsideItsArea) {
+  LoopbackServer server(replyWith(okAnswer("abcdefgh|\r\nxy|")));
+  HandlePtr handle = open(server);
+  ASSERT_NE(handle, nullptr);
+  ASSERT_EQ(getAnswer(handle.get()), 1);
+  const TokenDesc crlf = makeTokenDesc("\r\n", 2);
+  const TokenDesc bar = makeTokenDesc("|", 1);
+  char area[8];
+  TokenBuffer token{area, 0, 8};
+  // A token that fills its area loses its last byte to the terminator.
+  EXPECT_EQ(getContentToken(handle.get(), &crlf, &bar, &token, kTokenConsume), kTokenFoundB);
+  EXPECT_EQ(token.length, 8);
+  EXPECT_STREQ(area, "abcdefg");
+  EXPECT_EQ(getContentToken(handle.get(), &crlf, &bar, &token, kTokenConsume), kTokenFoundA);
+  EXPECT_EQ(token.length, 0);
+  EXPECT_EQ(getContentToken(handle.get(), &crlf, &bar, &token, kTokenPeek), kTokenFoundB);
+  EXPECT_STREQ(area, "xy");
+  EXPECT_EQ(getContentToken(handle.get(), &crlf, &bar, &token, kTokenConsume), kTokenFoundB);
+  EXPECT_STREQ(area, "xy");
+}
+
+TEST_F(HttpClient, IncompleteHeadsFailWithoutAMessage) {
+  struct Case {
+    const char* reply;
+    bool closeAfter;
+  };
+  const Case cases[] = {
+      {"HTTP/1.0 200 OK\r\nServer: x\r\n", false},  // read time-out
+      {"HTTP/1.0 200 OK\r\nServer: x\r\n", true},   // peer closed
+      {"", true},
+      {"HTTP/1.0 200 OK\r\nNoColon\r\n\r\n", true},
+  };
+  for (const Case& c : cases) {
+    LoopbackScript script = replyWith(c.reply);
+    script.closeAfterReplies = c.closeAfter;
+    LoopbackServer server(script);
+    HandlePtr handle = open(server, kHttpPost, "127.0.0.1", 1);
+    ASSERT_NE(handle, nullptr);
+    EXPECT_EQ(getAnswer(handle.get()), 0) << c.reply;
+  }
+  EXPECT_EQ(trace(), "");
+}
+
+TEST_F(HttpClient, ContentChunkDistinguishesTimeOutFromClose) {
+  LoopbackScript script = replyWith("HTTP/1.0 200 OK\r\nContent-Length:10\r\n\r\nhello");
+  script.closeAfterReplies = false;
+  LoopbackServer server(script);
+  HandlePtr handle = open(server, kHttpPost, "127.0.0.1", 1);
+  ASSERT_NE(handle, nullptr);
+  ASSERT_EQ(getAnswer(handle.get()), 1);
+  char chunk[64];
+  EXPECT_EQ(getContentChunk(handle.get(), chunk, sizeof chunk), 5);  // then the peer fell silent
+  EXPECT_STREQ(chunk, "hello");
+  EXPECT_EQ(getContentChunk(handle.get(), chunk, sizeof chunk), 0);
+}
+
+TEST_F(HttpClient, RefusedConnectionGivesNoHandle) {
+  int probe = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof address;
+  ASSERT_EQ(bind(probe, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  ASSERT_EQ(getsockname(probe, reinterpret_cast<sockaddr*>(&address), &length), 0);
+  close(probe);
+  EXPECT_EQ(newHttpHandle(kHttpGet, "/", "HTTP/1.0", "127.0.0.1", ntohs(address.sin_port), 1, 0),
+            nullptr);
+  EXPECT_EQ(trace(), "");
+}
+
+TEST_F(HttpClient, AsciiEncodingMasksBodiesBothWays) {
+  const std::string reply = okAnswer("d\xC3\xA9j\xC3\xA0");
+  {
+    LoopbackServer server(replyWith(reply));
+    HandlePtr handle = open(server);
+    ASSERT_NE(handle, nullptr);
+    ASSERT_EQ(putHeader(handle.get(), kHeaderContentEncoding, kAsciiEncoding), 1);
+    ASSERT_EQ(sendContent(handle.get(), "caf\xC3\xA9", 5), 1);
+    ASSERT_EQ(getAnswer(handle.get()), 1);
+    std::string request = server.request();
+    EXPECT_NE(headOf(request).find("\r\nContent-Length:5\r\n"), std::string::npos) << request;
+    EXPECT_NE(headOf(request).find("\r\nContent-Enconding:US_ASCII\r\n"), std::string::npos);
+    EXPECT_EQ(bodyOf(request), "caf??");
+    char chunk[16];
+    EXPECT_EQ(getContentChunk(handle.get(), chunk, sizeof chunk), 6);
+    EXPECT_STREQ(chunk, "d??j??");
+  }
+  EXPECT_NE(trace().find("  NET - ASCII enconding set\n"), std::string::npos) << trace();
+
+  // The process-wide name converts without a header line.
+  setHttpContentEncoding(kAsciiEncoding);
+  LoopbackServer server(replyWith(reply));
+  HandlePtr handle = open(server);
+  ASSERT_NE(handle, nullptr);
+  ASSERT_EQ(sendContent(handle.get(), "\xC3\xA9t\xC3\xA9", 5), 1);
+  ASSERT_EQ(getAnswer(handle.get()), 1);
+  std::string request = server.request();
+  EXPECT_EQ(bodyOf(request), "??t??");
+  EXPECT_EQ(headOf(request).find("Content-Enconding"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace slm
