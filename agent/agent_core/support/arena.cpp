@@ -1,0 +1,164 @@
+// Arena blocks are single zeroed allocations: a block header, then the slots. Each slot is a slot
+// header (the active flag and the free-list link) followed by the element's storage. The link
+// lives in the header rather than in the storage because an element may be smaller than a pointer.
+#include "agent_core/support/arena.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+
+namespace slm {
+
+struct ArenaBlock {
+  ArenaBlock* next;
+};
+
+struct ArenaSlot {
+  uint8_t active;  // non-zero while the element is in use
+  ArenaSlot* nextFree;
+};
+
+namespace {
+
+constexpr size_t kElementSizeMultiple = 4;
+// Storage is aligned for any type, as malloc'd memory is: records hold 64-bit keys and pointers.
+constexpr size_t kStorageAlignment = alignof(std::max_align_t);
+
+constexpr size_t roundUp(size_t value, size_t multiple) {
+  return (value + multiple - 1) / multiple * multiple;
+}
+
+constexpr size_t kBlockHeaderBytes = roundUp(sizeof(ArenaBlock), kStorageAlignment);
+constexpr size_t kSlotHeaderBytes = roundUp(sizeof(ArenaSlot), kStorageAlignment);
+static_assert(kBlockHeaderBytes % kStorageAlignment == 0);
+static_assert(kSlotHeaderBytes % kStorageAlignment == 0);
+
+size_t slotBytes(const Arena* arena) {
+  return kSlotHeaderBytes + roundUp(arena->elementSize, kStorageAlignment);
+}
+
+size_t blockBytes(const Arena* arena) {
+  return kBlockHeaderBytes + slotBytes(arena) * arena->elementsPerBlock;
+}
+
+ArenaSlot* slotAt(const Arena* arena, ArenaBlock* block, size_t index) {
+  auto* base = reinterpret_cast<uint8_t*>(block) + kBlockHeaderBytes;
+  return reinterpret_cast<ArenaSlot*>(base + slotBytes(arena) * index);
+}
+
+void* storageOf(ArenaSlot* slot) {
+  return reinterpret_cast<uint8_t*>(slot) + kSlotHeaderBytes;
+}
+
+ArenaSlot* slotOf(void* storage) {
+  return reinterpret_cast<ArenaSlot*>(static_cast<uint8_t*>(storage) - kSlotHeaderBytes);
+}
+
+ArenaBlock* newBlock(const Arena* arena) {
+  return static_cast<ArenaBlock*>(calloc(1, blockBytes(arena)));
+}
+
+}  // namespace
+
+Arena* initArena(size_t elementSize, size_t elementsPerBlock) {
+  constexpr size_t kMax = std::numeric_limits<size_t>::max();
+  if (elementsPerBlock == 0 || elementSize > kMax / 2) return nullptr;
+  size_t stride =
+      kSlotHeaderBytes + roundUp(roundUp(elementSize, kElementSizeMultiple), kStorageAlignment);
+  if (elementsPerBlock > (kMax - kBlockHeaderBytes) / stride) return nullptr;
+
+  auto* arena = static_cast<Arena*>(calloc(1, sizeof(Arena)));
+  if (arena == nullptr) return nullptr;
+  arena->elementSize = roundUp(elementSize, kElementSizeMultiple);
+  arena->elementsPerBlock = elementsPerBlock;
+  arena->firstBlock = newBlock(arena);
+  if (arena->firstBlock == nullptr) {
+    free(arena);
+    return nullptr;
+  }
+  arena->currentBlock = arena->firstBlock;
+  return arena;
+}
+
+void* newArenaElement(Arena* arena) {
+  if (arena == nullptr) return nullptr;
+  ArenaSlot* slot = arena->freeHead;
+  if (slot != nullptr) {
+    arena->freeHead = slot->nextFree;
+  } else {
+    if (arena->usedInCurrent == arena->elementsPerBlock) {
+      ArenaBlock* block = newBlock(arena);
+      if (block == nullptr) return nullptr;
+      arena->currentBlock->next = block;
+      arena->currentBlock = block;
+      arena->usedInCurrent = 0;
+    }
+    slot = slotAt(arena, arena->currentBlock, arena->usedInCurrent++);
+  }
+  slot->active = 1;
+  slot->nextFree = nullptr;
+  memset(storageOf(slot), 0, arena->elementSize);
+  return storageOf(slot);
+}
+
+void deleteArenaElement(Arena* arena, void* element) {
+  if (arena == nullptr || element == nullptr) return;
+  ArenaSlot* slot = slotOf(element);
+  // A second delete would put the slot on the free list twice and hand it out twice.
+  if (!slot->active) return;
+  memset(element, 0, arena->elementSize);
+  slot->active = 0;
+  slot->nextFree = arena->freeHead;
+  arena->freeHead = slot;
+}
+
+void* findArenaNextActiveElement(Arena* arena, int restart) {
+  if (arena == nullptr) return nullptr;
+  if (restart != 0 || arena->walkBlock == nullptr) {
+    arena->walkBlock = arena->firstBlock;
+    arena->walkSlot = 0;
+  }
+  for (ArenaBlock* block = arena->walkBlock; block != nullptr; block = block->next) {
+    for (size_t index = block == arena->walkBlock ? arena->walkSlot : 0;
+         index < arena->elementsPerBlock; ++index) {
+      ArenaSlot* slot = slotAt(arena, block, index);
+      if (slot->active) {
+        arena->walkBlock = block;
+        arena->walkSlot = index + 1;
+        return storageOf(slot);
+      }
+    }
+  }
+  arena->walkBlock = nullptr;
+  arena->walkSlot = 0;
+  return nullptr;
+}
+
+void cleanArenaSpace(Arena* arena) {
+  if (arena == nullptr) return;
+  ArenaBlock* block = arena->firstBlock->next;
+  while (block != nullptr) {
+    ArenaBlock* next = block->next;
+    free(block);
+    block = next;
+  }
+  memset(arena->firstBlock, 0, blockBytes(arena));
+  arena->currentBlock = arena->firstBlock;
+  arena->usedInCurrent = 0;
+  arena->freeHead = nullptr;
+  arena->walkBlock = nullptr;
+  arena->walkSlot = 0;
+}
+
+void deleteArena(Arena* arena) {
+  if (arena == nullptr) return;
+  ArenaBlock* block = arena->firstBlock;
+  while (block != nullptr) {
+    ArenaBlock* next = block->next;
+    free(block);
+    block = next;
+  }
+  free(arena);
+}
+
+}  // namespace slm

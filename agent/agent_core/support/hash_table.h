@@ -1,0 +1,52 @@
+// The hash table: values of a fixed size keyed by non-negative 64-bit integers, a fixed number of
+// buckets (never rehashed), entries taken from an arena. Optionally several entries per key, told
+// apart by their values; among equal keys the newest is found first. No locking: the owner guards
+// each table, walks included.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "agent_core/support/arena.h"
+
+namespace slm {
+
+// Every table of the agent has this many buckets.
+constexpr int32_t kHashBuckets = 101;
+
+// Compares a stored value with a `match`; non-zero means equal.
+using HtCompare = int (*)(const void* stored, const void* match);
+
+struct HtEntry;
+
+struct HashTable {
+  Arena* arena;  // the entries
+  HtEntry** buckets;
+  size_t valueSize;
+  int32_t bucketCount;
+  int32_t duplicates;  // non-zero: several entries may share a key
+  int32_t count;
+};
+
+// Null when memory is short or `bucketCount` is not positive.
+HashTable* initHashTable(size_t valueSize, int32_t bucketCount, int32_t duplicates);
+// Storage for the value of a new entry with `key`, zeroed, or null when memory is short. Without
+// duplicates, an existing entry's value is returned unchanged instead and nothing is added.
+void* addHtElement(HashTable* table, int64_t key);
+// The value of the newest entry with `key` whose value matches `match` (any value when `match` is
+// null), compared by `compare` or byte for byte; null when there is none.
+void* findHtElement(HashTable* table, int64_t key, const void* match, HtCompare compare);
+
+constexpr int kHtNotDeleted = 0;
+constexpr int kHtDeleted = 1;
+// Removes the newest entry with `key` (and, with duplicates, a value matching `match`, which is
+// then required). 1 when an entry was removed, 0 otherwise.
+int deleteHtElement(HashTable* table, int64_t key, const void* match, HtCompare compare);
+// Walks all values in the arena's order, not by key; as findArenaNextActiveElement.
+void* findHtNextElement(HashTable* table, int restart);
+int32_t getHtElementsNum(const HashTable* table);
+// Removes every entry but keeps the entry count: owners reset or ignore it themselves.
+void resetHashTable(HashTable* table);
+void deleteHashTable(HashTable* table);
+
+}  // namespace slm
