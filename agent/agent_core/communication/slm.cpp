@@ -1,8 +1,7 @@
-// Service framing over the HTTP client: the request body is a list of CR LF
-// lines ending in the request terminator; the answer must speak this protocol
-// version and ends in a result trailer. Downloads are plain GETs whose body is
-// saved as it arrives. The delimiters and identity headers are written here
-// once at start-up.
+// Service framing over the HTTP client: the request body is a list of CR LF lines ending in the
+// request terminator; the answer must speak this protocol version and ends in a result trailer.
+// Downloads are plain GETs whose body is saved as it arrives. The delimiters and identity headers
+// are written here once at start-up.
 #include "agent_core/communication/slm.h"
 
 #include <errno.h>
@@ -60,8 +59,8 @@ constexpr TokenDesc tokenOf(const char* text) {
   return makeTokenDesc(text, static_cast<int>(std::char_traits<char>::length(text)));
 }
 
-// Appends the header form of the customer's code units to `out`, which has room
-// for count × kEscapedUnitMax + 1 bytes.
+// Writes the header form of the customer's code units to `out`, which has room for
+// count × kEscapedUnitMax + 1 bytes.
 void escapeCustomer(const uint16_t* units, int count, char* out) {
   char* end = out;
   for (int i = 0; i < count; ++i) {
@@ -84,8 +83,8 @@ void escapeCustomer(const uint16_t* units, int count, char* out) {
         end += sprintf(end, (i + 1 < count && units[i + 1] == 'u') ? "\\" : "\\\\");
         break;
       default:
-        // The lower bound is 20, not 32: units 20 to 31 go out as they are.
-        // Servers read the header that way.
+        // The lower bound is 20, not 32: units 20 to 31 go out as they are, which is how
+        // servers read this header.
         if (c < 20 || c > 127) {
           end += sprintf(end, "\\u%04X", static_cast<unsigned>(c));
         } else {
@@ -96,16 +95,15 @@ void escapeCustomer(const uint16_t* units, int count, char* out) {
   *end = '\0';
 }
 
-// Appends `text` to the path in `buffer` (of `size` bytes) without passing size
-// - 1 characters.
+// Appends `text` to the text in `buffer` (of `size` bytes), never past `size` - 1 characters.
 void appendBounded(char* buffer, size_t size, const char* text) {
   size_t used = strnlen(buffer, size - 1);
   copyBounded(buffer + used, size - 1 - used, text);
 }
 
-// Appends the local name of the file at server path `path` to `localPath`: the
-// part behind the last "/" (the whole path when its only "/" starts it), or
-// host and port when that part is one character long, such as for the path "/".
+// Appends the local name of the server's file to `localPath`: the part of the path behind its
+// last "/" (the whole path when its only "/" starts it), or host and port when that part is one
+// character long, as for the path "/".
 void appendLocalName(const ServerAddress* server, char* localPath, size_t size) {
   const char* slash = strrchr(server->path, '/');
   const char* name = (slash == nullptr || slash == server->path) ? server->path : slash + 1;
@@ -129,8 +127,8 @@ struct FileCloser {
 };
 using FilePtr = std::unique_ptr<FILE, FileCloser>;
 
-// Reads the next trailer token into `area` (kTrailerTokenSize bytes), ending at
-// `delimB`. Returns the tokenizer's result.
+// Reads the next trailer token into `area` (kTrailerTokenSize bytes). Returns the tokenizer's
+// result: kTokenFoundB when the token ended where the trailer expects it.
 int trailerToken(HttpHandle* handle, const TokenDesc* delimA, const TokenDesc* delimB, char* area) {
   TokenBuffer token{area, 0, static_cast<int>(kTrailerTokenSize)};
   return getContentToken(handle, delimA, delimB, &token, kTokenConsume);
@@ -292,7 +290,7 @@ int endSlmService(HttpHandle* handle) {
       SLM_TRACE(0, "ERROR - No Agent for this system available, service %s", service);
       return kServiceFailed;
     case kServerIllegalUpdate:
-      // Both lines: the server also counts this as an internal error.
+      // Both lines are written: the server counts an illegal update as an internal error too.
       SLM_TRACE(0,
                 "ERROR - Illegal update. Some date is incorrect (probably the "
                 "agent_id), "
