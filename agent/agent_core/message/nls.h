@@ -38,6 +38,7 @@ struct MessageCatalogue;
 MessageCatalogue* openMessageCatalogue(const char* name);
 void closeMessageCatalogue(MessageCatalogue* catalogue);
 // The text of message `number` in `set`, or `defaultText` when the catalogue is null or lacks it.
+// A catalogue's text stays valid until the catalogue is closed.
 const char* getMessageText(const MessageCatalogue* catalogue, int set, int number,
                            const char* defaultText);
 const char* getMessageText(const MessageCatalogue* catalogue, const MessageText& message);
