@@ -1,0 +1,93 @@
+"""The start-up frame driven through the real binary: options, directories, the daemon's life."""
+import re
+
+import pytest
+
+from conftest import wait_for
+
+HEADER = re.compile(
+    r"File: (\S*) Line: (\d+) Time: (Mon|Tue|Wed|Thu|Fri|Sat|Sun) "
+    r"(Jan|Feb|Mar|Apr|May|Jun|Jul|Aug|Sep|Oct|Nov|Dec) [ \d]\d \d\d:\d\d:\d\d \d{4} Tid: \d+$")
+
+USAGE = ('Usage: "{name} [option]" where the option may be:\n'
+         "\t-v : Version\n\t-p : Plugin\n\t-s : Inventory\n\t-sp -ps: Inventory and Plugin\n"
+         "\t(none): Run as process\n")
+
+
+def messages(trace: str) -> list[str]:
+    """The message texts of a trace, after checking that every header is well formed."""
+    lines = trace.splitlines()
+    texts = []
+    for header, text in zip(lines[0::2], lines[1::2]):
+        assert HEADER.match(header), header
+        assert text.startswith("  "), text
+        texts.append(text[2:])
+    return texts
+
+
+@pytest.mark.parametrize("with_catalogue", [False, True])
+def test_version_prints_product_version_and_build(agent_root, request, with_catalogue):
+    if with_catalogue:
+        request.getfixturevalue("installed_catalogue")
+    result = agent_root.run("-v")
+    assert result.returncode == 0
+    assert re.match(r"\n Orvane Agent version \d+\.\d+\.\d+ - Build \d{4}-\d\d-\d\d\n\n",
+                    result.stdout), result.stdout
+
+
+@pytest.mark.parametrize("argument", ["-x", "-pp", "-P", "--v", "-V"])
+def test_anything_else_prints_help(agent_root, argument):
+    result = agent_root.run(argument)
+    assert result.returncode == 0
+    assert result.stdout.startswith("\n Orvane Agent version ")
+    assert result.stdout.endswith(USAGE.format(name=result.args[0]))
+
+
+def test_missing_qsam_fails_every_use(agent_root):
+    (agent_root.path / "var/qsam").rmdir()
+    for args in [(), ("-v",), ("-p",), ("a", "b")]:
+        result = agent_root.run(*args)
+        assert result.returncode == 1
+        assert result.stdout == (f"ERROR - Couldn't create directory {agent_root.path}/var/qsam/log,"
+                                 " error: 2ERROR DIRS\n")
+    assert not agent_root.daemon_pids()
+
+
+def test_daemon_traces_and_stops_in_order(agent_root):
+    agent_root.write_configuration(raw="agentid=12\ntrace_level=1\n")
+    pid = agent_root.start_daemon()
+    assert wait_for(lambda: "OK - Starting agent..." in agent_root.trace_text())
+    for directory in ("var/qsam/log", "var/qsam/cache", "tmp/qsam"):
+        assert agent_root.file(directory).is_dir()
+        assert agent_root.file(directory).stat().st_mode & 0o777 == 0o700
+    agent_root.stop_daemon(pid)
+
+    texts = messages(agent_root.trace_text())
+    # The configured level applies only after the configuration is read, so the loading line of
+    # level 1 is not there.
+    assert "- Loading configuration file" not in "".join(texts)
+    assert texts.index("OK - Starting agent...") < texts.index("Commands thread ALIVE")
+    assert texts[-1] == "OK - Agent stopped"
+
+
+def test_daemon_honours_trace_level(agent_root):
+    agent_root.write_configuration(raw="agentid=12\ntrace_level=0\n")
+    agent_root.stop_daemon(agent_root.start_daemon())
+    # At level 0 only the errors and the final line are written.
+    assert messages(agent_root.trace_text()) == ["Commands thread ALIVE", "OK - Agent stopped"]
+
+
+def test_two_arguments_run_the_daemon(agent_root):
+    agent_root.write_configuration(raw="agentid=12\n")
+    agent_root.stop_daemon(agent_root.start_daemon("-v", "-p"))
+    assert messages(agent_root.trace_text())[-1] == "OK - Agent stopped"
+
+
+@pytest.mark.parametrize("configuration", ["agentid=1\nagentid=2\n", None])
+def test_bad_configuration_fails_start_up(agent_root, configuration):
+    if configuration is not None:
+        agent_root.write_configuration(raw=configuration)
+    result = agent_root.run()
+    assert result.returncode == 0
+    assert wait_for(lambda: not agent_root.daemon_pids())
+    assert messages(agent_root.trace_text()) == ["ERROR - Main loading 'kvdagent.ini' not loaded"]
