@@ -5,8 +5,6 @@
 
 #include <fcntl.h>
 #include <grp.h>
-#include <iconv.h>
-#include <langinfo.h>
 #include <linux/hdreg.h>
 #include <pwd.h>
 #include <sys/ioctl.h>
@@ -21,6 +19,7 @@
 #include <string>
 #include <vector>
 
+#include "agent_core/message/nls.h"
 #include "agent_core/support/bytes.h"
 #include "agent_core/support/trace.h"
 #include "agent_core/support/unix_common.h"
@@ -43,23 +42,6 @@ constexpr size_t kAccountLookupMaxBytes = 1 << 20;
 void copyToBuffer(char* dst, size_t size, const char* src) {
   if (dst == nullptr || size == 0) return;
   copyBounded(dst, size - 1, src);
-}
-
-// Converts `text` from the local code set to UTF-8 into `out` (terminated). A name that is too
-// long keeps its whole leading characters. False when the text does not convert.
-bool convertToUtf8(const char* text, char* out, size_t outSize) {
-  iconv_t converter = iconv_open("UTF-8", nl_langinfo(CODESET));
-  if (converter == reinterpret_cast<iconv_t>(-1)) return false;
-  char* in = const_cast<char*>(text);
-  size_t inLeft = strlen(text);
-  char* next = out;
-  size_t outLeft = outSize - 1;
-  size_t converted = iconv(converter, &in, &inLeft, &next, &outLeft);
-  int error = errno;
-  iconv_close(converter);
-  if (converted == static_cast<size_t>(-1) && error != E2BIG) return false;
-  *next = '\0';
-  return true;
 }
 
 bool acceptsAccountBuffer(const char* buffer, size_t size) {
@@ -186,7 +168,11 @@ int getCPUInfo(int32_t* configured, int32_t* online) {
 }
 
 void formatAccountName(const char* localName, int32_t id, char* buffer, size_t size) {
-  if (localName != nullptr && convertToUtf8(localName, buffer, size)) return;
+  // A name too long for the buffer keeps its whole leading characters.
+  if (localName != nullptr) {
+    int converted = convertToUtf8(nullptr, localName, buffer, size);
+    if (converted == kTextConverted || converted == kTextTruncated) return;
+  }
   snprintf(buffer, size, "%d", id);
 }
 

@@ -1,5 +1,7 @@
 #include "agent_core/support/linux/osinfo.h"
 
+#include "agent_core/message/nls.h"
+
 #include <grp.h>
 #include <pwd.h>
 #include <sys/utsname.h>
@@ -226,16 +228,20 @@ TEST(OsInfo, AccountNameFormatting) {
       {"root", 0, 32, "root"},
       {nullptr, 1234, 32, "1234"},
       {nullptr, -2, 32, "-2"},     // ids above INT_MAX print as signed decimal
-      {"\xff\xfe", 77, 32, "77"},  // not a text of the local code set ("C" here)
+      {"\xff\xfe", 77, 32, "77"},  // not a text of the local code set (UTF-8 here)
       {"abcdefghijklmnop", 5, 10, "abcdefghi"},
       {nullptr, INT_MAX, 10, "214748364"},
   };
+  CodeSet* utf8 = createCodeSet("utf-8");
+  ASSERT_NE(utf8, nullptr);
+  setDefaultCodeSet(utf8);
   for (const Case& c : cases) {
     std::vector<char> buffer(c.size, '#');
     formatAccountName(c.localName, c.id, buffer.data(), buffer.size());
     EXPECT_STREQ(buffer.data(), c.expected)
         << (c.localName ? c.localName : "(none)") << " " << c.id;
   }
+  freeCodeSet(utf8);
 }
 
 }  // namespace
