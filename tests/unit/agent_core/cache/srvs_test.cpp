@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <cstring>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "agent_core/cache/cache_file.h"
@@ -347,6 +348,31 @@ TEST_F(ServerCache, ContactOutcomesKeepTheActiveCount) {
     EXPECT_TRUE(traced("SRV CACHE - Bad scope value " + std::to_string(bad)));
   }
   EXPECT_EQ(getScope(), 2);
+}
+
+TEST_F(ServerCache, ContactsFromManyReadersAreAllCounted) {
+  create();
+  add("d1", kScopeDivision);
+  ServerHandle d1 = find("d1");
+  serverNotResponding(d1);
+  ASSERT_EQ(getServersNumber(kActiveCount), 1);
+
+  // Contacts are recorded under the read lock only, from several threads at once.
+  constexpr int kThreads = 8;
+  constexpr int kContacts = 500;
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([d1] {
+      for (int i = 0; i < kContacts; ++i) {
+        if (readLockSrvsCache() != kSrvsOk) return;
+        serverIsActive(d1);
+        releaseLockSrvsCache();
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(testActive(d1), kThreads * kContacts);
+  EXPECT_EQ(getServersNumber(kActiveCount), 1 + kThreads * kContacts);
 }
 
 TEST_F(ServerCache, TopologyAddsMovesAndDropsServers) {
