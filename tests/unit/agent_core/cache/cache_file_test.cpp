@@ -6,64 +6,26 @@
 #include <string>
 #include <vector>
 
-#include "agent_core/slm_conf.h"
-#include "agent_core/support/trace.h"
-#include "agent_core/support/unix_common.h"
-#include "support/temp_root.h"
+#include "unit/agent_core/cache/cache_sandbox.h"
 
 namespace slm {
 namespace {
 
+using test::bytes;
 using test::fileExists;
-using test::readFile;
 
-std::string bytes(std::initializer_list<int> values) {
-  std::string out;
-  for (int value : values) out.push_back(static_cast<char>(value));
-  return out;
-}
-
-// A 256-byte server name field.
 std::string nameField(const std::string& name) {
-  return name + std::string(256 - name.size(), '\0');
+  return test::field(name, 256);
 }
 
-class CacheFile : public ::testing::Test {
+class CacheFile : public test::CacheSandbox {
  protected:
   void SetUp() override {
-    setAgentRoot(root_.path().c_str());
-    root_.makeDirs("var/qsam/cache");
-    restartTrace();
+    CacheSandbox::SetUp();
     ASSERT_EQ(setCacheVersion(kServerFileId, 1, 2), kCacheVersionOk);
     ASSERT_EQ(setCacheVersion(kUatFileId, 1, 3), kCacheVersionOk);
     ASSERT_EQ(setCacheVersion(kPluginFileId, 1, 2), kCacheVersionOk);
   }
-  void TearDown() override {
-    deleteConfigurationVariables();
-    stopTrace();
-    setTraceLevel(-1);
-    setAgentRoot("");
-  }
-
-  // Empties the trace and lets every level through.
-  void restartTrace() {
-    startTrace(root_.file("trace.log").c_str());
-    setTraceLevel(3);
-  }
-  std::string trace() const { return readFile(root_.file("trace.log")); }
-
-  void loadConfiguration(const std::string& text) {
-    deleteConfigurationVariables();
-    root_.writeFile("etc/kvdagent.ini", text);
-    ASSERT_EQ(loadConfigurationFile(root_.file("etc/kvdagent.ini").c_str()), kConfigurationLoaded);
-  }
-
-  std::string writeCacheFile(const std::string& name, const std::string& content) {
-    root_.writeFile("var/qsam/cache/" + name, content);
-    return root_.file("var/qsam/cache/" + name);
-  }
-
-  test::TempDir root_;
 };
 
 TEST_F(CacheFile, HeaderBytesFollowTheLayout) {

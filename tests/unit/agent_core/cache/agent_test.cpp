@@ -1,0 +1,432 @@
+#include "agent_core/cache/agent.h"
+
+#include <gtest/gtest.h>
+#include <sys/utsname.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstring>
+#include <filesystem>
+#include <string>
+
+#include "unit/agent_core/cache/cache_sandbox.h"
+
+namespace slm {
+namespace {
+
+using test::bytes;
+using test::field;
+using test::fileExists;
+
+constexpr char kBaseConfiguration[] =
+    "agentid=1234567890123\n"
+    "divisionid=-7\n"
+    "tag=lab östra\n"
+    "customer=Acme Corp\n";
+
+class AgentInfoTest : public test::CacheSandbox {
+ protected:
+  void TearDown() override {
+    clearAgentInfo();
+    CacheSandbox::TearDown();
+  }
+
+  void init(const std::string& configuration = kBaseConfiguration) {
+    loadConfiguration(configuration);
+    ASSERT_EQ(initAgentInfo(), kAgentValueOk) << trace();
+  }
+
+  static std::string text(int32_t id, size_t size = 1024) {
+    std::string buffer(size, 'X');
+    EXPECT_EQ(getAgentCharValue(id, buffer.data(), size), kAgentValueOk) << "id " << id;
+    return std::string(buffer.c_str());
+  }
+  static int64_t number(int32_t id) {
+    int64_t value = 0x5A5A5A5A;
+    EXPECT_EQ(getAgentIntValue(id, &value), kAgentValueOk) << "id " << id;
+    return value;
+  }
+};
+
+using AgentInfo = AgentInfoTest;
+
+TEST_F(AgentInfo, StopsAtTheFirstMissingRequiredKeyAndFreesTheLock) {
+  struct Case {
+    const char* configuration;
+    const char* missing;
+  };
+  const Case cases[] = {
+      {"server=alpha\n", "agentid"},
+      {"agentid=1\n", "divisionid"},
+      {"agentid=1\ndivisionid=2\ncustomer=c\n", "tag"},
+      {"agentid=1\ndivisionid=2\ntag=t\n", "customer"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.missing);
+    restartTrace();
+    loadConfiguration(c.configuration);
+    EXPECT_EQ(initAgentInfo(), kAgentValueFailed);
+    EXPECT_TRUE(traced(std::string("ERROR - Needed tag \"") + c.missing + "\" not found"))
+        << trace();
+    EXPECT_FALSE(traced("OK - Agent properties"));
+    int64_t value = 0;
+    EXPECT_EQ(getAgentIntValue(kAgentId, &value), kAgentValueFailed);
+    EXPECT_EQ(setAgentCharValue(kAgentHostName, "h"), kAgentValueFailed);
+  }
+}
+
+TEST_F(AgentInfo, FillsTheRecordFromConfigurationAndSystem) {
+  init();
+  EXPECT_EQ(number(kAgentId), 1234567890123);
+  EXPECT_EQ(number(kAgentDivisionId), -7);
+  EXPECT_EQ(text(kAgentTag), "LAB ÖSTRA");
+  EXPECT_EQ(text(kAgentCustomer), "Acme Corp");
+
+  char host[256] = {};
+  ASSERT_EQ(gethostname(host, sizeof host - 1), 0);
+  EXPECT_EQ(text(kAgentHostName), host);
+  struct utsname names;
+  ASSERT_EQ(uname(&names), 0);
+  EXPECT_EQ(text(kAgentOsDescription), std::string(names.sysname) + " " + names.release);
+  EXPECT_EQ(number(kAgentCpuCount), sysconf(_SC_NPROCESSORS_CONF));
+  EXPECT_EQ(number(kAgentCpuCountCopy), sysconf(_SC_NPROCESSORS_CONF));
+  EXPECT_GT(number(kAgentMemoryMiB), 0);
+
+  // Values nobody has set yet keep their initial contents.
+  EXPECT_EQ(text(kAgentOsFamily), "Unix");
+  EXPECT_EQ(text(kAgentIpAddress), "no ip");
+  EXPECT_EQ(text(kAgentProxyHost), "no proxy");
+  EXPECT_EQ(text(kAgentDriverName), "");
+  EXPECT_EQ(number(kAgentPluggedIn), 0);
+  EXPECT_EQ(number(kAgentNodeId), 0);
+  EXPECT_EQ(number(kAgentProxyPort), 0);
+  EXPECT_EQ(number(kAgentAttempts), 5);
+  EXPECT_EQ(number(kAgentMaxDelaySeconds), 10800);
+  EXPECT_EQ(number(kAgentPacketSize), 25);
+  EXPECT_EQ(number(kAgentTimeThresholdSeconds), 30);
+  EXPECT_EQ(number(kAgentDelayFactor), 1);
+  EXPECT_EQ(number(kAgentDriverStatus), -1);
+  uint8_t rule[8];
+  memset(rule, 0x77, sizeof rule);
+  ASSERT_EQ(getAgentStructValue(kAgentScanRule, rule), kAgentValueOk);
+  EXPECT_EQ(std::string(reinterpret_cast<char*>(rule), 8), std::string(8, '\0'));
+  EXPECT_EQ(agentUseProxy(), 0);
+
+  CacheVersion version;
+  ASSERT_EQ(getCacheVersion(kAgentFileId, &version), kCacheVersionOk);
+  EXPECT_EQ(version, (CacheVersion{1, 1}));
+  ASSERT_EQ(getCacheVersion(kPluginFileId, &version), kCacheVersionOk);
+  EXPECT_EQ(version, (CacheVersion{1, 2}));
+  EXPECT_TRUE(traced("OK - Agent codeset: ")) << trace();
+  EXPECT_TRUE(traced("OK - Agent properties"));
+  EXPECT_FALSE(traced("roxy"));  // neither proxy message while the proxy is off
+
+  // A rebuild starts again from the initial values.
+  ASSERT_EQ(setAgentIntValue(kAgentNodeId, 99), kAgentValueOk);
+  clearAgentInfo();
+  int64_t value = 0;
+  EXPECT_EQ(getAgentIntValue(kAgentNodeId, &value), kAgentValueFailed);
+  init("agentid=12x\ndivisionid=+5 \ntag=x\ncustomer=c\n");
+  EXPECT_EQ(number(kAgentNodeId), 0);
+  EXPECT_EQ(number(kAgentId), 0);  // a malformed id becomes 0 without a message
+  EXPECT_EQ(number(kAgentDivisionId), 5);
+  EXPECT_FALSE(traced("Bad agent id"));
+}
+
+TEST_F(AgentInfo, ReadsProxySettingsAndReportsIncompleteOnes) {
+  struct Case {
+    const char* lines;
+    int32_t useProxy;
+    const char* expected;     // message that must be traced, or null
+    const char* notExpected;  // message that must not be traced, or null
+  };
+  const Case cases[] = {
+      {"use_proxy=yes\nproxy=gate\nproxy_port=8080\nproxy_security=1\n", 1,
+       "OK - Using proxy server", "ERROR - Proxy parameter"},
+      {"use_proxy=Y\nproxy=gate\nproxy_port=8080\n", 1, "ERROR - Proxy parameter missing or wrong",
+       "OK - Using proxy server"},
+      {"use_proxy=y\nproxy_port=8080\nproxy_security=1\n", 1,
+       "ERROR - Proxy parameter missing or wrong", nullptr},
+      {"use_proxy=YES\nproxy=gate\nproxy_port=8080\nproxy_security=1\n", 0,
+       "ERROR - Bad proxy_needed value: YES", "Using proxy server"},
+      {"use_proxy=n\n", 0, nullptr, "Proxy parameter"},
+      {"proxy=gate\n", 0, nullptr, "Proxy parameter"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.lines);
+    restartTrace();
+    init(std::string(kBaseConfiguration) + c.lines);
+    EXPECT_EQ(agentUseProxy(), c.useProxy);
+    if (c.expected != nullptr) {
+      EXPECT_TRUE(traced(c.expected)) << trace();
+    }
+    if (c.notExpected != nullptr) {
+      EXPECT_FALSE(traced(c.notExpected)) << trace();
+    }
+    clearAgentInfo();
+  }
+
+  init(std::string(kBaseConfiguration) + "proxy=gate.example\nproxy_port=70000\n");
+  EXPECT_EQ(text(kAgentProxyHost), "gate.example");
+  EXPECT_EQ(number(kAgentProxyPort), 70000 - 65536);
+}
+
+TEST_F(AgentInfo, AccessorsTruncateWidenAndKeepTheirMismatches) {
+  init();
+  // Id 19 reads the maximum delay and id 8 the driver status, whatever was set through them.
+  ASSERT_EQ(setAgentIntValue(kAgentProxySecurity, 7), kAgentValueOk);
+  ASSERT_EQ(setAgentIntValue(kAgentReserved, 5), kAgentValueOk);
+  EXPECT_EQ(number(kAgentProxySecurity), 10800);
+  EXPECT_EQ(number(kAgentReserved), -1);
+  ASSERT_EQ(setAgentIntValue(kAgentMaxDelaySeconds, 600), kAgentValueOk);
+  ASSERT_EQ(setAgentIntValue(kAgentDriverStatus, 3), kAgentValueOk);
+  EXPECT_EQ(number(kAgentProxySecurity), 600);
+  EXPECT_EQ(number(kAgentReserved), 3);
+
+  // The use-proxy switch is set here but read only without the lock.
+  int64_t value = 0;
+  ASSERT_EQ(setAgentIntValue(kAgentUseProxy, 1), kAgentValueOk);
+  EXPECT_EQ(getAgentIntValue(kAgentUseProxy, &value), kAgentValueFailed);
+  EXPECT_EQ(agentUseProxy(), 1);
+
+  struct Case {
+    int32_t id;
+    int64_t set;
+    int64_t read;
+  };
+  const Case cases[] = {
+      {kAgentMemoryMiB, 0x100000005, 5},  // 32-bit fields keep the low half
+      {kAgentDiskCount, 0xFFFFFFFF, -1},  // and are sign-extended
+      {kAgentProxyPort, 0x1FFFF, 65535},  // the port keeps 16 bits, zero-extended
+      {kAgentNodeId, -0x123456789AB, -0x123456789AB},
+      {kAgentId, 0x7FFFFFFFFFFFFFFF, 0x7FFFFFFFFFFFFFFF},
+      {kAgentPluggedIn, 1, 1},
+      {kAgentDelayFactor, -3, -3},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.id);
+    ASSERT_EQ(setAgentIntValue(c.id, c.set), kAgentValueOk);
+    EXPECT_EQ(number(c.id), c.read);
+  }
+  for (int32_t unknown : {-1, 5, 17, 20, 29}) {
+    EXPECT_EQ(setAgentIntValue(unknown, 1), kAgentValueFailed) << unknown;
+    EXPECT_EQ(getAgentIntValue(unknown, &value), kAgentValueFailed) << unknown;
+  }
+
+  // Texts: at most 255 characters, 15 for the IP address; the caller's size bounds the copy.
+  ASSERT_EQ(setAgentCharValue(kAgentHostName, std::string(300, 'h').c_str()), kAgentValueOk);
+  EXPECT_EQ(text(kAgentHostName), std::string(255, 'h'));
+  ASSERT_EQ(setAgentCharValue(kAgentIpAddress, "192.168.100.200.7"), kAgentValueOk);
+  EXPECT_EQ(text(kAgentIpAddress), "192.168.100.200");
+  EXPECT_EQ(text(kAgentIpAddress, 4), "192");
+  EXPECT_EQ(text(kAgentIpAddress, 1), "");
+  EXPECT_EQ(setAgentCharValue(kAgentOsFamily, "Other"), kAgentValueFailed);
+  EXPECT_EQ(text(kAgentOsFamily), "Unix");
+  char buffer[8];
+  for (int32_t unknown : {0, 5, 16, 28}) {
+    EXPECT_EQ(setAgentCharValue(unknown, "x"), kAgentValueFailed) << unknown;
+    EXPECT_EQ(getAgentCharValue(unknown, buffer, sizeof buffer), kAgentValueFailed) << unknown;
+  }
+
+  // Blocks: 4 bytes for the scan start, 8 for the rule, nothing beyond.
+  const uint8_t start[4] = {1, 2, 3, 4};
+  const uint8_t rule[8] = {9, 8, 7, 6, 5, 4, 3, 2};
+  ASSERT_EQ(setAgentStructValue(kAgentScanStart, start), kAgentValueOk);
+  ASSERT_EQ(setAgentStructValue(kAgentScanRule, rule), kAgentValueOk);
+  uint8_t out[12];
+  memset(out, 0xEE, sizeof out);
+  ASSERT_EQ(getAgentStructValue(kAgentScanStart, out), kAgentValueOk);
+  EXPECT_EQ(std::string(reinterpret_cast<char*>(out), 12),
+            bytes({1, 2, 3, 4, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE, 0xEE}));
+  ASSERT_EQ(getAgentStructValue(kAgentScanRule, out), kAgentValueOk);
+  EXPECT_EQ(std::string(reinterpret_cast<char*>(out), 12),
+            bytes({9, 8, 7, 6, 5, 4, 3, 2, 0xEE, 0xEE, 0xEE, 0xEE}));
+  EXPECT_EQ(setAgentStructValue(kAgentMaxDelaySeconds, start), kAgentValueFailed);
+  EXPECT_EQ(getAgentStructValue(19, out), kAgentValueFailed);
+}
+
+class AgentDat : public test::CacheSandbox {
+ protected:
+  std::string pathLength() const {
+    uint32_t length = static_cast<uint32_t>(cachePath("agent.dat").size());
+    return bytes({static_cast<int>(length & 0xFF), static_cast<int>((length >> 8) & 0xFF),
+                  static_cast<int>((length >> 16) & 0xFF), static_cast<int>(length >> 24)});
+  }
+};
+
+TEST_F(AgentDat, FreshFileHoldsTwoZeroSlotsAndThePathLength) {
+  int32_t value = 0;
+  EXPECT_EQ(loadParameter(1, &value), kParameterFailed);  // no file yet
+
+  ASSERT_EQ(saveParameter(2, 0x11223344), kParameterOk);
+  EXPECT_EQ(readCacheFile("agent.dat"), bytes({0, 0, 0, 0, 0x44, 0x33, 0x22, 0x11}) + pathLength());
+  EXPECT_EQ(loadParameter(4, &value), kParameterFailed);
+  ASSERT_EQ(loadParameter(3, &value), kParameterOk);
+  EXPECT_EQ(value, static_cast<int32_t>(cachePath("agent.dat").size()));
+  ASSERT_EQ(loadParameter(1, &value), kParameterOk);  // ids 1 and 2 share a slot
+  EXPECT_EQ(value, 0x11223344);
+
+  ASSERT_EQ(saveParameter(4, -2), kParameterOk);
+  ASSERT_EQ(saveParameter(3, 600), kParameterOk);
+  ASSERT_EQ(saveParameter(0, 9), kParameterOk);
+  EXPECT_EQ(readCacheFile("agent.dat"), bytes({9, 0, 0, 0, 0x44, 0x33, 0x22, 0x11,  //
+                                               0x58, 0x02, 0, 0, 0xFE, 0xFF, 0xFF, 0xFF}));
+  ASSERT_EQ(loadParameter(4, &value), kParameterOk);
+  EXPECT_EQ(value, -2);
+
+  EXPECT_EQ(saveParameter(-1, 1), kParameterFailed);
+  EXPECT_EQ(loadParameter(-1, &value), kParameterFailed);
+}
+
+TEST_F(AgentDat, ExistingFileIsUpdatedInPlace) {
+  const std::string existing = bytes({1, 1, 1, 1, 2, 2, 2, 2, 3, 3, 3, 3, 4, 4, 4, 4, 5, 5, 5, 5});
+  writeCacheFile("agent.dat", existing);
+  ASSERT_EQ(saveParameter(1, 0x0A0B0C0D), kParameterOk);
+  EXPECT_EQ(readCacheFile("agent.dat"), bytes({1, 1, 1, 1, 0x0D, 0x0C, 0x0B, 0x0A, 3, 3, 3, 3,  //
+                                               4, 4, 4, 4, 5,    5,    5,    5}));
+
+  std::filesystem::remove_all(root_.file("var/qsam/cache"));
+  EXPECT_EQ(saveParameter(1, 1), kParameterFailed);
+}
+
+// Replaces a text field of a hand-built record the way the setters do: text, then zeros.
+template <size_t kSize>
+void setField(char (&dst)[kSize], const char* text) {
+  memset(dst, 0, kSize);
+  strcpy(dst, text);
+}
+
+class PluginDat : public AgentInfoTest {
+ protected:
+  // The tuple of the running system, from the kernel's own description.
+  static std::string runningTuple() {
+    struct utsname names;
+    EXPECT_EQ(uname(&names), 0);
+    std::string machine = strstr(names.machine, "86") != nullptr ? "x86" : names.machine;
+    std::string smp = strstr(names.version, "SMP") != nullptr ? "YES" : "NOT";
+    auto cut = [](const std::string& text) { return field(text.substr(0, 49), 50); };
+    return cut("1.1.1.51") + cut(names.sysname) + cut(names.release) + cut(machine) +
+           cut(names.release) + cut(smp);
+  }
+};
+
+// The plugin.dat layout written out by hand: a record whose every field differs from its
+// neighbours.
+TEST_F(PluginDat, EncodesTheRecordAtItsOffsets) {
+  slm::AgentInfo record;
+  record.agentId = 0x0102030405060708;
+  record.divisionId = -2;
+  setField(record.hostName, "host");
+  setField(record.osDescription, "Linux 6.1");
+  setField(record.ipAddress, "10.0.0.1");
+  record.memoryMiB = 2048;
+  record.diskCount = 3;
+  record.cpuCount = 4;
+  record.cpuCountCopy = 5;
+  record.nodeId = 0x1122334455;
+  setField(record.tag, "TAG");
+  setField(record.driverName, "kvdkagent-1");
+  memset(record.systemTuple, 'T', sizeof record.systemTuple);
+  setField(record.customer, "not stored");
+  record.driverStatus = 0x7F;
+
+  std::string expected = bytes({1, 0, 0, 0, 2, 0, 0, 0});               // 0: version 1.2
+  expected += bytes({8, 7, 6, 5, 4, 3, 2, 1});                          // 8: agent id
+  expected += bytes({0xFE, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF});  // 16: division id
+  expected += field("host", 256);                                       // 24
+  expected += field("Unix", 256);                                       // 280
+  expected += field("Linux 6.1", 256);                                  // 536
+  expected += field("10.0.0.1", 16);                                    // 792
+  expected += bytes({0x00, 0x08, 0, 0});                                // 808: memory
+  expected += bytes({3, 0, 0, 0});                                      // 812: disks
+  expected += bytes({0xFF, 0xFF, 0xFF, 0xFF});                          // 816: reserved
+  expected += bytes({4, 0, 0, 0, 5, 0, 0, 0});                          // 820: processors
+  expected += bytes({0x55, 0x44, 0x33, 0x22, 0x11, 0, 0, 0});           // 828: node id
+  expected += field("TAG", 256);                                        // 836
+  expected += field("kvdkagent-1", 256);                                // 1092
+  expected += std::string(300, 'T');                                    // 1348: tuple
+  ASSERT_EQ(expected.size(), 1648u);
+
+  uint8_t out[kPluginDatSize];
+  encodePluginData(CacheVersion{1, 2}, record, out);
+  EXPECT_EQ(std::string(reinterpret_cast<char*>(out), sizeof out), expected);
+}
+
+TEST_F(PluginDat, StoresTheLiveRecordAndRecognisesItsTuple) {
+  init();
+  ASSERT_EQ(setAgentCharValue(kAgentHostName, "a-much-longer-host-name"), kAgentValueOk);
+  ASSERT_EQ(setAgentCharValue(kAgentHostName, "node7"), kAgentValueOk);
+  ASSERT_EQ(setAgentCharValue(kAgentDriverName, "kvdkagent-abc"), kAgentValueOk);
+  ASSERT_EQ(setAgentIntValue(kAgentNodeId, 77), kAgentValueOk);
+  ASSERT_EQ(storePluginData(), kPluginStored);
+  EXPECT_TRUE(traced("Data written into file " + cachePath("plugin.dat")));
+
+  const std::string file = readCacheFile("plugin.dat");
+  ASSERT_EQ(file.size(), 1648u);
+  EXPECT_EQ(file.substr(0, 24), bytes({1,    0,    0,    0,    2,    0,    0,    0,  //
+                                       0xCB, 0x04, 0xFB, 0x71, 0x1F, 0x01, 0,    0,  //
+                                       0xF9, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}));
+  EXPECT_EQ(file.substr(24, 256), field("node7", 256));  // nothing left of the longer name
+  EXPECT_EQ(file.substr(280, 256), field("Unix", 256));
+  EXPECT_EQ(file.substr(816, 4), bytes({0xFF, 0xFF, 0xFF, 0xFF}));
+  EXPECT_EQ(file.substr(828, 8), bytes({77, 0, 0, 0, 0, 0, 0, 0}));
+  EXPECT_EQ(file.substr(836, 256), field("LAB ÖSTRA", 256));
+  EXPECT_EQ(file.substr(1092, 256), field("kvdkagent-abc", 256));
+  EXPECT_EQ(file.substr(1348), runningTuple());
+
+  EXPECT_EQ(isToBeUpdatedSlmTuple(), kTupleMatches);
+
+  // The driver name comes back from the file, and a changed tuple is noticed.
+  ASSERT_EQ(setAgentCharValue(kAgentDriverName, "other"), kAgentValueOk);
+  std::string changed = file;
+  changed.replace(1092, 256, field("kvdkagent-old", 256));
+  changed[1348 + 100] ^= 0x01;
+  writeCacheFile("plugin.dat", changed);
+  EXPECT_EQ(isToBeUpdatedSlmTuple(), kTupleDiffers);
+  EXPECT_EQ(text(kAgentDriverName), "kvdkagent-old");
+}
+
+TEST_F(PluginDat, UnreadableFilesAnswerOne) {
+  init();
+  ASSERT_EQ(storePluginData(), kPluginStored);
+  const std::string file = readCacheFile("plugin.dat");
+  struct Case {
+    const char* what;
+    std::string content;
+    const char* message;
+    bool kept;
+  };
+  const Case cases[] = {
+      {"no driver name", file.substr(0, 1000), "Reading the friver name from file ", true},
+      {"short tuple", file.substr(0, 1400), "Reading the slm tuple from file ", true},
+      {"other minor version", bytes({1, 0, 0, 0, 3, 0, 0, 0}) + file.substr(8),
+       "ERROR - Checking cache version for file ", false},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    restartTrace();
+    writeCacheFile("plugin.dat", c.content);
+    EXPECT_EQ(isToBeUpdatedSlmTuple(), kTupleUnreadable);
+    EXPECT_TRUE(traced(c.message)) << trace();
+    EXPECT_EQ(fileExists(cachePath("plugin.dat")), c.kept);
+  }
+  std::filesystem::remove(cachePath("plugin.dat"));
+  EXPECT_EQ(isToBeUpdatedSlmTuple(), kTupleUnreadable);
+}
+
+TEST_F(PluginDat, FailedStoreLeavesNoFile) {
+  init();
+  // A device that refuses every write stands in for a full disk.
+  std::filesystem::create_symlink("/dev/full", cachePath("plugin.dat"));
+  EXPECT_EQ(storePluginData(), kPluginNotStored);
+  EXPECT_TRUE(traced("ERROR - Writing the ")) << trace();
+  EXPECT_FALSE(std::filesystem::exists(std::filesystem::symlink_status(cachePath("plugin.dat"))));
+
+  restartTrace();
+  std::filesystem::remove_all(root_.file("var/qsam/cache"));
+  EXPECT_EQ(storePluginData(), kPluginNotStored);
+  EXPECT_EQ(trace(), "");
+}
+
+}  // namespace
+}  // namespace slm

@@ -1,0 +1,68 @@
+// A temporary agent root with a cache directory, a trace that lets every level through and a
+// configuration file loaded from the root's /etc, for the tests of the cache modules.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <initializer_list>
+#include <string>
+
+#include "agent_core/slm_conf.h"
+#include "agent_core/support/trace.h"
+#include "agent_core/support/unix_common.h"
+#include "support/temp_root.h"
+
+namespace slm::test {
+
+inline std::string bytes(std::initializer_list<int> values) {
+  std::string out;
+  for (int value : values) out.push_back(static_cast<char>(value));
+  return out;
+}
+
+// `text` followed by zeros up to `size` bytes.
+inline std::string field(const std::string& text, size_t size) {
+  return text + std::string(size - text.size(), '\0');
+}
+
+class CacheSandbox : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    setAgentRoot(root_.path().c_str());
+    root_.makeDirs("var/qsam/cache");
+    restartTrace();
+  }
+  void TearDown() override {
+    deleteConfigurationVariables();
+    stopTrace();
+    setTraceLevel(-1);
+    setAgentRoot("");
+  }
+
+  // Empties the trace.
+  void restartTrace() {
+    startTrace(root_.file("trace.log").c_str());
+    setTraceLevel(3);
+  }
+  std::string trace() const { return readFile(root_.file("trace.log")); }
+  bool traced(const std::string& text) const { return trace().find(text) != std::string::npos; }
+
+  void loadConfiguration(const std::string& text) {
+    deleteConfigurationVariables();
+    root_.writeFile("etc/kvdagent.ini", text);
+    ASSERT_EQ(loadConfigurationFile(root_.file("etc/kvdagent.ini").c_str()), kConfigurationLoaded);
+  }
+
+  std::string cachePath(const std::string& name) const {
+    return root_.file("var/qsam/cache/" + name);
+  }
+  std::string writeCacheFile(const std::string& name, const std::string& content) {
+    root_.writeFile("var/qsam/cache/" + name, content);
+    return cachePath(name);
+  }
+  std::string readCacheFile(const std::string& name) const { return readFile(cachePath(name)); }
+
+  TempDir root_;
+};
+
+}  // namespace slm::test
