@@ -144,7 +144,8 @@ void sweep() {
     record->info.securityLevel =
         static_cast<int32_t>((static_cast<uint32_t>(record->info.securityLevel) & ~0xffu) | level);
     if (record->used == 0) removeServer(record);
-    if (next == nullptr && scope + 1 < kScopeCount && scope + 1 >= 0) next = cache.heads[scope + 1];
+    if (next == nullptr && validScope(scope) && scope < kScopeEnterprise)
+      next = cache.heads[scope + 1];
     record = next;
   }
 }
