@@ -5,6 +5,9 @@
 #include <cstdint>
 #include <cstdlib>
 
+#include "agent_core/cache/agent.h"
+#include "agent_core/cache/cache.h"
+#include "agent_core/communication/comm_init.h"
 #include "agent_core/message/nls.h"
 #include "agent_core/slm_conf.h"
 #include "agent_core/support/trace.h"
@@ -63,9 +66,32 @@ int serviceInitialization() {
   if (loadConfigurationFile(conf_file) != kConfigurationLoaded) {
     SLM_TRACE(0, "ERROR - Main loading '%s' not loaded", kConfFileName);
     deleteConfigurationVariables();
+    clearAgentInfo();
     return kInitFailed;
   }
   applyTraceSettings();
+
+  SLM_TRACE(1, " - Loading agent properties");
+  if (initAgentInfo() == 0) {
+    // The configuration stays loaded here: nothing runs after a failed start-up.
+    SLM_TRACE(0, "ERROR - Init the agent info");
+    return kInitFailed;
+  }
+
+  SLM_TRACE(1, " - Init communication");
+  if (initCommunication() != 0) {
+    SLM_TRACE(0, "ERROR - Main during communication init");
+    deleteConfigurationVariables();
+    clearAgentInfo();
+    return kInitFailed;
+  }
+
+  SLM_TRACE(1, " - Creating agent cache");
+  if (createCache() != kCacheCreated) {
+    SLM_TRACE(0, "ERROR - Main during cache creation");
+    closeCommunication();
+    return kInitCacheFailed;
+  }
 
   SLM_TRACE(1, "OK - Starting agent...");
   slmAgentStartThreads();
@@ -94,7 +120,10 @@ void slmLocalizationFree() {
 
 int serviceFinalization() {
   slmAgentStopThreads(0);
+  deleteCache();
+  closeCommunication();
   SLM_TRACE(0, "OK - Agent stopped");
+  clearAgentInfo();
   stopTrace();
   return 0;
 }

@@ -54,7 +54,7 @@ def test_missing_qsam_fails_every_use(agent_root):
 
 
 def test_daemon_traces_and_stops_in_order(agent_root):
-    agent_root.write_configuration(raw="agentid=12\ntrace_level=1\n")
+    agent_root.write_configuration(trace_level="1")
     pid = agent_root.start_daemon()
     assert wait_for(lambda: "OK - Starting agent..." in agent_root.trace_text())
     for directory in ("var/qsam/log", "var/qsam/cache", "tmp/qsam"):
@@ -71,14 +71,14 @@ def test_daemon_traces_and_stops_in_order(agent_root):
 
 
 def test_daemon_honours_trace_level(agent_root):
-    agent_root.write_configuration(raw="agentid=12\ntrace_level=0\n")
+    agent_root.write_configuration(trace_level="0")
     agent_root.stop_daemon(agent_root.start_daemon())
     # At level 0 only the errors and the final line are written.
     assert messages(agent_root.trace_text()) == ["Commands thread ALIVE", "OK - Agent stopped"]
 
 
 def test_two_arguments_run_the_daemon(agent_root):
-    agent_root.write_configuration(raw="agentid=12\n")
+    agent_root.write_configuration()
     agent_root.stop_daemon(agent_root.start_daemon("-v", "-p"))
     assert messages(agent_root.trace_text())[-1] == "OK - Agent stopped"
 
