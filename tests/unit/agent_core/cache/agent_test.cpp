@@ -4,10 +4,13 @@
 #include <sys/utsname.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdint>
 #include <cstring>
 #include <filesystem>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "unit/agent_core/cache/cache_sandbox.h"
 
@@ -243,6 +246,32 @@ TEST_F(AgentInfo, AccessorsTruncateWidenAndKeepTheirMismatches) {
             bytes({9, 8, 7, 6, 5, 4, 3, 2, 0xEE, 0xEE, 0xEE, 0xEE}));
   EXPECT_EQ(setAgentStructValue(kAgentMaxDelaySeconds, start), kAgentValueFailed);
   EXPECT_EQ(getAgentStructValue(19, out), kAgentValueFailed);
+}
+
+TEST_F(AgentInfo, ReadersNeverSeeAHalfWrittenText) {
+  init();
+  const std::string first(200, 'a');
+  const std::string second(120, 'b');
+  std::vector<std::thread> threads;
+  threads.emplace_back([&] {
+    for (int i = 0; i < 2000; ++i) {
+      ASSERT_EQ(setAgentCharValue(kAgentCustomer, (i % 2 == 0 ? first : second).c_str()),
+                kAgentValueOk);
+    }
+  });
+  std::atomic<int> torn{0};
+  for (int reader = 0; reader < 3; ++reader) {
+    threads.emplace_back([&] {
+      char buffer[256];
+      for (int i = 0; i < 2000; ++i) {
+        ASSERT_EQ(getAgentCharValue(kAgentCustomer, buffer, sizeof buffer), kAgentValueOk);
+        std::string value(buffer);
+        if (value != first && value != second && value != "Acme Corp") ++torn;
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(torn.load(), 0);
 }
 
 class AgentDat : public test::CacheSandbox {
