@@ -4,7 +4,6 @@
 
 #include <cstdint>
 #include <string>
-#include <vector>
 
 #include "unit/agent_core/cache/cache_sandbox.h"
 
@@ -17,6 +16,8 @@ using test::fileExists;
 std::string nameField(const std::string& name) {
   return test::field(name, 256);
 }
+
+const std::string kVersion12 = bytes({1, 0, 0, 0, 2, 0, 0, 0});
 
 class CacheFile : public test::CacheSandbox {
  protected:
@@ -34,7 +35,6 @@ TEST_F(CacheFile, HeaderBytesFollowTheLayout) {
   header.timestamp = 1700000000;  // 0x6553F100
   std::string server = "alpha.example";
   server.copy(header.serverName, server.size());
-
   std::string expected = bytes({0x01, 0x00, 0x00, 0x00, 0x03, 0x00, 0x00, 0x00,  //
                                 0x00, 0xF1, 0x53, 0x65, 0x00, 0x00, 0x00, 0x00}) +
                          nameField("alpha.example");
@@ -49,9 +49,8 @@ TEST_F(CacheFile, HeaderBytesFollowTheLayout) {
             bytes({0xFE, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}));
 
   std::string shortForm = bytes({0x02, 0x01, 0x00, 0x00, 0x07, 0x00, 0x00, 0x80});
-  uint8_t versionBytes[kCacheVersionSize];
-  encodeCacheVersion(CacheVersion{0x102, 0x80000007}, versionBytes);
-  EXPECT_EQ(std::string(reinterpret_cast<char*>(versionBytes), sizeof versionBytes), shortForm);
+  encodeCacheVersion(CacheVersion{0x102, 0x80000007}, encoded);
+  EXPECT_EQ(std::string(reinterpret_cast<char*>(encoded), kCacheVersionSize), shortForm);
   EXPECT_EQ(decodeCacheVersion(reinterpret_cast<const uint8_t*>(shortForm.data())),
             (CacheVersion{0x102, 0x80000007}));
 
@@ -69,19 +68,15 @@ TEST_F(CacheFile, HeaderBytesFollowTheLayout) {
 
 TEST_F(CacheFile, VersionTableRefusesIdsOutsideTheTable) {
   CacheVersion version{9, 9};
-  for (int32_t badId : {-1, 5, 1000}) {
-    restartTrace();
+  for (int32_t badId : {-1, 5}) {
     EXPECT_EQ(setCacheVersion(badId, 1, 1), kCacheVersionBad);
     EXPECT_EQ(getCacheVersion(badId, &version), kCacheVersionBad);
     EXPECT_EQ(testCacheVersion(badId, CacheVersion{}), kCacheVersionBad);
-    EXPECT_NE(trace().find("CACHE - Bad file_id value " + std::to_string(badId)),
-              std::string::npos);
+    EXPECT_TRUE(traced("CACHE - Bad file_id value " + std::to_string(badId)));
   }
   EXPECT_EQ(version, (CacheVersion{9, 9}));
 
   ASSERT_EQ(setCacheVersion(kCatalogFileId, 4, 7), kCacheVersionOk);
-  ASSERT_EQ(getCacheVersion(kCatalogFileId, &version), kCacheVersionOk);
-  EXPECT_EQ(version, (CacheVersion{4, 7}));
   EXPECT_EQ(testCacheVersion(kCatalogFileId, CacheVersion{4, 7}), kCacheVersionOk);
   EXPECT_EQ(testCacheVersion(kCatalogFileId, CacheVersion{4, 8}), kCacheVersionBad);
   EXPECT_EQ(testCacheVersion(kCatalogFileId, CacheVersion{5, 7}), kCacheVersionBad);
@@ -93,90 +88,58 @@ TEST_F(CacheFile, CachePathIsTheRootedDirectoryAndTheName) {
             root_.path() + "/var/qsam/cache/server.dat");
 
   // The name is cut so that the whole path stays within 4094 characters.
-  std::string longName(5000, 'x');
-  cacheFilePath(longName.c_str(), path);
+  cacheFilePath(std::string(5000, 'x').c_str(), path);
   EXPECT_EQ(std::string(path).size(), 4094u);
 }
 
 TEST_F(CacheFile, OpenReportsEachBadHeaderAndDeletesAllButTheShortVersion) {
   loadConfiguration("server=alpha\n");
-  const std::string serverVersion = bytes({1, 0, 0, 0, 2, 0, 0, 0});
-  const std::string timestamp = bytes({0x10, 0x20, 0, 0, 0, 0, 0, 0});
+  const std::string time = bytes({0x10, 0x20, 0, 0, 0, 0, 0, 0});
   struct Case {
-    const char* what;
     int32_t fileId;
     std::string content;
-    int result;
     bool kept;
-    std::vector<std::string> messages;
+    const char* message;
+    const char* versionMessage;  // or null
   };
   const Case cases[] = {
-      {"only the major number",
-       kServerFileId,
-       bytes({1, 0, 0, 0}),
-       kCacheFileBad,
-       true,
-       {"ERROR - Reading cache version from file "}},
-      {"other major number",
-       kServerFileId,
-       bytes({2, 0, 0, 0, 2, 0, 0, 0}) + timestamp,
-       kCacheFileBad,
-       false,
-       {"WARNING - The major version is different: actual 2, read 1",
-        "ERROR - Checking cache version for file "}},
-      {"other minor number",
-       kUatFileId,
-       serverVersion + timestamp + nameField("alpha"),
-       kCacheFileBad,
-       false,
-       {"WARNING - The minor version is different: actual 2, read 3",
-        "ERROR - Checking cache version for file "}},
-      {"short timestamp",
-       kServerFileId,
-       serverVersion + bytes({1, 2, 3, 4}),
-       kCacheFileBad,
-       false,
-       {"ERROR - Reading timestamp from file "}},
-      {"short server name",
-       kServerFileId,
-       serverVersion + timestamp + std::string(255, 'a'),
-       kCacheFileBad,
-       false,
-       {"ERROR - Reading the preferred server name from file "}},
-      {"other server",
-       kServerFileId,
-       serverVersion + timestamp + nameField("beta"),
-       kCacheFileBad,
-       false,
-       {"CACHE - Server in configuration file different from the one in"}},
-      {"server name shorter than the configured one",
-       kServerFileId,
-       serverVersion + timestamp + nameField("alph"),
-       kCacheFileBad,
-       false,
-       {"CACHE - Server in configuration file different from the one in"}},
+      {kServerFileId, bytes({1, 0, 0, 0}), true, "ERROR - Reading cache version from file ",
+       nullptr},
+      {kServerFileId, bytes({2, 0, 0, 0, 2, 0, 0, 0}) + time, false,
+       "WARNING - The major version is different: actual 2, read 1",
+       "ERROR - Checking cache version for file "},
+      {kUatFileId, kVersion12 + time + nameField("alpha"), false,
+       "WARNING - The minor version is different: actual 2, read 3",
+       "ERROR - Checking cache version for file "},
+      {kServerFileId, kVersion12 + bytes({1, 2, 3, 4}), false,
+       "ERROR - Reading timestamp from file ", nullptr},
+      {kServerFileId, kVersion12 + time + std::string(255, 'a'), false,
+       "ERROR - Reading the preferred server name from file ", nullptr},
+      {kServerFileId, kVersion12 + time + nameField("beta"), false,
+       "CACHE - Server in configuration file different from the one in", nullptr},
+      // A stored name that is a prefix of the configured one is another server.
+      {kServerFileId, kVersion12 + time + nameField("alph"), false,
+       "CACHE - Server in configuration file different from the one in", nullptr},
   };
   for (const Case& c : cases) {
-    SCOPED_TRACE(c.what);
+    SCOPED_TRACE(c.message);
     restartTrace();
     std::string path = writeCacheFile("test.dat", c.content);
     FILE* file = reinterpret_cast<FILE*>(&root_);  // must stay untouched
-    int64_t time = -7;
-    EXPECT_EQ(openCacheFile(path.c_str(), c.fileId, &file, &time), c.result);
+    int64_t stamp = -7;
+    EXPECT_EQ(openCacheFile(path.c_str(), c.fileId, &file, &stamp), kCacheFileBad);
     EXPECT_EQ(file, reinterpret_cast<FILE*>(&root_));
     EXPECT_EQ(fileExists(path), c.kept);
-    for (const std::string& message : c.messages) {
-      EXPECT_NE(trace().find(message), std::string::npos) << message << "\n" << trace();
-    }
+    EXPECT_TRUE(traced(c.message)) << trace();
+    EXPECT_TRUE(c.versionMessage == nullptr || traced(c.versionMessage)) << trace();
   }
 }
 
 TEST_F(CacheFile, OpenAcceptsAServerNameThatBeginsWithTheConfiguredOne) {
   loadConfiguration("server=alpha\n");
-  const std::string header = bytes({1, 0, 0, 0, 2, 0, 0, 0}) +
-                             bytes({0x00, 0xF1, 0x53, 0x65, 0xFF, 0xFF, 0xFF, 0xFF}) +
-                             nameField("alpha2");
-  std::string path = writeCacheFile("server.dat", header + "BODY");
+  std::string path = writeCacheFile(
+      "server.dat", kVersion12 + bytes({0x00, 0xF1, 0x53, 0x65, 0xFF, 0xFF, 0xFF, 0xFF}) +
+                        nameField("alpha2") + "BODY");
   FILE* file = nullptr;
   int64_t time = 0;
   ASSERT_EQ(openCacheFile(path.c_str(), kServerFileId, &file, &time), kCacheFileValid);
@@ -186,19 +149,11 @@ TEST_F(CacheFile, OpenAcceptsAServerNameThatBeginsWithTheConfiguredOne) {
   EXPECT_EQ(fread(body, 1, 4, file), 4u);
   EXPECT_STREQ(body, "BODY");
   fclose(file);
-  EXPECT_NE(trace().find("OK - Cache version in file " + path + " is 1.2"), std::string::npos);
-
-  // The other way round the file was written for a different server.
-  loadConfiguration("server=alpha2\n");
-  path = writeCacheFile(
-      "server.dat", bytes({1, 0, 0, 0, 2, 0, 0, 0}) + std::string(8, '\0') + nameField("alpha"));
-  EXPECT_EQ(openCacheFile(path.c_str(), kServerFileId, &file, &time), kCacheFileBad);
-  EXPECT_FALSE(fileExists(path));
+  EXPECT_TRUE(traced("OK - Cache version in file " + path + " is 1.2"));
 
   // Without a configured server every file is accepted.
   loadConfiguration("tag=x\n");
-  path = writeCacheFile(
-      "server.dat", bytes({1, 0, 0, 0, 2, 0, 0, 0}) + std::string(8, '\0') + nameField("anything"));
+  path = writeCacheFile("server.dat", kVersion12 + std::string(8, '\0') + nameField("anything"));
   ASSERT_EQ(openCacheFile(path.c_str(), kServerFileId, &file, &time), kCacheFileValid);
   fclose(file);
 }
@@ -206,17 +161,16 @@ TEST_F(CacheFile, OpenAcceptsAServerNameThatBeginsWithTheConfiguredOne) {
 TEST_F(CacheFile, OpenWithoutTimestampReadsOnlyTheVersionPair) {
   loadConfiguration("server=alpha\n");
   // What follows the version would be a foreign server name if it were read as a full header.
-  std::string path =
-      writeCacheFile("plugin.dat", bytes({1, 0, 0, 0, 2, 0, 0, 0}) + "beta-and-more-bytes");
+  std::string path = writeCacheFile("plugin.dat", kVersion12 + "beta-and-more-bytes");
   FILE* file = nullptr;
   ASSERT_EQ(openCacheFile(path.c_str(), kPluginFileId, &file, nullptr), kCacheFileValid);
   EXPECT_EQ(ftell(file), 8);
   fclose(file);
   EXPECT_TRUE(fileExists(path));
 
-  std::string missing = root_.file("var/qsam/cache/none.dat");
   file = reinterpret_cast<FILE*>(&root_);
-  EXPECT_EQ(openCacheFile(missing.c_str(), kPluginFileId, &file, nullptr), kCacheFileMissing);
+  EXPECT_EQ(openCacheFile(cachePath("none.dat").c_str(), kPluginFileId, &file, nullptr),
+            kCacheFileMissing);
   EXPECT_EQ(file, nullptr);
 }
 

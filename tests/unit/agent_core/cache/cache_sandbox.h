@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <initializer_list>
 #include <string>
 
@@ -18,6 +19,12 @@ inline std::string bytes(std::initializer_list<int> values) {
   std::string out;
   for (int value : values) out.push_back(static_cast<char>(value));
   return out;
+}
+
+// `value` as four little-endian bytes.
+inline std::string le32(uint32_t value) {
+  return bytes({static_cast<int>(value & 0xFF), static_cast<int>((value >> 8) & 0xFF),
+                static_cast<int>((value >> 16) & 0xFF), static_cast<int>(value >> 24)});
 }
 
 // `text` followed by zeros up to `size` bytes.

@@ -3,32 +3,20 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <cstring>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "agent_core/cache/cache_file.h"
 #include "agent_core/support/slm_list.h"
-#include "agent_core/support/trace.h"
-#include "agent_core/support/unix_common.h"
 #include "support/fake_clock.h"
-#include "support/temp_root.h"
+#include "unit/agent_core/cache/cache_sandbox.h"
 
 namespace slm {
 namespace {
 
-using test::readFile;
-
-std::string le32(uint32_t value) {
-  std::string out;
-  for (int i = 0; i < 4; ++i) out.push_back(static_cast<char>((value >> (8 * i)) & 0xff));
-  return out;
-}
-
-std::string field(const std::string& text, size_t size) {
-  return text + std::string(size - text.size(), '\0');
-}
+using test::field;
+using test::le32;
 
 ServerInfo makeInfo(const std::string& host, const std::string& path, uint16_t port,
                     int32_t level = 0) {
@@ -53,43 +41,27 @@ std::string headerBytes(uint32_t timestamp, const std::string& preferred) {
   return le32(1) + le32(2) + le32(timestamp) + le32(0) + field(preferred, 256);
 }
 
-// Owns a list of ServerAddress records, as the topology service hands them over.
-class AddressList {
- public:
-  explicit AddressList(std::initializer_list<const char*> hosts)
-      : list_(createList(sizeof(ServerAddress))) {
-    for (const char* host : hosts) {
-      ServerInfo info = makeInfo(host, std::string("/") + host, 9000);
-      EXPECT_EQ(append(list_, &info.address), kListOk);
-    }
+// A list of ServerAddress records, as the topology service hands them over.
+using AddressList = std::unique_ptr<SlmList, void (*)(SlmList*)>;
+AddressList addresses(std::initializer_list<const char*> hosts) {
+  AddressList list(createList(sizeof(ServerAddress)), deleteList);
+  for (const char* host : hosts) {
+    ServerInfo info = makeInfo(host, std::string("/") + host, 9000);
+    EXPECT_EQ(append(list.get(), &info.address), kListOk);
   }
-  ~AddressList() { deleteList(list_); }
-  AddressList(const AddressList&) = delete;
-  AddressList& operator=(const AddressList&) = delete;
-  SlmList* get() { return list_; }
+  return list;
+}
 
- private:
-  SlmList* list_;
-};
-
-class ServerCache : public ::testing::Test {
+class ServerCache : public test::CacheSandbox {
  protected:
-  void SetUp() override {
-    setAgentRoot(root_.path().c_str());
-    root_.makeDirs("var/qsam/cache");
-    startTrace(root_.file("trace.log").c_str());
-    setTraceLevel(3);
-  }
   void TearDown() override {
     if (created_) deleteServersCache();
-    stopTrace();
-    setTraceLevel(-1);
-    setAgentRoot("");
+    CacheSandbox::TearDown();
   }
 
   // A cache holding only the configured server; with `keepFile` it also reads "server.dat".
   void create(const char* preferred = "alpha", int32_t level = 0, bool keepFile = false) {
-    if (created_) deleteServersCache();
+    if (created_) deleteServersCache();  // stores the cache, as a shut-down does
     created_ = false;
     if (!keepFile) remove(serverFile().c_str());
     ServerInfo configured = makeInfo(preferred, "/rt", 8080, level);
@@ -97,58 +69,54 @@ class ServerCache : public ::testing::Test {
     created_ = true;
   }
   // Stores the cache and builds it again from the file, as a restart does.
-  void restart(const char* preferred = "alpha") {
-    ASSERT_TRUE(created_);
-    deleteServersCache();
+  void restart() { create("alpha", 0, true); }
+  // Builds the cache from a "server.dat" holding `content`.
+  void loadFrom(const std::string& content) {
+    if (created_) deleteServersCache();
     created_ = false;
-    create(preferred, 0, true);
+    writeCacheFile("server.dat", content);
+    restartTrace();
+    create("alpha", 0, true);
   }
 
-  std::string serverFile() const { return root_.file("var/qsam/cache/server.dat"); }
-  std::string trace() const { return readFile(root_.file("trace.log")); }
-  bool traced(const std::string& text) const { return trace().find(text) != std::string::npos; }
+  std::string serverFile() const { return cachePath("server.dat"); }
 
-  // Host names of one list, head to tail.
-  std::vector<std::string> listHosts(int32_t scope) const {
-    std::vector<std::string> hosts;
+  // The walk from the preferred server as "preferred | division | enterprise", each list head to
+  // tail, so that one string shows both the order and the list of every record.
+  std::string walk(int filter = kAnyServer) const {
+    std::string out;
+    int32_t scope = kScopePreferred;
     ServerHandle handle = nullptr;
     ServerInfo info;
-    // The walk from the preferred server covers every list when the cache scope is 2.
-    while (getNextServer(&handle, kAnyServer, &info) == kSrvsOk) {
-      if (handle->scope == scope) hosts.push_back(info.address.host);
+    while (getNextServer(&handle, filter, &info) == kSrvsOk) {
+      for (; scope < handle->scope; ++scope) out += " |";
+      out += std::string(" ") + info.address.host;
     }
-    return hosts;
-  }
-  std::vector<std::string> walk(int filter = kAnyServer) const {
-    std::vector<std::string> hosts;
-    ServerHandle handle = nullptr;
-    ServerInfo info;
-    while (getNextServer(&handle, filter, &info) == kSrvsOk) hosts.push_back(info.address.host);
-    return hosts;
+    return out.empty() ? out : out.substr(1);
   }
   ServerHandle find(const char* host) const {
     ServerHandle handle = nullptr;
     EXPECT_EQ(findServerbyName(host, &handle), kSrvsOk) << host;
     return handle;
   }
-  void add(const char* host, int32_t scope) {
-    ServerInfo info = makeInfo(host, std::string("/") + host, 9000);
-    ASSERT_EQ(createNewServer(&info, scope), kSrvsOk);
+  void add(std::initializer_list<const char*> hosts, int32_t scope) {
+    for (const char* host : hosts) {
+      ServerInfo info = makeInfo(host, std::string("/") + host, 9000);
+      ASSERT_EQ(createNewServer(&info, scope), kSrvsOk);
+    }
+  }
+  void update(const ServerInfo* preferred, const AddressList& division,
+              const AddressList& enterprise, int result = kSrvsOk) {
+    ASSERT_EQ(updateServerCache(preferred, division.get(), enterprise.get()), result);
   }
 
-  test::TempDir root_;
   bool created_ = false;
 };
-
-using Hosts = std::vector<std::string>;
 
 TEST_F(ServerCache, StoredFileFollowsTheLayout) {
   test::FakeClock clock(0x65000000);
   create("alpha", 1);
-  AddressList division{"d1.example", "d2.example"};
-  AddressList enterprise{"e1.example"};
-  ASSERT_EQ(updateServerCache(nullptr, division.get(), enterprise.get()), kSrvsOk);
-  ASSERT_EQ(find("d1.example")->scope, kScopeDivision);
+  update(nullptr, addresses({"d1.example", "d2.example"}), addresses({"e1.example"}));
   serverNotResponding(find("d1.example"));
   ASSERT_EQ(storeServerList(), kSrvsOk);
 
@@ -158,102 +126,77 @@ TEST_F(ServerCache, StoredFileFollowsTheLayout) {
                          recordBytes("d2.example", "/d2.example", 9000, 1, 1, 1, 1) +
                          recordBytes("d1.example", "/d1.example", 9000, 1, 0, 1, 1) +
                          recordBytes("e1.example", "/e1.example", 9000, 1, 1, 1, 2);
-  EXPECT_EQ(readFile(serverFile()), expected);
+  EXPECT_EQ(test::readFile(serverFile()), expected);
   EXPECT_TRUE(traced("SRV - Data written into file " + serverFile()));
 
-  ServerRecord decoded{};
-  decodeServerRecord(reinterpret_cast<const uint8_t*>(expected.data()) + 280 + 552, &decoded);
-  EXPECT_STREQ(decoded.info.address.host, "d1.example");
-  EXPECT_STREQ(decoded.info.address.path, "/d1.example");
-  EXPECT_EQ(decoded.info.address.port, 9000);
-  EXPECT_EQ(decoded.info.securityLevel, 1);
-  EXPECT_EQ(decoded.active, 0);
-  EXPECT_EQ(decoded.used, 1);
-  EXPECT_EQ(decoded.scope, kScopeDivision);
+  ServerRecord r{};
+  decodeServerRecord(reinterpret_cast<const uint8_t*>(expected.data()) + 280 + 552, &r);
+  EXPECT_EQ(std::string(r.info.address.host) + " " + r.info.address.path + " " +
+                std::to_string(r.info.address.port) + " " + std::to_string(r.info.securityLevel) +
+                " " + std::to_string(r.active) + " " + std::to_string(r.used) + " " +
+                std::to_string(r.scope),
+            "d1.example /d1.example 9000 1 0 1 1");
 }
 
 TEST_F(ServerCache, EachLoadReversesTheListsAndRestoresTheCounts) {
   create();
-  add("d1", kScopeDivision);
-  add("d2", kScopeDivision);
-  add("d3", kScopeDivision);
-  add("e1", kScopeEnterprise);
-  add("e2", kScopeEnterprise);
+  add({"d1", "d2", "d3"}, kScopeDivision);
+  add({"e1", "e2"}, kScopeEnterprise);
   serverNotResponding(find("d2"));
-  ASSERT_EQ(listHosts(kScopeDivision), (Hosts{"d3", "d2", "d1"}));
+  ASSERT_EQ(walk(), "alpha | d3 d2 d1 | e2 e1");
 
   restart();
   EXPECT_TRUE(traced("SRV - The server list has been read from file " + serverFile()));
-  EXPECT_EQ(listHosts(kScopeDivision), (Hosts{"d1", "d2", "d3"}));
-  EXPECT_EQ(listHosts(kScopeEnterprise), (Hosts{"e1", "e2"}));
-  EXPECT_EQ(walk(), (Hosts{"alpha", "d1", "d2", "d3", "e1", "e2"}));
+  EXPECT_EQ(walk(), "alpha | d1 d2 d3 | e1 e2");
   EXPECT_EQ(getServersNumber(kActiveCount), 5);
   EXPECT_EQ(getServersNumber(kNotRespondingCount), 1);
   EXPECT_EQ(testActive(find("d2")), 0);
 
   restart();
-  EXPECT_EQ(listHosts(kScopeDivision), (Hosts{"d3", "d2", "d1"}));
-  EXPECT_EQ(listHosts(kScopeEnterprise), (Hosts{"e2", "e1"}));
+  EXPECT_EQ(walk(), "alpha | d3 d2 d1 | e2 e1");
 }
 
 TEST_F(ServerCache, LoadKeepsTheRecordsBeforeADamagedOne) {
   std::string full =
       headerBytes(0, "alpha") + le32(2) + le32(1) + recordBytes("d1", "/d1", 9001, 0, 1, 1, 1) +
       recordBytes("d2", "/d2", 9002, 0, 1, 1, 1) + recordBytes("e1", "/e1", 9003, 0, 1, 1, 2);
-
   struct Case {
     size_t length;
-    Hosts walk;
+    const char* walk;
+    int active;
     const char* message;
   };
   const Case cases[] = {
-      {full.size(), {"alpha", "d2", "d1", "e1"}, "SRV - The server list has been read"},
-      {full.size() - 1, {"alpha", "d2", "d1"}, "ERROR - reading from cache file"},
-      {280 + 552 + 100, {"alpha", "d1"}, "ERROR - reading from cache file"},
-      {276, {"alpha"}, "SRV CACHE - no Servers file"},  // the enterprise count is short
+      {full.size(), "alpha | d2 d1 | e1", 4, "SRV - The server list has been read"},
+      {full.size() - 1, "alpha | d2 d1", 3, "ERROR - reading from cache file"},
+      {280 + 552 + 100, "alpha | d1", 2, "ERROR - reading from cache file"},
+      {276, "alpha", 1, "SRV CACHE - no Servers file"},  // the enterprise count is short
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.length);
-    if (created_) deleteServersCache();
-    created_ = false;
-    root_.writeFile("var/qsam/cache/server.dat", full.substr(0, c.length));
-    startTrace(root_.file("trace.log").c_str());
-    setTraceLevel(3);
-    create("alpha", 0, true);
+    loadFrom(full.substr(0, c.length));
     EXPECT_EQ(walk(), c.walk);
     EXPECT_TRUE(traced(c.message)) << trace();
-    EXPECT_EQ(getServersNumber(kActiveCount), static_cast<int>(c.walk.size()));
+    EXPECT_EQ(getServersNumber(kActiveCount), c.active);
   }
 
   // A file written for another version is thrown away; the configured server remains.
-  deleteServersCache();
-  created_ = false;
-  std::string foreign = le32(1) + le32(3) + full.substr(8);
-  root_.writeFile("var/qsam/cache/server.dat", foreign);
-  create("alpha", 0, true);
-  EXPECT_EQ(walk(), (Hosts{"alpha"}));
+  loadFrom(le32(1) + le32(3) + full.substr(8));
+  EXPECT_EQ(walk(), "alpha");
   EXPECT_TRUE(traced("WARNING - The version in file " + serverFile() +
                      " is not supported or the runtime server has been changed."));
 }
 
 TEST_F(ServerCache, WalkStopsAtTheCacheScope) {
   create();
-  add("d1", kScopeDivision);
-  add("d2", kScopeDivision);
-  add("e1", kScopeEnterprise);
-  struct Case {
-    int32_t scope;
-    Hosts walk;
-  };
-  const Case cases[] = {
-      {0, {"alpha"}},
-      {1, {"alpha", "d2", "d1"}},
-      {2, {"alpha", "d2", "d1", "e1"}},
-  };
-  for (const Case& c : cases) {
-    ASSERT_EQ(setScope(c.scope), kSrvsOk);
-    EXPECT_EQ(getScope(), c.scope);
-    EXPECT_EQ(walk(), c.walk) << "cache scope " << c.scope;
+  add({"d1", "d2"}, kScopeDivision);
+  add({"e1"}, kScopeEnterprise);
+  const std::pair<int32_t, const char*> cases[] = {
+      {0, "alpha"}, {1, "alpha | d2 d1"}, {2, "alpha | d2 d1 | e1"}};
+  for (const auto& [scope, expected] : cases) {
+    ASSERT_EQ(setScope(scope), kSrvsOk);
+    EXPECT_EQ(getScope(), scope);
+    EXPECT_EQ(walk(), expected) << "cache scope " << scope;
   }
   EXPECT_TRUE(traced("setScope with scope= 1"));
 
@@ -262,50 +205,37 @@ TEST_F(ServerCache, WalkStopsAtTheCacheScope) {
   removeServer(find("d1"));
   removeServer(find("d2"));
   ASSERT_EQ(setScope(1), kSrvsOk);
-  EXPECT_EQ(walk(), (Hosts{"alpha", "e1"}));
+  EXPECT_EQ(walk(), "alpha | | e1");
   ASSERT_EQ(setScope(0), kSrvsOk);
-  EXPECT_EQ(walk(), (Hosts{"alpha"}));
+  EXPECT_EQ(walk(), "alpha");
 
   // Without a preferred server there is no walk, whatever the other lists hold.
   ASSERT_EQ(setScope(2), kSrvsOk);
   ASSERT_EQ(moveServer(find("alpha"), kScopeDivision), kSrvsOk);
-  ServerHandle handle = nullptr;
-  ServerInfo info;
-  EXPECT_EQ(getNextServer(&handle, kAnyServer, &info), kSrvsNotFound);
-  EXPECT_EQ(handle, nullptr);
+  EXPECT_EQ(walk(), "");
 }
 
 TEST_F(ServerCache, WalkFiltersByContactOutcome) {
   create();
-  add("d1", kScopeDivision);
-  add("d2", kScopeDivision);
-  add("e1", kScopeEnterprise);
+  add({"d1", "d2"}, kScopeDivision);
+  add({"e1"}, kScopeEnterprise);
   serverNotResponding(find("alpha"));
   serverNotResponding(find("d1"));
-  EXPECT_EQ(walk(kActiveServers), (Hosts{"d2", "e1"}));
-  EXPECT_EQ(walk(kNotRespondingServers), (Hosts{"alpha", "d1"}));
+  EXPECT_EQ(walk(kActiveServers), "| d2 | e1");
+  EXPECT_EQ(walk(kNotRespondingServers), "alpha | d1");
 
   // A server marked active twice has active value 2 and is neither "active" nor "not responding"
   // for the filters.
   serverIsActive(find("d2"));
   EXPECT_EQ(testActive(find("d2")), 2);
-  EXPECT_EQ(walk(kActiveServers), (Hosts{"e1"}));
-
-  // The handle carries the walk: a caller that keeps it goes on after the last server it got.
-  ServerHandle handle = nullptr;
-  ServerInfo info;
-  ASSERT_EQ(getNextServer(&handle, kNotRespondingServers, &info), kSrvsOk);
-  EXPECT_STREQ(info.address.host, "alpha");
-  EXPECT_EQ(info.address.port, 8080);
-  ASSERT_EQ(getNextServer(&handle, kNotRespondingServers, &info), kSrvsOk);
-  EXPECT_STREQ(info.address.host, "d1");
-  EXPECT_EQ(getNextServer(&handle, kNotRespondingServers, &info), kSrvsNotFound);
+  EXPECT_EQ(walk(kActiveServers), "| | e1");
+  EXPECT_EQ(walk(kNotRespondingServers), "alpha | d1");
 }
 
 TEST_F(ServerCache, ContactOutcomesKeepTheActiveCount) {
   create();
-  add("d1", kScopeDivision);
-  add("e1", kScopeEnterprise);
+  add({"d1"}, kScopeDivision);
+  add({"e1"}, kScopeEnterprise);
   ASSERT_EQ(getServersNumber(kActiveCount), 3);
 
   ServerHandle d1 = find("d1");
@@ -338,7 +268,7 @@ TEST_F(ServerCache, ContactOutcomesKeepTheActiveCount) {
   EXPECT_EQ(getServersNumber(kActiveCount), 1);
   removeServer(e1);
   EXPECT_EQ(getServersNumber(kActiveCount), 1);
-  add("d9", kScopeDivision);
+  add({"d9"}, kScopeDivision);
   EXPECT_EQ(getServersNumber(kActiveCount), 2);
   removeServer(find("d9"));
   EXPECT_EQ(getServersNumber(kActiveCount), 1);
@@ -352,7 +282,7 @@ TEST_F(ServerCache, ContactOutcomesKeepTheActiveCount) {
 
 TEST_F(ServerCache, ContactsFromManyReadersAreAllCounted) {
   create();
-  add("d1", kScopeDivision);
+  add({"d1"}, kScopeDivision);
   ServerHandle d1 = find("d1");
   serverNotResponding(d1);
   ASSERT_EQ(getServersNumber(kActiveCount), 1);
@@ -378,18 +308,14 @@ TEST_F(ServerCache, ContactsFromManyReadersAreAllCounted) {
 TEST_F(ServerCache, TopologyAddsMovesAndDropsServers) {
   test::FakeClock clock(1700000000);
   create();
-  add("old", kScopeDivision);
-  add("d1", kScopeEnterprise);
+  add({"old"}, kScopeDivision);
+  add({"d1"}, kScopeEnterprise);
   EXPECT_EQ(getSrvsCacheUpdateTime(), 0u);
 
-  AddressList division{"d1", "d2"};
-  AddressList enterprise{"e1", "alpha"};
-  ASSERT_EQ(updateServerCache(nullptr, division.get(), enterprise.get()), kSrvsOk);
+  update(nullptr, addresses({"d1", "d2"}), addresses({"e1", "alpha"}));
   EXPECT_EQ(getSrvsCacheUpdateTime(), 1700000000u);
   // The preferred server stays preferred although the topology lists it in the enterprise.
-  EXPECT_EQ(listHosts(kScopePreferred), (Hosts{"alpha"}));
-  EXPECT_EQ(listHosts(kScopeDivision), (Hosts{"d2", "d1"}));
-  EXPECT_EQ(listHosts(kScopeEnterprise), (Hosts{"e1"}));
+  EXPECT_EQ(walk(), "alpha | d2 d1 | e1");
   EXPECT_TRUE(traced("SRV CACHE - Server 'd1' moved to scope 1"));
   EXPECT_TRUE(traced("SRV CACHE - Added new server 'd2', scope 1"));
   EXPECT_TRUE(traced("SRV CACHE - Added new server 'e1', scope 2"));
@@ -399,86 +325,70 @@ TEST_F(ServerCache, TopologyAddsMovesAndDropsServers) {
 }
 
 TEST_F(ServerCache, TopologySweepStopsAtAnEmptyDivisionList) {
-  struct Case {
-    const char* name;
-    bool divisionBefore;
-    Hosts remaining;
-  };
-  const Case cases[] = {
-      {"division list held a record", true, {"alpha"}},
-      {"division list was empty", false, {"alpha", "e2", "e1"}},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
+  // When the division list held a record the sweep clears the enterprise list too; when it was
+  // empty the enterprise records survive.
+  for (bool divisionBefore : {true, false}) {
+    SCOPED_TRACE(divisionBefore);
     create();
-    if (c.divisionBefore) add("d1", kScopeDivision);
-    add("e1", kScopeEnterprise);
-    add("e2", kScopeEnterprise);
-    AddressList division{};
-    AddressList enterprise{};
-    ASSERT_EQ(updateServerCache(nullptr, division.get(), enterprise.get()), kSrvsOk);
-    EXPECT_EQ(walk(), c.remaining);
-    EXPECT_EQ(getServersNumber(kActiveCount), static_cast<int>(c.remaining.size()));
+    if (divisionBefore) add({"d1"}, kScopeDivision);
+    add({"e1", "e2"}, kScopeEnterprise);
+    update(nullptr, addresses({}), addresses({}));
+    EXPECT_EQ(walk(), divisionBefore ? "alpha" : "alpha | | e2 e1");
+    EXPECT_EQ(getServersNumber(kActiveCount), divisionBefore ? 1 : 3);
   }
 }
 
 TEST_F(ServerCache, TopologyReplacesAVanishedPreferredServer) {
   struct Case {
-    const char* name;
     std::initializer_list<const char*> division;
     std::initializer_list<const char*> enterprise;
-    const char* preferred;
+    const char* walk;
     const char* message;
   };
   const Case cases[] = {
-      {"division head", {"d1", "d2"}, {"e1"}, "d2", "Using the division server d2 as preferred"},
-      {"enterprise head", {}, {"e1", "e2"}, "e2", "Using the enterprise server e2 as preferred"},
+      {{"d1", "d2"}, {"e1"}, "d2 | d1 | e1", "Using the division server d2 as preferred"},
+      {{}, {"e1", "e2"}, "e2 | | e1", "Using the enterprise server e2 as preferred"},
   };
   for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
+    SCOPED_TRACE(c.message);
     create("alpha", 2);
     // The configured server is named as preferred but by a new name, so the old record goes.
     ServerInfo renamed = makeInfo("gone", "/rt", 8080, 2);
-    AddressList division{c.division};
-    AddressList enterprise{c.enterprise};
-    ASSERT_EQ(updateServerCache(&renamed, division.get(), enterprise.get()), kSrvsOk);
-    ASSERT_EQ(walk().front(), "gone");
+    AddressList division = addresses(c.division);
+    AddressList enterprise = addresses(c.enterprise);
+    update(&renamed, division, enterprise);
+    ASSERT_EQ(walk().substr(0, 5), "gone ");
     removeServer(find("gone"));
 
     // The next topology names no preferred server: the old one is kept if it exists, else the
     // head of the division list, or of the enterprise list, takes its place.
-    AddressList again{c.division};
-    AddressList againEnterprise{c.enterprise};
-    ASSERT_EQ(updateServerCache(nullptr, again.get(), againEnterprise.get()), kSrvsOk);
+    update(nullptr, division, enterprise);
     EXPECT_TRUE(traced("SRV CACHE - Warning! no preferred server"));
     EXPECT_TRUE(traced(std::string("SRV CACHE - ") + c.message));
-    EXPECT_EQ(walk().front(), c.preferred);
-    EXPECT_EQ(find(c.preferred)->scope, kScopePreferred);
+    EXPECT_EQ(walk(), c.walk);
   }
 
   // Nothing left to promote.
   create();
   removeServer(find("alpha"));
-  AddressList none{};
-  EXPECT_EQ(updateServerCache(nullptr, none.get(), none.get()), kSrvsFailed);
+  update(nullptr, addresses({}), addresses({}), kSrvsFailed);
 }
 
 TEST_F(ServerCache, TopologyWithPreferredAndNoDivisionListSkipsFirstEnterpriseServer) {
   create("alpha", 1);
   ServerInfo preferred = makeInfo("alpha", "/rt", 8080, 2);
-  AddressList enterprise{"e1", "e2", "e3"};
+  AddressList enterprise = addresses({"e1", "e2", "e3"});
   ASSERT_EQ(updateServerCache(&preferred, nullptr, enterprise.get()), kSrvsOk);
-  EXPECT_EQ(walk(), (Hosts{"alpha", "e3", "e2"}));
+  EXPECT_EQ(walk(), "alpha | | e3 e2");
   EXPECT_FALSE(traced("'e1'"));
   // The preferred entry found the preferred record itself and moved it in place.
   EXPECT_TRUE(traced("SRV CACHE - Server 'alpha' moved to scope 0"));
 
   // With a division list the enterprise list is merged from its first entry, each known server
   // goes to the head, and the sweep hands the preferred record's level to every record it visits.
-  AddressList division{"d1"};
-  ASSERT_EQ(updateServerCache(&preferred, division.get(), enterprise.get()), kSrvsOk);
+  update(&preferred, addresses({"d1"}), enterprise);
   EXPECT_TRUE(traced("SRV CACHE - Added new server 'e1', scope 2"));
-  EXPECT_EQ(walk(), (Hosts{"alpha", "d1", "e3", "e2", "e1"}));
+  EXPECT_EQ(walk(), "alpha | d1 | e3 e2 e1");
   for (const char* host : {"d1", "e1", "e2"}) {
     ServerInfo info;
     ASSERT_EQ(getServerInfo(find(host), &info), kSrvsOk);
