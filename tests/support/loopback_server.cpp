@@ -34,6 +34,19 @@ bool sendAll(int fd, const std::string& bytes) {
   return true;
 }
 
+// Binds `fd` to a free loopback port and returns it; 0 on failure.
+uint16_t bindLoopback(int fd) {
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof address;
+  if (fd < 0 || bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+      getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+    return 0;
+  }
+  return ntohs(address.sin_port);
+}
+
 }  // namespace
 
 bool isCompleteHttpRequest(const std::string& bytes) {
@@ -47,21 +60,19 @@ bool isCompleteHttpRequest(const std::string& bytes) {
   return bytes.size() >= headEnd + 4 + bodyLength;
 }
 
+uint16_t closedLoopbackPort() {
+  int fd = socket(AF_INET, SOCK_STREAM, 0);
+  uint16_t port = bindLoopback(fd);
+  if (fd >= 0) close(fd);
+  return port;
+}
+
 LoopbackServer::LoopbackServer(LoopbackScript script) : script_(std::move(script)) {
   if (pipe(wakePipe_) != 0) return;
   listenFd_ = socket(AF_INET, SOCK_STREAM, 0);
-  if (listenFd_ < 0) return;
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  address.sin_port = 0;
-  socklen_t length = sizeof address;
-  if (bind(listenFd_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-      listen(listenFd_, 1) != 0 ||
-      getsockname(listenFd_, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
-    return;
-  }
-  port_ = ntohs(address.sin_port);
+  uint16_t port = bindLoopback(listenFd_);
+  if (port == 0 || listen(listenFd_, 1) != 0) return;
+  port_ = port;
   thread_ = std::thread([this] { serve(); });
 }
 
@@ -77,15 +88,10 @@ LoopbackServer::~LoopbackServer() {
   }
 }
 
-std::string LoopbackServer::request(std::chrono::milliseconds bound) {
+std::string LoopbackServer::waitFor(bool wholeRequest) {
   std::unique_lock<std::mutex> lock(mutex_);
-  changed_.wait_for(lock, bound, [this] { return done_ || isCompleteHttpRequest(received_); });
-  return received_;
-}
-
-std::string LoopbackServer::received(std::chrono::milliseconds bound) {
-  std::unique_lock<std::mutex> lock(mutex_);
-  changed_.wait_for(lock, bound, [this] { return done_; });
+  changed_.wait_for(lock, std::chrono::seconds(10),
+                    [&] { return done_ || (wholeRequest && isCompleteHttpRequest(received_)); });
   return received_;
 }
 

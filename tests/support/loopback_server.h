@@ -38,14 +38,14 @@ class LoopbackServer {
 
   // 0 when the server could not listen.
   uint16_t port() const { return port_; }
-  // Waits at most `bound` until a whole HTTP request has arrived or the connection is over, then
-  // returns the bytes received so far.
-  std::string request(std::chrono::milliseconds bound = std::chrono::seconds(10));
-  // Waits at most `bound` until the client has closed the connection, then returns every byte
-  // received.
-  std::string received(std::chrono::milliseconds bound = std::chrono::seconds(10));
+  // The bytes received once a whole HTTP request has arrived or the connection is over.
+  std::string request() { return waitFor(true); }
+  // Every byte received once the client has closed the connection.
+  std::string received() { return waitFor(false); }
 
  private:
+  // Waits at most ten seconds for the end of the connection, or also for a whole request.
+  std::string waitFor(bool wholeRequest);
   void serve();
   bool readSome(int fd);
   void finish();
@@ -63,5 +63,8 @@ class LoopbackServer {
 
 // True once `bytes` holds an HTTP request head and as many body bytes as its Content-Length says.
 bool isCompleteHttpRequest(const std::string& bytes);
+
+// A loopback port that was bound and released, so that nothing listens there.
+uint16_t closedLoopbackPort();
 
 }  // namespace slm::test

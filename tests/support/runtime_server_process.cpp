@@ -8,7 +8,6 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <sstream>
 
 namespace slm::test {
@@ -36,14 +35,6 @@ std::string readFirstLine(int fd) {
     line.push_back(c);
   }
   return line;
-}
-
-std::string fromHex(const std::string& hex) {
-  std::string out;
-  for (size_t i = 0; i + 1 < hex.size(); i += 2) {
-    out.push_back(static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16)));
-  }
-  return out;
 }
 
 }  // namespace
@@ -99,10 +90,8 @@ std::string RuntimeServerProcess::lastRequest(const std::string& serviceId) cons
       "db = sqlite3.connect(sys.argv[1])\n"
       "row = db.execute(\"SELECT raw FROM requests WHERE service = ? ORDER BY id DESC LIMIT 1\","
       " (sys.argv[2],)).fetchone()\n"
-      "print(bytes(row[0]).hex() if row else \"\")\n";
-  std::string hex = query(script, serviceId);
-  while (!hex.empty() && (hex.back() == '\n' || hex.back() == '\r')) hex.pop_back();
-  return fromHex(hex);
+      "sys.stdout.buffer.write(bytes(row[0]) if row else b\"\")\n";
+  return query(script, serviceId);
 }
 
 std::string RuntimeServerProcess::lastRequestBody(const std::string& serviceId) const {

@@ -29,61 +29,45 @@ namespace {
 using test::readFile;
 using test::RuntimeServerProcess;
 
-constexpr int64_t kNow = 1700000000;
 const std::string kTime = "1700000000000\r\n";
 const std::string kTerminator = "<request:ok>\r\n";
 
-// The text as the body of a JSON string.
-std::string jsonText(const std::string& text) {
-  std::string out;
-  for (char c : text) {
-    if (c == '\r') {
-      out += "\\r";
-    } else if (c == '\n') {
-      out += "\\n";
-    } else {
-      out.push_back(c);
-    }
+ServerAddress loopback(uint16_t port) {
+  ServerAddress address{};
+  strcpy(address.host, "127.0.0.1");
+  strcpy(address.path, "/");
+  address.port = port;
+  return address;
+}
+
+// The entries of a list of server addresses as "host|path|port"; frees the list.
+std::vector<std::string> listed(SlmList* list) {
+  std::vector<std::string> out;
+  for (void* entry = getNext(list, nullptr); entry != nullptr; entry = getNext(list, entry)) {
+    ServerAddress address;
+    memcpy(&address, entry, sizeof address);
+    out.push_back(std::string(address.host) + "|" + address.path + "|" +
+                  std::to_string(address.port));
   }
+  EXPECT_EQ(entries(list), static_cast<int32_t>(out.size()));
+  deleteList(list);
   return out;
 }
 
-// The agent as every test here sets it up: configured ids, tag and customer, then the values the
-// services send, set by hand so the request bodies are known to the byte.
-class AgentFixture : public ::testing::Test {
+// The agent with configured ids, tag and customer, and the values the services send set by hand
+// so the request bodies are known to the byte; the reference server as the preferred server of a
+// fresh cache.
+class NodeService : public ::testing::Test {
  protected:
   void SetUp() override {
     setAgentRoot(root_.path().c_str());
     root_.makeDirs("var/qsam/cache");
-    startTrace(root_.file("trace.log").c_str());
-    setTraceLevel(3);
+    restartTrace();
     root_.writeFile("etc/kvdagent.ini",
                     "agentid=4711\ndivisionid=-42\ntag=lab\ncustomer=acme\n"
                     "server=127.0.0.1\npath=/\nport=1\n");
     ASSERT_EQ(loadConfigurationFile(root_.file("etc/kvdagent.ini").c_str()), kConfigurationLoaded);
     ASSERT_EQ(initAgentInfo(), kAgentValueOk);
-  }
-  void TearDown() override {
-    if (cacheCreated_) deleteServersCache();
-    clearAgentInfo();
-    deleteConfigurationVariables();
-    setHttpProxy("", 0);
-    stopTrace();
-    setTraceLevel(-1);
-    setAgentRoot("");
-  }
-
-  std::string trace() const { return readFile(root_.file("trace.log")); }
-  bool traced(const std::string& text) const { return trace().find(text) != std::string::npos; }
-
-  test::TempDir root_;
-  bool cacheCreated_ = false;
-};
-
-class NodeService : public AgentFixture {
- protected:
-  void SetUp() override {
-    AgentFixture::SetUp();
     ASSERT_EQ(setAgentCharValue(kAgentIpAddress, "10.0.0.5"), kAgentValueOk);
     ASSERT_EQ(setAgentCharValue(kAgentOsDescription, "Linux 6.1|smp"), kAgentValueOk);
     ASSERT_EQ(setAgentIntValue(kAgentMemoryMiB, 2048), kAgentValueOk);
@@ -97,7 +81,24 @@ class NodeService : public AgentFixture {
     ASSERT_EQ(setAgentCharValue(kAgentHostName, "node|one\r\nx"), kAgentValueOk);
   }
 
-  // Starts the server and makes it the preferred server of a fresh cache.
+  void TearDown() override {
+    if (cacheCreated_) deleteServersCache();
+    clearAgentInfo();
+    deleteConfigurationVariables();
+    setHttpProxy("", 0);
+    stopTrace();
+    setTraceLevel(-1);
+    setAgentRoot("");
+  }
+
+  void restartTrace() {
+    startTrace(root_.file("trace.log").c_str());
+    setTraceLevel(3);
+  }
+  std::string trace() const { return readFile(root_.file("trace.log")); }
+  bool traced(const std::string& text) const { return trace().find(text) != std::string::npos; }
+
+  // Starts the server on `scenario` and makes it the preferred server of a fresh cache.
   void serve(const std::string& scenario) {
     if (cacheCreated_) deleteServersCache();
     cacheCreated_ = false;
@@ -106,24 +107,21 @@ class NodeService : public AgentFixture {
     ASSERT_NE(server_->port(), 0) << "the runtime server did not start";
     remove(root_.file("var/qsam/cache/server.dat").c_str());
     ServerInfo preferred{};
-    strcpy(preferred.address.host, "127.0.0.1");
-    strcpy(preferred.address.path, "/");
-    preferred.address.port = server_->port();
+    preferred.address = address();
     ASSERT_EQ(createServersCache(&preferred), kSrvsOk);
     cacheCreated_ = true;
-    startTrace(root_.file("trace.log").c_str());
-    setTraceLevel(3);
+    restartTrace();
   }
-  ServerAddress address() const {
-    ServerAddress address{};
-    strcpy(address.host, "127.0.0.1");
-    strcpy(address.path, "/");
-    address.port = server_->port();
-    return address;
+  // `serve` with a scenario that needs no plug-in first and `more` members.
+  void serveUnplugged(const std::string& more) {
+    serve(R"({"require_plugin": false)" + (more.empty() ? "" : ", " + more) + "}");
   }
+  ServerAddress address() const { return loopback(server_->port()); }
   void expectConforming() const { EXPECT_EQ(server_->violations(), std::vector<std::string>{}); }
 
-  test::FakeClock clock_{kNow};
+  test::TempDir root_;
+  bool cacheCreated_ = false;
+  test::FakeClock clock_{1700000000};
   std::unique_ptr<RuntimeServerProcess> server_;
 };
 
@@ -149,108 +147,83 @@ TEST_F(NodeService, PlugInSendsItsFieldsAndStoresTheNodeId) {
   expectConforming();
 }
 
-TEST_F(NodeService, PlugInNodeLines) {
-  struct Case {
-    const char* nodeLine;  // JSON value of the scenario's node line
+TEST_F(NodeService, PlugInAnswersSetTheNodeIdAndMapTheResult) {
+  const struct {
+    const char* plugin;  // members of the scenario's plug-in object
     int result;
     int64_t nodeId;  // after the call; 77 before it
     const char* message;
+  } cases[] = {
+      {R"("first_result": 0, "node_id": "abc")", kServiceOk, 77, ""},
+      {R"("first_result": 0, "node_id": "00")", kServiceOk, 0, ""},
+      {R"("first_result": 0, "node_id": "0x12")", kServiceOk, 0, ""},
+      {R"("first_result": 0, "node_id": "905")", kServiceOk, 905, ""},
+      {R"("first_result": 0, "node_id": "12abc")", kServiceMalformedPayload, 77,
+       "ERROR - Bad node_id during conversion: 12abc"},
+      {R"("first_result": 0, "node_id": null)", kServiceOk, 77, ""},
+      {R"("first_result": -1, "node_id": null)", kServiceUnknownAgent, 77,
+       "ERROR - Unknown Agent, service"},
+      {R"("first_result": -2, "node_id": null)", kServiceUnknownDivision, 77,
+       "ERROR - Unknown Division, service"},
+      {R"("first_result": -3, "node_id": null)", kServiceBadNode, 77, "ERROR - Bad node, service"},
+      {R"("first_result": -999, "node_id": null)", kServiceFailed, 77,
+       "WARNING - Server internal error, service"},
   };
-  const Case cases[] = {
-      {R"("abc")", kServiceOk, 77, nullptr},
-      {R"("00")", kServiceOk, 0, nullptr},
-      {R"("0x12")", kServiceOk, 0, nullptr},
-      {R"("905")", kServiceOk, 905, nullptr},
-      {R"("12abc")", kServiceMalformedPayload, 77, "ERROR - Bad node_id during conversion: 12abc"},
-      {"null", kServiceOk, 77, nullptr},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.nodeLine);
-    serve(std::string(R"({"plugin": {"first_result": 0, "node_id": )") + c.nodeLine + "}}");
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.plugin);
+    serve(std::string(R"({"plugin": {)") + c.plugin + "}}");
     ASSERT_EQ(setAgentIntValue(kAgentNodeId, 77), kAgentValueOk);
     ServerAddress server = address();
     EXPECT_EQ(plugIn(&server), c.result);
     int64_t nodeId = -1;
     ASSERT_EQ(getAgentIntValue(kAgentNodeId, &nodeId), kAgentValueOk);
     EXPECT_EQ(nodeId, c.nodeId);
-    if (c.message != nullptr) {
-      EXPECT_TRUE(traced(c.message)) << trace();
-    }
-  }
-}
-
-TEST_F(NodeService, PlugInResultsOfTheServer) {
-  struct Case {
-    int serverResult;
-    int result;
-    const char* message;
-  };
-  const Case cases[] = {
-      {-1, kServiceUnknownAgent, "ERROR - Unknown Agent, service"},
-      {-2, kServiceUnknownDivision, "ERROR - Unknown Division, service"},
-      {-3, kServiceBadNode, "ERROR - Bad node, service"},
-      {-999, kServiceFailed, "WARNING - Server internal error, service"},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.serverResult);
-    serve(R"({"plugin": {"first_result": )" + std::to_string(c.serverResult) + "}}");
-    ServerAddress server = address();
-    EXPECT_EQ(plugIn(&server), c.result);
     EXPECT_TRUE(traced(c.message)) << trace();
   }
 }
 
 TEST_F(NodeService, ParametersFillTheRecord) {
-  serve(R"({"require_plugin": false, "parameters": {"attribute": 7, "scope": 1,
+  serveUnplugged(R"("parameters": {"attribute": 7, "scope": 1,
             "scan_start_ms": 1700000000123, "scan_rule_type": 2, "scan_rule_value": 3,
             "max_delay": 600, "packet_size": 10, "attempts": 4, "time_threshold": 61,
             "delay_factor": 5, "ping_period": 1800, "parameters_period": 3600,
             "catalog_period": 7200, "topology_period": 14400, "upload_min_time": 120,
-            "update_enabled": "YES", "max_update_period": 43200}})");
-  int32_t words[kParameterWords] = {};
-  EXPECT_EQ(downloadParameters(words), kServiceOk);
+            "update_enabled": "YES", "max_update_period": 43200})");
+  std::vector<int32_t> words(kParameterWords);
+  EXPECT_EQ(downloadParameters(words.data()), kServiceOk);
   // 1700000000123 is 0x18B'CFE5687B: low half first.
-  const int32_t expected[kParameterWords] = {7,     1,    static_cast<int32_t>(0xCFE5687Bu),
-                                             0x18B, 2,    3,
-                                             600,   10,   4,
-                                             61,    5,    1800,
-                                             3600,  7200, 14400,
-                                             120,   1,    43200};
-  for (int i = 0; i < kParameterWords; ++i) EXPECT_EQ(words[i], expected[i]) << "word " << i;
+  EXPECT_EQ(words, (std::vector<int32_t>{7, 1, static_cast<int32_t>(0xCFE5687Bu), 0x18B, 2, 3, 600,
+                                         10, 4, 61, 5, 1800, 3600, 7200, 14400, 120, 1, 43200}));
   EXPECT_EQ(server_->lastRequestBody("8"), kTime + "1.0\r\n4711\r\n-42\r\n" + kTerminator);
   EXPECT_TRUE(traced("SRVCS - Parameters from server: 127.0.0.1"));
   expectConforming();
 }
 
 TEST_F(NodeService, ParameterPayloadErrors) {
+  // The payload as JSON string text: four lines, `fifth`, ten lines, `update`, one line.
   auto lines = [](const std::string& fifth, const std::string& update) {
-    std::string payload = "0\r\n2\r\n0\r\n0\r\n" + fifth + "\r\n";
-    for (int i = 6; i <= 15; ++i) payload += "1\r\n";
-    return payload + update + "\r\n86400\r\n";
+    std::string payload = R"(0\r\n2\r\n0\r\n0\r\n)" + fifth + R"(\r\n)";
+    for (int i = 6; i <= 15; ++i) payload += R"(1\r\n)";
+    return payload + update + R"(\r\n86400\r\n)";
   };
-  struct Case {
+  const struct {
     std::string payload;
     int result;
     const char* message;
-  };
-  const Case cases[] = {
-      {lines("1", "No"), kServiceOk, nullptr},
+  } cases[] = {
+      {lines("1", "No"), kServiceOk, ""},
       {lines("1", "maybe"), kServiceMalformedPayload, "ERROR - Bad update enable string 'maybe'"},
       {lines("x1", "no"), kServiceMalformedPayload, "ERROR - Bad number in content: x1, number 0"},
-      {lines("0", "no"), kServiceOk, nullptr},
-      {"0\r\n2\r\n0\r\n", kServiceFailed, nullptr},  // lines missing before the trailer
-      {"", kServiceOk, nullptr},                     // no parameters: the record stays as it was
+      {lines("0", "no"), kServiceOk, ""},
+      {R"(0\r\n2\r\n0\r\n)", kServiceFailed, ""},  // lines missing before the trailer
+      {"", kServiceOk, ""},                        // no parameters: the record stays as it was
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.payload);
-    serve(R"({"require_plugin": false, "services": {"8": {"payload": ")" + jsonText(c.payload) +
-          "\"}}}");
-    int32_t words[kParameterWords];
-    for (int32_t& word : words) word = -9;
-    EXPECT_EQ(downloadParameters(words), c.result);
-    if (c.message != nullptr) {
-      EXPECT_TRUE(traced(c.message)) << trace();
-    }
+    serveUnplugged(R"("services": {"8": {"payload": ")" + c.payload + "\"}}");
+    std::vector<int32_t> words(kParameterWords, -9);
+    EXPECT_EQ(downloadParameters(words.data()), c.result);
+    EXPECT_TRUE(traced(c.message)) << trace();
     if (c.payload.empty()) {
       EXPECT_EQ(words[0], -9);
     }
@@ -280,131 +253,94 @@ TEST_F(NodeService, PingNeedsAnAnswerOfThisProtocol) {
 }
 
 TEST_F(NodeService, TopologyListsDivisionThenEnterpriseServers) {
-  serve(R"({"require_plugin": false, "topology": {
-            "division": ["h1|/p|8080", ["127.0.0.1", "/", "self"]],
-            "enterprise": [{"host": "e1", "path": "/e", "port": 80}]}})");
+  serveUnplugged(R"("topology": {"division": ["h1|/p|8080", ["127.0.0.1", "/", "self"]],
+                                 "enterprise": [{"host": "e1", "path": "/e", "port": 80}]})");
   SlmList* servers = createList(sizeof(ServerAddress));
   ASSERT_NE(servers, nullptr);
   EXPECT_EQ(downloadTopology(servers), kServiceOk);
-  struct Expected {
-    const char* host;
-    const char* path;
-    uint16_t port;
-  };
-  const Expected expected[] = {
-      {"h1", "/p", 8080}, {"127.0.0.1", "/", server_->port()}, {"e1", "/e", 80}};
-  ASSERT_EQ(entries(servers), 3);
-  void* entry = nullptr;
-  for (const Expected& e : expected) {
-    entry = getNext(servers, entry);
-    ServerAddress address;
-    memcpy(&address, entry, sizeof address);
-    EXPECT_STREQ(address.host, e.host);
-    EXPECT_STREQ(address.path, e.path);
-    EXPECT_EQ(address.port, e.port);
-  }
-  deleteList(servers);
+  EXPECT_EQ(listed(servers),
+            (std::vector<std::string>{
+                "h1|/p|8080", "127.0.0.1|/|" + std::to_string(server_->port()), "e1|/e|80"}));
   EXPECT_EQ(server_->lastRequestBody("11"), kTime + "1.0\r\n4711\r\n-42\r\n" + kTerminator);
   expectConforming();
 }
 
 TEST_F(NodeService, TopologyPayloadErrors) {
-  struct Case {
-    const char* payload;
+  const std::string none = R"(<division>\r\n</division>\r\n)";
+  const std::string noEnterprise = R"(<enterprise>\r\n</enterprise>\r\n)";
+  const struct {
+    std::string services;  // the scenario's answer to the topology service
     int result;
     const char* message;
-  };
-  const Case cases[] = {
-      {R"(<division>\r\nh1|/p|0\r\n</division>\r\n<enterprise>\r\n</enterprise>\r\n)",
+  } cases[] = {
+      {R"("payload": "<division>\r\nh1|/p|0\r\n</division>\r\n)" + noEnterprise + "\"",
        kServiceMalformedPayload, "ERROR - Null server port, string 0"},
-      {R"(<division>\r\nh1|/p\r\n</division>\r\n<enterprise>\r\n</enterprise>\r\n)",
+      {R"("payload": "<division>\r\nh1|/p\r\n</division>\r\n)" + noEnterprise + "\"",
        kServiceMalformedPayload, "ERROR - No name-path separator found, string /p"},
-      {R"(<division>\r\nh1|/p|8080</division>\r\n<enterprise>\r\n</enterprise>\r\n)",
+      {R"("payload": "<division>\r\nh1|/p|8080</division>\r\n)" + noEnterprise + "\"",
        kServiceMalformedPayload, "ERROR - No path-port separator found, string 8080"},
-      {R"(<division>\r\n</division>\r\n<enterprise>\r\ne1|/e|0\r\n</enterprise>\r\n)",
+      {R"("payload": ")" + none + R"(<enterprise>\r\ne1|/e|0\r\n</enterprise>\r\n")",
        kServiceMalformedPayload, "ERROR - Null server port, string 0"},
-      {"", kServiceFailed, "ERROR - Not begin divion servers found, string "},
-      {R"(<division>\r\n</division>\r\n)", kServiceFailed,
+      {R"("payload": "")", kServiceFailed, "ERROR - Not begin divion servers found, string "},
+      {R"("payload": ")" + none + "\"", kServiceFailed,
        "ERROR - Not enterprise begin found, string %"},
-      {R"(<division>\r\n</division>\r\n<enterprise>\r\n</enterprise>\r\n)", kServiceOk, nullptr},
+      {R"("payload": ")" + none + noEnterprise + "\"", kServiceOk, ""},
+      {R"("result": -2)", kServiceUnknownDivision, "ERROR - Unknown Division, service"},
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.payload);
-    serve(std::string(R"({"require_plugin": false, "services": {"11": {"payload": ")") + c.payload +
-          "\"}}}");
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.services);
+    serveUnplugged(R"("services": {"11": {)" + c.services + "}}");
     SlmList* servers = createList(sizeof(ServerAddress));
     EXPECT_EQ(downloadTopology(servers), c.result);
-    if (c.message != nullptr) {
-      EXPECT_TRUE(traced(c.message)) << trace();
-    }
+    EXPECT_TRUE(traced(c.message)) << trace();
     deleteList(servers);
   }
-
-  serve(R"({"require_plugin": false, "services": {"11": {"result": -2}}})");
-  SlmList* servers = createList(sizeof(ServerAddress));
-  EXPECT_EQ(downloadTopology(servers), kServiceUnknownDivision);
-  EXPECT_TRUE(traced("ERROR - Unknown Division, service"));
-  deleteList(servers);
 }
 
 TEST_F(NodeService, NewAgentGivesCommandAndFiles) {
-  serve(R"({"require_plugin": false, "new_agent": {"command": "/var/qsam/tmp/install.sh -q",
-            "files": ["/pkg/kvdagent", "/pkg/install.sh"]}})");
+  serveUnplugged(R"("new_agent": {"command": "/var/qsam/tmp/install.sh -q",
+                                  "files": ["/pkg/kvdagent", "/pkg/install.sh"]})");
   char command[64] = "current";
   SlmList* files = createList(sizeof(ServerAddress));
   EXPECT_EQ(downloadNewAgent(command, sizeof command, files), kServiceOk);
   EXPECT_STREQ(command, "/var/qsam/tmp/install.sh -q");
-  ASSERT_EQ(entries(files), 2);
-  const char* paths[] = {"/pkg/kvdagent", "/pkg/install.sh"};
-  void* entry = nullptr;
-  for (const char* path : paths) {
-    entry = getNext(files, entry);
-    ServerAddress address;
-    memcpy(&address, entry, sizeof address);
-    EXPECT_STREQ(address.host, "127.0.0.1");
-    EXPECT_STREQ(address.path, path);
-    EXPECT_EQ(address.port, server_->port());
-  }
-  deleteList(files);
+  std::string port = std::to_string(server_->port());
+  EXPECT_EQ(listed(files), (std::vector<std::string>{"127.0.0.1|/pkg/kvdagent|" + port,
+                                                     "127.0.0.1|/pkg/install.sh|" + port}));
 
   char machine[256], systemName[256], release[256];
   ASSERT_EQ(getSystemEnvironment(machine, systemName, release, 256), kOsInfoSuccess);
-  EXPECT_EQ(server_->lastRequestBody("12"),
-            kTime + "1.0\r\n4711\r\n1.1.1.51\r\n" + systemName + "\r\n" + release + "\r\n" +
-                machine + "\r\n-42\r\nLAB\r\n127.0.0.1\r\n" + std::to_string(server_->port()) +
-                "\r\n/\r\nacme\r\ncurrent\r\n" + kTerminator);
+  EXPECT_EQ(server_->lastRequestBody("12"), kTime + "1.0\r\n4711\r\n1.1.1.51\r\n" + systemName +
+                                                "\r\n" + release + "\r\n" + machine +
+                                                "\r\n-42\r\nLAB\r\n127.0.0.1\r\n" + port +
+                                                "\r\n/\r\nacme\r\ncurrent\r\n" + kTerminator);
   expectConforming();
 }
 
 TEST_F(NodeService, NewAgentAnswers) {
-  struct Case {
-    std::string scenario;
+  const struct {
+    const char* services;  // the scenario's answer to the new agent service
     size_t commandSize;
     int result;
     const char* command;
     const char* message;
-  };
-  const Case cases[] = {
-      {"{}", 64, kServiceNoNewerAgent, "keep", "SRVCS - No Update Agent data"},
-      {R"({"services": {"12": {"payload": "run.sh\r\n", "result": 0}}})", 64,
-       kServiceMalformedPayload, "run.sh", "ERROR - No download files found in list"},
-      {R"({"services": {"12": {"payload": "/var/qsam/run.sh\r\n/f\r\n", "result": 0}}})", 8,
-       kServiceOk, "/var/qs", nullptr},
-      {R"({"services": {"12": {"result": -6}}})", 64, kServiceFailed, "keep",
+  } cases[] = {
+      {"", 64, kServiceNoNewerAgent, "keep", "SRVCS - No Update Agent data"},
+      {R"("payload": "run.sh\r\n", "result": 0)", 64, kServiceMalformedPayload, "run.sh",
+       "ERROR - No download files found in list"},
+      {R"("payload": "/var/qsam/run.sh\r\n/f\r\n", "result": 0)", 8, kServiceOk, "/var/qs", ""},
+      {R"("result": -6)", 64, kServiceFailed, "keep",
        "ERROR - No Agent for this system available, service"},
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.scenario);
-    std::string scenario = c.scenario;
-    scenario.insert(1, R"("require_plugin": false)" + std::string(scenario.size() > 2 ? ", " : ""));
-    serve(scenario);
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.services);
+    serveUnplugged(
+        c.services[0] == '\0' ? "" : R"("services": {"12": {)" + std::string(c.services) + "}}");
     char command[64] = "keep";
     SlmList* files = createList(sizeof(ServerAddress));
     EXPECT_EQ(downloadNewAgent(command, c.commandSize, files), c.result);
     EXPECT_STREQ(command, c.command);
-    if (c.message != nullptr) {
-      EXPECT_TRUE(traced(c.message)) << trace();
-    }
+    EXPECT_TRUE(traced(c.message)) << trace();
     deleteList(files);
   }
 }
@@ -422,73 +358,63 @@ TEST_F(NodeService, ServicesWithoutAPreferredServerFail) {
   EXPECT_EQ(server_->lastRequest("8"), "");
 }
 
-// Builds a resolver answer from texts.
+std::vector<std::string> splitAtBars(const std::string& text) {
+  std::vector<std::string> parts;
+  size_t start = 0;
+  for (size_t bar; !text.empty() && (bar = text.find('|', start)) != std::string::npos;
+       start = bar + 1) {
+    parts.push_back(text.substr(start, bar - start));
+  }
+  if (!text.empty()) parts.push_back(text.substr(start));
+  return parts;
+}
+
+// A resolver answer built from texts; the aliases and addresses are separated by "|".
 class HostEntry {
  public:
-  HostEntry(const char* name, std::vector<const char*> aliases,
-            const std::vector<const char*>& addresses)
-      : name_(name), aliases_(std::move(aliases)) {
-    for (const char* text : addresses) {
-      in_addr address{};
-      inet_aton(text, &address);
-      addresses_.push_back(address);
+  HostEntry(std::string name, const std::string& aliases, const std::string& addresses)
+      : name_(std::move(name)), aliases_(splitAtBars(aliases)) {
+    for (const std::string& text : splitAtBars(addresses)) {
+      addresses_.emplace_back();
+      inet_aton(text.c_str(), &addresses_.back());
     }
-    for (in_addr& address : addresses_)
-      addressPointers_.push_back(reinterpret_cast<char*>(&address));
-    addressPointers_.push_back(nullptr);
-    for (const char* alias : aliases_) aliasPointers_.push_back(const_cast<char*>(alias));
-    aliasPointers_.push_back(nullptr);
-    entry_.h_name = const_cast<char*>(name_);
-    entry_.h_aliases = aliasPointers_.data();
-    entry_.h_addrtype = AF_INET;
-    entry_.h_length = sizeof(in_addr);
-    entry_.h_addr_list = addressPointers_.data();
+    for (in_addr& address : addresses_) addressList_.push_back(reinterpret_cast<char*>(&address));
+    for (std::string& alias : aliases_) aliasList_.push_back(alias.data());
+    addressList_.push_back(nullptr);
+    aliasList_.push_back(nullptr);
+    entry_ = {name_.data(), aliasList_.data(), AF_INET, sizeof(in_addr), addressList_.data()};
   }
   const hostent& get() const { return entry_; }
 
  private:
-  const char* name_;
-  std::vector<const char*> aliases_;
+  std::string name_;
+  std::vector<std::string> aliases_;
   std::vector<in_addr> addresses_;
-  std::vector<char*> addressPointers_;
-  std::vector<char*> aliasPointers_;
+  std::vector<char*> addressList_, aliasList_;
   hostent entry_{};
 };
 
-class CommInit : public AgentFixture {};
+class CommInit : public NodeService {};
 
 TEST_F(CommInit, ChoosesAddressAndPlugInName) {
-  struct Case {
+  const struct {
     const char* name;
-    std::vector<const char*> aliases;
-    std::vector<const char*> addresses;
+    const char* aliases;
+    const char* addresses;
     const char* ip;
     const char* plugInName;
     const char* message;
-  };
-  const Case cases[] = {
-      {"box.example",
-       {},
-       {"127.0.0.2", "10.0.0.5"},
-       "10.0.0.5",
-       "box.example",
+  } cases[] = {
+      {"box.example", "", "127.0.0.2|10.0.0.5", "10.0.0.5", "box.example",
        "DEBUG - Use box.example name to plug-in"},
-      {"", {"", "alias1"}, {"127.0.1.1"}, "127.0.1.1", "alias1", "DEBUG - Use alias1 alias to"},
-      {"",
-       {},
-       {"127.0.0.2", "127.0.1.1"},
-       "127.0.1.1",
-       "myhost",
+      {"", "|alias1", "127.0.1.1", "127.0.1.1", "alias1", "DEBUG - Use alias1 alias to"},
+      {"", "", "127.0.0.2|127.0.1.1", "127.0.1.1", "myhost",
        "DEBUG - use the gethostname value myhost to plug-in"},
-      {"", {}, {}, "127.0.0.1", "myhost", "DEBUG - No address found use a dummy name 127.0.0.1"},
-      {"",
-       {""},
-       {"127.0.0.3", "10.1.2.3", "192.168.0.1"},
-       "10.1.2.3",
-       "10.1.2.3",
+      {"", "", "", "127.0.0.1", "myhost", "DEBUG - No address found use a dummy name 127.0.0.1"},
+      {"", "|", "127.0.0.3|10.1.2.3|192.168.0.1", "10.1.2.3", "10.1.2.3",
        "DEBUG - Use 10.1.2.3 ip address to plug-in"},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.ip);
     HostEntry entry(c.name, c.aliases, c.addresses);
     PlugInIdentity identity{};
@@ -506,10 +432,10 @@ TEST_F(CommInit, StoresTheIdentityAndUsesTheProxy) {
   ASSERT_EQ(setAgentCharValue(kAgentHostName, "10.0.0.5"), kAgentValueOk);
   ASSERT_EQ(initCommunication(), kCommOk);
   char value[kAgentTextSize];
-  ASSERT_EQ(getAgentCharValue(kAgentIpAddress, value, sizeof value), kAgentValueOk);
-  EXPECT_STREQ(value, "10.0.0.5");
-  ASSERT_EQ(getAgentCharValue(kAgentHostName, value, sizeof value), kAgentValueOk);
-  EXPECT_STREQ(value, "10.0.0.5");
+  for (int id : {kAgentIpAddress, kAgentHostName}) {
+    ASSERT_EQ(getAgentCharValue(id, value, sizeof value), kAgentValueOk);
+    EXPECT_STREQ(value, "10.0.0.5") << id;
+  }
   EXPECT_TRUE(traced("OK - Init Communication"));
   EXPECT_EQ(default_time_out, kDefaultServiceTimeoutSeconds);
 
@@ -521,10 +447,8 @@ TEST_F(CommInit, StoresTheIdentityAndUsesTheProxy) {
   ASSERT_EQ(setAgentCharValue(kAgentProxyHost, "127.0.0.1"), kAgentValueOk);
   ASSERT_EQ(setAgentIntValue(kAgentProxyPort, proxy.port()), kAgentValueOk);
   ASSERT_EQ(initCommunication(), kCommOk);
-  ServerAddress server{};
+  ServerAddress server = loopback(8080);
   strcpy(server.host, "rt.invalid");
-  strcpy(server.path, "/");
-  server.port = 8080;
   EXPECT_EQ(pingRTServer(&server), kPingAnswered);
   EXPECT_EQ(proxy.lastRequest("1").rfind("POST http://rt.invalid:8080/ HTTP/1.0\r\n", 0), 0u)
       << proxy.lastRequest("1");

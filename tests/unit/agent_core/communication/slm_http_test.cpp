@@ -1,9 +1,6 @@
 #include "agent_core/communication/slm_http.h"
 
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <cstring>
 #include <memory>
@@ -21,10 +18,13 @@ using test::LoopbackServer;
 using HandlePtr = std::unique_ptr<HttpHandle, decltype(&freeHttpHandle)>;
 
 constexpr const char* kSource = "File: agent/agent_core/communication/slm_http.cpp";
+const TokenDesc kCrlf = makeTokenDesc("\r\n", 2);
+const TokenDesc kBar = makeTokenDesc("|", 1);
 
-LoopbackScript replyWith(std::string reply) {
+LoopbackScript replyWith(std::string reply, bool closeAfter = true) {
   LoopbackScript script;
   script.replies = {std::move(reply)};
+  script.closeAfterReplies = closeAfter;
   return script;
 }
 
@@ -32,14 +32,10 @@ std::string okAnswer(const std::string& body) {
   return "HTTP/1.0 200 OK\r\nContent-Length:" + std::to_string(body.size()) + "\r\n\r\n" + body;
 }
 
-std::string headOf(const std::string& request) {
-  size_t end = request.find("\r\n\r\n");
-  return end == std::string::npos ? request : request.substr(0, end + 4);
-}
-
-std::string bodyOf(const std::string& request) {
-  size_t end = request.find("\r\n\r\n");
-  return end == std::string::npos ? "" : request.substr(end + 4);
+// The head of a request, blank line included, or its body.
+std::string partOf(const std::string& request, bool head) {
+  size_t end = request.find("\r\n\r\n") + 4;
+  return head ? request.substr(0, end) : request.substr(end);
 }
 
 std::string customValue(const HttpHandle* handle, const char* name) {
@@ -71,10 +67,9 @@ class HttpClient : public ::testing::Test {
   }
   std::string trace() const { return test::readFile(tracePath_); }
 
-  static HandlePtr open(const LoopbackServer& server, int method = kHttpPost,
-                        const char* host = "127.0.0.1", int timeoutSeconds = 5, int flags = 0) {
+  static HandlePtr open(const LoopbackServer& server, int method = kHttpPost, int timeout = 5) {
     return HandlePtr(
-        newHttpHandle(method, "/x", "HTTP/1.0", host, server.port(), timeoutSeconds, flags),
+        newHttpHandle(method, "/x", "HTTP/1.0", "127.0.0.1", server.port(), timeout, 0),
         freeHttpHandle);
   }
 
@@ -90,7 +85,6 @@ TEST_F(HttpClient, SendsAServiceRequestHeadByteForByte) {
   ASSERT_NE(handle, nullptr);
   ASSERT_EQ(putHeader(handle.get(), kHeaderService, "3"), 1);
   const std::string body = "0123456789abcdefghijklmnopqrstuvwxyzABCD\r\n";
-  ASSERT_EQ(body.size(), 42u);
   ASSERT_EQ(sendContent(handle.get(), body.data(), 20), 1);
   ASSERT_EQ(sendContent(handle.get(), body.data() + 20, 22), 1);
   EXPECT_EQ(getAnswer(handle.get()), 1);
@@ -115,27 +109,25 @@ TEST_F(HttpClient, SendsAServiceRequestHeadByteForByte) {
 }
 
 TEST_F(HttpClient, ProxyRequestLineNamesTheServerAndItsPortUnless80) {
-  struct Case {
-    uint16_t serverPort;
+  const struct {
+    uint16_t serverPort;  // 0: the loopback peer's own port
     int flags;
     const char* start;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {80, 0, "POST http://h/x HTTP/1.0\r\nHost:h\r\nConnection:close\r\n"},
       {8080, 0, "POST http://h:8080/x HTTP/1.0\r\nHost:h\r\nConnection:close\r\n"},
       // Told to bypass the proxy, the handle connects to the server itself.
       {0, kHttpNoProxy, "POST /x HTTP/1.0\r\nHost:127.0.0.1\r\nConnection:close\r\n"},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     LoopbackServer server(replyWith(okAnswer("")));
-    setHttpProxy(c.flags == 0 ? "127.0.0.1" : "no-such-proxy.invalid",
-                 c.flags == 0 ? server.port() : 3128);
-    uint16_t port = c.serverPort != 0 ? c.serverPort : server.port();
-    HandlePtr handle(newHttpHandle(kHttpPost, "/x", "HTTP/1.0", c.flags == 0 ? "h" : "127.0.0.1",
-                                   port, 5, c.flags),
+    bool proxied = c.flags == 0;
+    setHttpProxy(proxied ? "127.0.0.1" : "no-such-proxy.invalid", proxied ? server.port() : 3128);
+    HandlePtr handle(newHttpHandle(kHttpPost, "/x", "HTTP/1.0", proxied ? "h" : "127.0.0.1",
+                                   proxied ? c.serverPort : server.port(), 5, c.flags),
                      freeHttpHandle);
     ASSERT_NE(handle, nullptr) << c.start;
-    EXPECT_EQ(handle->proxy, c.flags == 0 ? 1 : 0);
+    EXPECT_EQ(handle->proxy, proxied ? 1 : 0);
     ASSERT_EQ(sendContent(handle.get(), "x", 1), 1);
     EXPECT_EQ(getAnswer(handle.get()), 1);
     EXPECT_EQ(server.request().rfind(c.start, 0), 0u) << server.request();
@@ -181,14 +173,15 @@ TEST_F(HttpClient, HeaderValuesDefaultsSuppressionAndCustomHeadersOnTheWire) {
             "\r\n");
   std::string log = trace();
   EXPECT_NE(log.find(kSource), std::string::npos) << log;
-  EXPECT_NE(log.find("  NET - No enconding set\n"), std::string::npos) << log;
-  EXPECT_NE(log.find("  ERROR - Encoding UTF-16 not valid\n"), std::string::npos) << log;
-  EXPECT_NE(log.find("  ERROR - Header number 15 not valid\n"), std::string::npos) << log;
-  EXPECT_NE(log.find("  ERROR - Header number -1 not valid\n"), std::string::npos) << log;
+  for (const char* message :
+       {"  NET - No enconding set\n", "  ERROR - Encoding UTF-16 not valid\n",
+        "  ERROR - Header number 15 not valid\n", "  ERROR - Header number -1 not valid\n"}) {
+    EXPECT_NE(log.find(message), std::string::npos) << log;
+  }
 }
 
 TEST_F(HttpClient, RequestBodiesLargerThanOneBufferGoOutWhole) {
-  for (size_t size : {4095u, 4096u, 8192u, 10000u}) {
+  for (size_t size : {4095u, 4096u, 10000u}) {
     std::string body(size, 'q');
     body.back() = 'e';
     LoopbackServer server(replyWith(okAnswer("")));
@@ -197,10 +190,10 @@ TEST_F(HttpClient, RequestBodiesLargerThanOneBufferGoOutWhole) {
     ASSERT_EQ(sendContent(handle.get(), body.data(), static_cast<int>(body.size())), 1);
     EXPECT_EQ(getAnswer(handle.get()), 1) << size;
     std::string request = server.request();
-    EXPECT_NE(headOf(request).find("\r\nContent-Length:" + std::to_string(size) + "\r\n"),
+    EXPECT_NE(partOf(request, true).find("\r\nContent-Length:" + std::to_string(size) + "\r\n"),
               std::string::npos)
         << size;
-    EXPECT_EQ(bodyOf(request), body) << size;
+    EXPECT_EQ(partOf(request, false), body) << size;
   }
 }
 
@@ -228,33 +221,36 @@ TEST_F(HttpClient, ParsesAnAnswerSplitAtEveryOffset) {
   EXPECT_EQ(trace(), "");
 }
 
-TEST_F(HttpClient, StatusLinesOtherThanHttp1TwoHundredAreRefused) {
-  struct Case {
-    const char* statusLine;
+TEST_F(HttpClient, AcceptsOnlyWholeHttp1TwoHundredHeads) {
+  const struct {
+    const char* reply;
+    bool closeAfter;  // false: the peer falls silent and the read times out
     int result;
-    const char* message;  // empty: no message
+    const char* message;  // empty: no message at all
+  } cases[] = {
+      {"HTTP/1.1 200 OK\r\nServer: s\r\n\r\n", true, 1, ""},
+      {"HTTP/1.0 204 No Content\r\n\r\n", true, 1, ""},
+      {"HTTP/2 200 OK\r\n\r\n", true, 0, "ERROR - Http version HTTP/2 not supported"},
+      {"HTTP/1.0 100 Continue\r\n\r\n", true, 0, "ERROR - Http response 100 not managed"},
+      {"HTTP/1.0 302 Found\r\n\r\n", true, 0, "ERROR - Http response 302 not managed"},
+      {"HTTP/1.0 503 Busy\r\n\r\n", true, 0, "ERROR - Http response 503 not managed"},
+      {"HTTP/1.0 600 X\r\n\r\n", true, 0, ""},
+      {"HTTP/1.0 200\r\n\r\n", true, 0, ""},  // the status must end at a blank
+      {"HTTP/1.0\r\n\r\n", true, 0, ""},
+      {"HTTP/1.0 200 OK\r\nServer: x\r\n", false, 0, ""},
+      {"HTTP/1.0 200 OK\r\nServer: x\r\n", true, 0, ""},
+      {"", true, 0, ""},
+      {"HTTP/1.0 200 OK\r\nNoColon\r\n\r\n", true, 0, ""},
   };
-  const Case cases[] = {
-      {"HTTP/1.1 200 OK", 1, ""},
-      {"HTTP/1.0 204 No Content", 1, ""},
-      {"HTTP/2 200 OK", 0, "ERROR - Http version HTTP/2 not supported"},
-      {"HTTP/1.0 100 Continue", 0, "ERROR - Http response 100 not managed"},
-      {"HTTP/1.0 302 Found", 0, "ERROR - Http response 302 not managed"},
-      {"HTTP/1.0 404 Not Found", 0, "ERROR - Http response 404 not managed"},
-      {"HTTP/1.0 503 Busy", 0, "ERROR - Http response 503 not managed"},
-      {"HTTP/1.0 600 X", 0, ""},
-      {"HTTP/1.0 200", 0, ""},  // the status must end at a blank
-      {"HTTP/1.0\r\n", 0, ""},
-  };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     restartTrace();
-    LoopbackServer server(replyWith(std::string(c.statusLine) + "\r\nServer: s\r\n\r\n"));
-    HandlePtr handle = open(server);
+    LoopbackServer server(replyWith(c.reply, c.closeAfter));
+    HandlePtr handle = open(server, kHttpPost, 1);
     ASSERT_NE(handle, nullptr);
-    EXPECT_EQ(getAnswer(handle.get()), c.result) << c.statusLine;
+    EXPECT_EQ(getAnswer(handle.get()), c.result) << c.reply;
     std::string log = trace();
     if (c.message[0] == '\0') {
-      EXPECT_EQ(log, "") << c.statusLine;
+      EXPECT_EQ(log, "") << c.reply;
     } else {
       EXPECT_NE(log.find(std::string("  ") + c.message + "\n"), std::string::npos) << log;
       EXPECT_NE(log.find(kSource), std::string::npos) << log;
@@ -269,9 +265,7 @@ TEST_F(HttpClient, ResponseHeadersFillTheTableAndFiveCustomSlots) {
       longValue + "\r\nX-F: 6\r\n\r\n"));
   HandlePtr handle = open(server);
   ASSERT_NE(handle, nullptr);
-  CustomHeader sent{};
-  strcpy(sent.name, "X-Sent");
-  strcpy(sent.value, "request only");
+  CustomHeader sent{"X-Sent", "request only"};
   ASSERT_EQ(putCustomHearder(handle.get(), &sent), 1);
   ASSERT_EQ(putHeader(handle.get(), kHeaderService, "3"), 1);
   ASSERT_EQ(getAnswer(handle.get()), 1);
@@ -286,7 +280,7 @@ TEST_F(HttpClient, ResponseHeadersFillTheTableAndFiveCustomSlots) {
   EXPECT_STREQ(handle->custom[0]->value, " bar");
   EXPECT_EQ(customValue(handle.get(), "X-B"), "2");
   EXPECT_EQ(customValue(handle.get(), "X-Long"), " " + longValue.substr(0, 62));
-  EXPECT_EQ(customValue(handle.get(), "X-F"), "<absent>");
+  EXPECT_EQ(customValue(handle.get(), "X-F"), "<absent>");  // the sixth is dropped
   EXPECT_EQ(customValue(handle.get(), "x-foo"), "<absent>");
 
   EXPECT_EQ(headerValue(handle.get(), kHeaderCount), "");  // 15 names no header
@@ -296,35 +290,24 @@ TEST_F(HttpClient, ResponseHeadersFillTheTableAndFiveCustomSlots) {
 
 TEST_F(HttpClient, BodyBufferIsSizedFromContentLength) {
   const std::string body = std::string(5000, 'a') + "|tail\r\n";
-  struct Case {
-    const char* lengthHeader;
-    int capacity;
-    int result;
-  };
-  const Case cases[] = {
-      {"Content-Length", 5007, kTokenFoundB},
-      // Not the known name: the buffer stays small and cannot hold the token.
-      {"content-length", 4096, kStreamNoDelimiter},
-  };
-  const TokenDesc crlf = makeTokenDesc("\r\n", 2);
-  const TokenDesc bar = makeTokenDesc("|", 1);
-  for (const Case& c : cases) {
-    LoopbackServer server(replyWith(std::string("HTTP/1.0 200 OK\r\n") + c.lengthHeader + ":" +
+  for (const char* name : {"Content-Length", "content-length"}) {
+    LoopbackServer server(replyWith(std::string("HTTP/1.0 200 OK\r\n") + name + ":" +
                                     std::to_string(body.size()) + "\r\n\r\n" + body));
     HandlePtr handle = open(server);
     ASSERT_NE(handle, nullptr);
     ASSERT_EQ(getAnswer(handle.get()), 1);
-    EXPECT_EQ(handle->bodyStream->capacity, c.capacity) << c.lengthHeader;
     std::string area(8192, 'Z');
     TokenBuffer token{area.data(), 0, 8192};
-    EXPECT_EQ(getContentToken(handle.get(), &crlf, &bar, &token, kTokenConsume), c.result);
-    if (c.result != kTokenFoundB) continue;
-    EXPECT_EQ(token.length, 5000);
+    int result = getContentToken(handle.get(), &kCrlf, &kBar, &token, kTokenConsume);
+    if (name[0] == 'c') {
+      // Not the known name: the buffer stays small and cannot hold the token.
+      EXPECT_EQ(handle->bodyStream->capacity, 4096);
+      EXPECT_EQ(result, kStreamNoDelimiter);
+      continue;
+    }
+    EXPECT_EQ(handle->bodyStream->capacity, 5007);
+    ASSERT_EQ(result, kTokenFoundB);
     EXPECT_EQ(area.substr(0, 5001), std::string(5000, 'a') + '\0');
-    char tail[5];
-    TokenBuffer small{tail, 0, 5};
-    EXPECT_EQ(getContentToken(handle.get(), &crlf, &bar, &small, kTokenConsume), kTokenFoundA);
-    EXPECT_STREQ(tail, "tail");
   }
 }
 
@@ -333,49 +316,23 @@ TEST_F(HttpClient, ContentTokenIsTerminatedInsideItsArea) {
   HandlePtr handle = open(server);
   ASSERT_NE(handle, nullptr);
   ASSERT_EQ(getAnswer(handle.get()), 1);
-  const TokenDesc crlf = makeTokenDesc("\r\n", 2);
-  const TokenDesc bar = makeTokenDesc("|", 1);
   char area[8];
   TokenBuffer token{area, 0, 8};
   // A token that fills its area loses its last byte to the terminator.
-  EXPECT_EQ(getContentToken(handle.get(), &crlf, &bar, &token, kTokenConsume), kTokenFoundB);
+  EXPECT_EQ(getContentToken(handle.get(), &kCrlf, &kBar, &token, kTokenConsume), kTokenFoundB);
   EXPECT_EQ(token.length, 8);
   EXPECT_STREQ(area, "abcdefg");
-  EXPECT_EQ(getContentToken(handle.get(), &crlf, &bar, &token, kTokenConsume), kTokenFoundA);
+  EXPECT_EQ(getContentToken(handle.get(), &kCrlf, &kBar, &token, kTokenConsume), kTokenFoundA);
   EXPECT_EQ(token.length, 0);
-  EXPECT_EQ(getContentToken(handle.get(), &crlf, &bar, &token, kTokenPeek), kTokenFoundB);
+  EXPECT_EQ(getContentToken(handle.get(), &kCrlf, &kBar, &token, kTokenPeek), kTokenFoundB);
   EXPECT_STREQ(area, "xy");
-  EXPECT_EQ(getContentToken(handle.get(), &crlf, &bar, &token, kTokenConsume), kTokenFoundB);
+  EXPECT_EQ(getContentToken(handle.get(), &kCrlf, &kBar, &token, kTokenConsume), kTokenFoundB);
   EXPECT_STREQ(area, "xy");
-}
-
-TEST_F(HttpClient, IncompleteHeadsFailWithoutAMessage) {
-  struct Case {
-    const char* reply;
-    bool closeAfter;
-  };
-  const Case cases[] = {
-      {"HTTP/1.0 200 OK\r\nServer: x\r\n", false},  // read time-out
-      {"HTTP/1.0 200 OK\r\nServer: x\r\n", true},   // peer closed
-      {"", true},
-      {"HTTP/1.0 200 OK\r\nNoColon\r\n\r\n", true},
-  };
-  for (const Case& c : cases) {
-    LoopbackScript script = replyWith(c.reply);
-    script.closeAfterReplies = c.closeAfter;
-    LoopbackServer server(script);
-    HandlePtr handle = open(server, kHttpPost, "127.0.0.1", 1);
-    ASSERT_NE(handle, nullptr);
-    EXPECT_EQ(getAnswer(handle.get()), 0) << c.reply;
-  }
-  EXPECT_EQ(trace(), "");
 }
 
 TEST_F(HttpClient, ContentChunkDistinguishesTimeOutFromClose) {
-  LoopbackScript script = replyWith("HTTP/1.0 200 OK\r\nContent-Length:10\r\n\r\nhello");
-  script.closeAfterReplies = false;
-  LoopbackServer server(script);
-  HandlePtr handle = open(server, kHttpPost, "127.0.0.1", 1);
+  LoopbackServer server(replyWith("HTTP/1.0 200 OK\r\nContent-Length:10\r\n\r\nhello", false));
+  HandlePtr handle = open(server, kHttpPost, 1);
   ASSERT_NE(handle, nullptr);
   ASSERT_EQ(getAnswer(handle.get()), 1);
   char chunk[64];
@@ -385,48 +342,34 @@ TEST_F(HttpClient, ContentChunkDistinguishesTimeOutFromClose) {
 }
 
 TEST_F(HttpClient, RefusedConnectionGivesNoHandle) {
-  int probe = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof address;
-  ASSERT_EQ(bind(probe, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-  ASSERT_EQ(getsockname(probe, reinterpret_cast<sockaddr*>(&address), &length), 0);
-  close(probe);
-  EXPECT_EQ(newHttpHandle(kHttpGet, "/", "HTTP/1.0", "127.0.0.1", ntohs(address.sin_port), 1, 0),
-            nullptr);
+  uint16_t port = test::closedLoopbackPort();
+  ASSERT_NE(port, 0);
+  EXPECT_EQ(newHttpHandle(kHttpGet, "/", "HTTP/1.0", "127.0.0.1", port, 1, 0), nullptr);
   EXPECT_EQ(trace(), "");
 }
 
 TEST_F(HttpClient, AsciiEncodingMasksBodiesBothWays) {
-  const std::string reply = okAnswer("d\xC3\xA9j\xC3\xA0");
-  {
-    LoopbackServer server(replyWith(reply));
+  // By the handle's header, which also goes on the wire, or by the process-wide name alone.
+  for (bool byHeader : {true, false}) {
+    if (!byHeader) setHttpContentEncoding(kAsciiEncoding);
+    LoopbackServer server(replyWith(okAnswer("d\xC3\xA9j\xC3\xA0")));
     HandlePtr handle = open(server);
     ASSERT_NE(handle, nullptr);
-    ASSERT_EQ(putHeader(handle.get(), kHeaderContentEncoding, kAsciiEncoding), 1);
+    if (byHeader) {
+      ASSERT_EQ(putHeader(handle.get(), kHeaderContentEncoding, kAsciiEncoding), 1);
+    }
     ASSERT_EQ(sendContent(handle.get(), "caf\xC3\xA9", 5), 1);
     ASSERT_EQ(getAnswer(handle.get()), 1);
     std::string request = server.request();
-    EXPECT_NE(headOf(request).find("\r\nContent-Length:5\r\n"), std::string::npos) << request;
-    EXPECT_NE(headOf(request).find("\r\nContent-Enconding:US_ASCII\r\n"), std::string::npos);
-    EXPECT_EQ(bodyOf(request), "caf??");
+    EXPECT_NE(partOf(request, true).find("\r\nContent-Length:5\r\n"), std::string::npos) << request;
+    const char* line = byHeader ? "\r\nContent-Enconding:US_ASCII\r\n" : "Content-Enconding";
+    EXPECT_EQ(partOf(request, true).find(line) != std::string::npos, byHeader) << request;
+    EXPECT_EQ(partOf(request, false), "caf??");
     char chunk[16];
     EXPECT_EQ(getContentChunk(handle.get(), chunk, sizeof chunk), 6);
     EXPECT_STREQ(chunk, "d??j??");
   }
   EXPECT_NE(trace().find("  NET - ASCII enconding set\n"), std::string::npos) << trace();
-
-  // The process-wide name converts without a header line.
-  setHttpContentEncoding(kAsciiEncoding);
-  LoopbackServer server(replyWith(reply));
-  HandlePtr handle = open(server);
-  ASSERT_NE(handle, nullptr);
-  ASSERT_EQ(sendContent(handle.get(), "\xC3\xA9t\xC3\xA9", 5), 1);
-  ASSERT_EQ(getAnswer(handle.get()), 1);
-  std::string request = server.request();
-  EXPECT_EQ(bodyOf(request), "??t??");
-  EXPECT_EQ(headOf(request).find("Content-Enconding"), std::string::npos);
 }
 
 }  // namespace

@@ -7,7 +7,6 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <string>
 #include <vector>
 
@@ -34,22 +33,28 @@ std::string answer(const std::string& headers, const std::string& body) {
          "\r\n\r\n" + body;
 }
 
-std::string serviceAnswer(const std::string& body) {
+std::string serviceAnswer(const std::string& body = "<response:0,0:\r\n") {
   return answer("SCPVersion: 1.1.1\r\nService: 3\r\n", body);
 }
 
-LoopbackScript replyWith(std::vector<std::string> replies) {
-  LoopbackScript script;
-  script.replies = std::move(replies);
-  return script;
-}
-
-ServerAddress addressOf(const char* path, uint16_t port) {
+ServerAddress addressOf(const std::string& path, uint16_t port) {
   ServerAddress server{};
   snprintf(server.host, sizeof(server.host), "127.0.0.1");
-  snprintf(server.path, sizeof(server.path), "%s", path);
+  snprintf(server.path, sizeof(server.path), "%s", path.c_str());
   server.port = port;
   return server;
+}
+
+// Fetches `server`'s file with a local-path buffer of `size` bytes that starts out as `dir`; the
+// buffer's final text goes to `saved`.
+int fetch(ServerAddress* server, const std::string& dir, std::string* saved, bool isSigned = false,
+          size_t size = 4096) {
+  std::vector<char> local(size, '\0');
+  snprintf(local.data(), size, "%s", dir.c_str());
+  int result = isSigned ? slmGetSignedFile(server, local.data(), size)
+                        : slmGetFile(server, local.data(), size);
+  *saved = local.data();
+  return result;
 }
 
 class SlmService : public ::testing::Test {
@@ -80,30 +85,25 @@ class SlmService : public ::testing::Test {
   std::string traceText() { return test::readFile(root_.file("trace.log")); }
 
   // Runs one empty service against a peer answering `reply`; returns endSlmService's result, or
-  // -100 - the response check's result when the answer was rejected.
-  int runService(const std::string& reply) {
-    LoopbackServer peer(replyWith({reply}));
+  // -100 + the response check's result when the answer was rejected. The request sent goes to
+  // `request`.
+  int runService(const std::string& reply, std::string* request = nullptr) {
+    LoopbackServer peer(LoopbackScript{.replies = {reply}});
     ServerAddress server = addressOf("/svc", peer.port());
     HttpHandle* handle = newSlmService(&server, kServiceCatalog, 0);
     if (handle == nullptr) return -200;
     EXPECT_EQ(endSlmRequest(handle), kContentSent);
     int checked = getSlmServiceResponse(handle);
-    if (checked != kServiceAnswerUsable) {
-      freeHttpHandle(handle);
-      return -100 + checked;
-    }
-    return endSlmService(handle);
+    int result = checked == kServiceAnswerUsable ? endSlmService(handle) : -100 + checked;
+    if (checked != kServiceAnswerUsable) freeHttpHandle(handle);
+    if (request != nullptr) *request = peer.request();
+    return result;
   }
 
-  // The request head line of `name` sent with an empty service.
+  // The value of request header `name` sent with an empty service.
   std::string sentHeader(const char* name) {
-    LoopbackServer peer(replyWith({serviceAnswer("<response:0,0:\r\n")}));
-    ServerAddress server = addressOf("/svc", peer.port());
-    HttpHandle* handle = newSlmService(&server, kServicePing, 0);
-    if (handle == nullptr) return "no handle";
-    EXPECT_EQ(getSlmServiceResponse(handle), kServiceAnswerUsable);
-    freeHttpHandle(handle);
-    std::string request = peer.request();
+    std::string request;
+    EXPECT_EQ(runService(serviceAnswer(), &request), kServiceOk);
     std::string key = std::string("\r\n") + name + ":";
     size_t at = request.find(key);
     if (at == std::string::npos) return "missing";
@@ -112,11 +112,12 @@ class SlmService : public ::testing::Test {
   }
 
   test::TempDir root_;
+  const std::string dir_ = root_.path() + "/";
 };
 
 TEST_F(SlmService, FramesTheRequestByteForByte) {
   test::FakeClock clock(1700000000);
-  LoopbackServer peer(replyWith({serviceAnswer("<response:0,0:\r\n")}));
+  LoopbackServer peer(LoopbackScript{.replies = {serviceAnswer()}});
   ServerAddress server = addressOf("/svc", peer.port());
   HttpHandle* handle = newSlmService(&server, kServiceCatalog, 0);
   ASSERT_NE(handle, nullptr);
@@ -139,40 +140,34 @@ TEST_F(SlmService, FramesTheRequestByteForByte) {
       "p|q\r\n"            // 5
       "tail"               // 4
       "<request:ok>\r\n";  // 14
-  const std::string expected =
-      "POST /svc HTTP/1.0\r\n"
-      "Host:127.0.0.1\r\n"
-      "Connection:close\r\n"
-      "Pragma:no-cache\r\n"
-      "Cache-Control:no-cache\r\n"
-      "User-Agent:SLMAgent\r\n"
-      "Accept-Charset:UTF-8\r\n"
-      "Content-Length:63\r\n"
-      "Content-Type:text/plain\r\n"
-      "SCPVersion:1.1.1\r\n"
-      "Service:3\r\n"
-      "SubjectCustomer:ACME\r\n"
-      "SubjectID:node7\r\n"
-      "SubjectType:SLMAgent\r\n"
-      "\r\n" +
-      body;
-  EXPECT_EQ(peer.request(), expected);
+  EXPECT_EQ(peer.request(),
+            "POST /svc HTTP/1.0\r\n"
+            "Host:127.0.0.1\r\n"
+            "Connection:close\r\n"
+            "Pragma:no-cache\r\n"
+            "Cache-Control:no-cache\r\n"
+            "User-Agent:SLMAgent\r\n"
+            "Accept-Charset:UTF-8\r\n"
+            "Content-Length:63\r\n"
+            "Content-Type:text/plain\r\n"
+            "SCPVersion:1.1.1\r\n"
+            "Service:3\r\n"
+            "SubjectCustomer:ACME\r\n"
+            "SubjectID:node7\r\n"
+            "SubjectType:SLMAgent\r\n"
+            "\r\n" +
+                body);
 }
 
 TEST_F(SlmService, SendsTimeZeroWithoutMilliseconds) {
   test::FakeClock clock(0);
-  LoopbackServer peer(replyWith({serviceAnswer("<response:0,0:\r\n")}));
-  ServerAddress server = addressOf("/svc", peer.port());
-  HttpHandle* handle = newSlmService(&server, kServicePing, 0);
-  ASSERT_NE(handle, nullptr);
-  ASSERT_EQ(getSlmServiceResponse(handle), kServiceAnswerUsable);
-  freeHttpHandle(handle);
-  std::string request = peer.request();
-  EXPECT_EQ(request.substr(request.find("\r\n\r\n") + 4), "0\r\n1.0\r\n");
+  std::string request;
+  ASSERT_EQ(runService(serviceAnswer(), &request), kServiceOk);
+  EXPECT_EQ(request.substr(request.find("\r\n\r\n") + 4), "0\r\n1.0\r\n<request:ok>\r\n");
 }
 
 TEST_F(SlmService, EscapesTheCustomerHeader) {
-  struct Case {
+  const struct {
     const char* customer;
     const char* header;
   } cases[] = {
@@ -186,7 +181,7 @@ TEST_F(SlmService, EscapesTheCustomerHeader) {
       {"~\x7F", "~\x7F"},                    // 127 is not above 127
       {"end\\", "end\\\\"},                  // a backslash at the end has no next unit
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     ASSERT_EQ(setAgentCharValue(kAgentCustomer, c.customer), kAgentValueOk);
     ASSERT_EQ(initSlmServices(nullptr, 5), kSlmServicesReady) << c.customer;
     EXPECT_EQ(sentHeader("SubjectCustomer"), c.header) << c.customer;
@@ -201,34 +196,30 @@ TEST_F(SlmService, EscapesTheCustomerHeader) {
 
 TEST_F(SlmService, AcceptsOnlyAnswersOfItsProtocolVersion) {
   const std::string trailer = "<response:0,0:\r\n";
-  struct Case {
+  const std::string differs = "ERROR - SCP version different, actual 1.1.1, server ";
+  const struct {
     std::string reply;
     int expected;
-    const char* message;
+    std::string message;
   } cases[] = {
-      {serviceAnswer(trailer), kServiceOk, nullptr},
-      {answer("SCPVersion:1.1.1\r\n", trailer), kServiceOk, nullptr},
-      {answer("SCPVersion: \t 1.1.1\r\n", trailer), kServiceOk, nullptr},
-      {answer("SCPVersion: 1.1.2\r\n", trailer), -101,
-       "ERROR - SCP version different, actual 1.1.1, server '1.1.2'"},
-      {answer("SCPVersion: 1.1.1.0\r\n", trailer), -101,
-       "ERROR - SCP version different, actual 1.1.1, server '1.1.1.0'"},
-      {answer("Service: 3\r\n", trailer), -101,
-       "ERROR - SCP version different, actual 1.1.1, server ''"},
+      {serviceAnswer(), kServiceOk, ""},
+      {answer("SCPVersion:1.1.1\r\n", trailer), kServiceOk, ""},
+      {answer("SCPVersion: \t 1.1.1\r\n", trailer), kServiceOk, ""},
+      {answer("SCPVersion: 1.1.2\r\n", trailer), -101, differs + "'1.1.2'"},
+      {answer("SCPVersion: 1.1.1.0\r\n", trailer), -101, differs + "'1.1.1.0'"},
+      {answer("Service: 3\r\n", trailer), -101, differs + "''"},
       {"HTTP/1.0 404 Not Found\r\nSCPVersion: 1.1.1\r\n\r\n", -101,
        "ERROR - Http in response, error 0"},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     restartTraceCapture();
     EXPECT_EQ(runService(c.reply), c.expected) << c.reply;
-    if (c.message != nullptr) {
-      EXPECT_NE(traceText().find(c.message), std::string::npos) << c.reply;
-    }
+    EXPECT_NE(traceText().find(c.message), std::string::npos) << c.reply;
   }
 }
 
 TEST_F(SlmService, MapsEveryTrailerCode) {
-  struct Case {
+  const struct {
     const char* code;
     int expected;
     std::vector<const char*> messages;
@@ -248,7 +239,7 @@ TEST_F(SlmService, MapsEveryTrailerCode) {
       {"-999", kServiceFailed, {"WARNING - Server internal error, service  3"}},
       {"7", kServiceFailed, {"ERROR - Unknown server error: 7, service  3"}},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     restartTraceCapture();
     // A payload line before the trailer is skipped with the tag.
     std::string body = std::string("payload\r\n<response:0,") + c.code + ":rest\r\n";
@@ -268,7 +259,7 @@ TEST_F(SlmService, MapsEveryTrailerCode) {
 }
 
 TEST_F(SlmService, RejectsBrokenTrailers) {
-  struct Case {
+  const struct {
     const char* body;
     const char* message;
   } cases[] = {
@@ -278,7 +269,7 @@ TEST_F(SlmService, RejectsBrokenTrailers) {
       {"no trailer, only payload\r\n", "ERROR - Slm service error 'no trailer', error 2"},
       {"payload\r\n", "ERROR - Slm service error '"},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     restartTraceCapture();
     EXPECT_EQ(runService(serviceAnswer(c.body)), kServiceFailed) << c.body;
     EXPECT_NE(traceText().find(c.message), std::string::npos) << c.body << "\n" << traceText();
@@ -287,87 +278,79 @@ TEST_F(SlmService, RejectsBrokenTrailers) {
 
 class SlmServiceDownload : public SlmService {
  protected:
-  // Downloads `path` from a peer answering `replies` into the directory `dir` (ending in "/")
-  // with a local-path buffer of `size` bytes; the buffer's final text goes to `saved`.
-  int download(const char* path, std::vector<std::string> replies, const std::string& dir,
-               size_t size, std::string* saved, std::string* request = nullptr, bool close = true) {
-    LoopbackScript script = replyWith(std::move(replies));
-    script.closeAfterReplies = close;
-    LoopbackServer peer(script);
+  // Downloads `path` from a peer answering `replies` into `dir`; see fetch().
+  int download(const std::string& path, std::vector<std::string> replies, std::string* saved,
+               const std::string& dir, size_t size = 4096, bool close = true) {
+    LoopbackServer peer(LoopbackScript{.replies = std::move(replies), .closeAfterReplies = close});
     port_ = peer.port();
     ServerAddress server = addressOf(path, peer.port());
-    std::vector<char> local(size, '\0');
-    snprintf(local.data(), size, "%s", dir.c_str());
-    int result = slmGetFile(&server, local.data(), size);
-    *saved = local.data();
-    if (request != nullptr) *request = peer.request();
+    int result = fetch(&server, dir, saved, false, size);
+    request_ = peer.request();
     return result;
   }
 
   uint16_t port_ = 0;
+  std::string request_;
 };
 
 TEST_F(SlmServiceDownload, SavesTheBodyChunkByChunkUntilThePeerCloses) {
   std::string content(10000, '\0');
   for (size_t i = 0; i < content.size(); ++i) content[i] = static_cast<char>(i % 251);
   std::string head = "HTTP/1.0 200 OK\r\nContent-Type: application/octet-stream\r\n\r\n";
-  std::vector<std::string> replies = {head, content.substr(0, 3000), content.substr(3000, 5000),
-                                      content.substr(8000)};
-  std::string dir = root_.path() + "/";
   std::string saved;
-  std::string request;
-  ASSERT_EQ(download("/pkg/agent.tar", replies, dir, 4096, &saved, &request), kDownloadDone);
-  EXPECT_EQ(saved, dir + "agent.tar");
+  ASSERT_EQ(
+      download("/pkg/agent.tar",
+               {head, content.substr(0, 3000), content.substr(3000, 5000), content.substr(8000)},
+               &saved, dir_),
+      kDownloadDone);
+  EXPECT_EQ(saved, dir_ + "agent.tar");
   EXPECT_EQ(test::readFile(saved), content);
   EXPECT_NE(traceText().find("OK - Get /pkg/agent.tar, 10000 bytes in " + saved),
             std::string::npos);
   // A plain GET: no body, no content length, no encoding header.
-  EXPECT_EQ(request.substr(0, request.find("\r\n")), "GET /pkg/agent.tar HTTP/1.0");
-  EXPECT_EQ(request.find("Content-Length"), std::string::npos);
-  EXPECT_EQ(request.find("Content-Enconding"), std::string::npos);
-  EXPECT_EQ(request.substr(request.size() - 4), "\r\n\r\n");
+  EXPECT_EQ(request_.substr(0, request_.find("\r\n")), "GET /pkg/agent.tar HTTP/1.0");
+  EXPECT_EQ(request_.find("Content-Length"), std::string::npos);
+  EXPECT_EQ(request_.find("Content-Enconding"), std::string::npos);
+  EXPECT_EQ(request_.substr(request_.size() - 4), "\r\n\r\n");
 }
 
 TEST_F(SlmServiceDownload, NamesTheLocalFile) {
-  std::string dir = root_.path() + "/";
-  struct Case {
+  const struct {
     const char* path;
     size_t size;
     std::string name;  // "@" stands for host and port
   } cases[] = {
       {"/pkg/agent.tar", 4096, "agent.tar"},
       {"/", 4096, "@"},
-      {"/pkg/a", 4096, "@"},                      // any one-character name
-      {"/agent.tar", 4096, "/agent.tar"},         // the only "/" starts the path and stays
-      {"/pkg/agent.tar", dir.size() + 4, "age"},  // the buffer bounds the name
+      {"/pkg/a", 4096, "@"},                       // any one-character name
+      {"/agent.tar", 4096, "/agent.tar"},          // the only "/" starts the path and stays
+      {"/pkg/agent.tar", dir_.size() + 4, "age"},  // the buffer bounds the name
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     std::string saved;
-    ASSERT_EQ(download(c.path, {answer("", "data")}, dir, c.size, &saved), kDownloadDone) << c.path;
+    ASSERT_EQ(download(c.path, {answer("", "data")}, &saved, dir_, c.size), kDownloadDone);
     std::string name = c.name == "@" ? "127.0.0.1" + std::to_string(port_) : c.name;
-    EXPECT_EQ(saved, dir + name) << c.path;
+    EXPECT_EQ(saved, dir_ + name) << c.path;
     EXPECT_EQ(test::readFile(saved), "data") << c.path;
   }
 }
 
 TEST_F(SlmServiceDownload, ReportsEachFailure) {
-  std::string dir = root_.path() + "/";
   std::string saved;
-  EXPECT_EQ(download("/pkg/gone", {"HTTP/1.0 404 Not Found\r\n\r\n"}, dir, 4096, &saved),
+  EXPECT_EQ(download("/pkg/gone", {"HTTP/1.0 404 Not Found\r\n\r\n"}, &saved, dir_),
             kDownloadNoAnswer);
-  EXPECT_FALSE(test::fileExists(dir + "gone"));
+  EXPECT_FALSE(test::fileExists(dir_ + "gone"));
   EXPECT_NE(traceText().find("ERROR - Http in response, error 0"), std::string::npos);
 
-  std::string missing = dir + "no/such/dir/";
-  EXPECT_EQ(download("/pkg/file", {answer("", "data")}, missing, 4096, &saved), kDownloadFailed);
+  std::string missing = dir_ + "no/such/dir/";
+  EXPECT_EQ(download("/pkg/file", {answer("", "data")}, &saved, missing), kDownloadFailed);
   EXPECT_NE(traceText().find("ERROR - Couldn't open file " + missing + "file for saving (errno=2)"),
             std::string::npos);
 
   // A peer that goes quiet without closing: the read time-out ends the download.
   ASSERT_EQ(initSlmServices(nullptr, 1), kSlmServicesReady);
-  EXPECT_EQ(
-      download("/pkg/slow", {"HTTP/1.0 200 OK\r\n\r\n", "part"}, dir, 4096, &saved, nullptr, false),
-      kDownloadFailed);
+  EXPECT_EQ(download("/pkg/slow", {"HTTP/1.0 200 OK\r\n\r\n", "part"}, &saved, dir_, 4096, false),
+            kDownloadFailed);
   EXPECT_NE(traceText().find("ERROR - Getting Http content, error 0"), std::string::npos);
 }
 
@@ -376,14 +359,13 @@ class SignedDownload : public SlmService {
   void SetUp() override {
     SlmService::SetUp();
     ASSERT_EQ(initSlmRSAContext(), kRsaContextReady);
-    served_.makeDirs("pkg");
   }
   void TearDown() override {
     disposeSlmRSAContext();
     SlmService::TearDown();
   }
 
-  // Writes pkg/`name` with `content` and its signature made by the openssl tool with `key`.
+  // Writes pkg/`name` with `content` and a signature made by the openssl tool with `key`.
   void publish(const std::string& name, const std::string& content, const std::string& key) {
     served_.writeFile("pkg/" + name, content);
     std::string file = served_.file("pkg/" + name);
@@ -392,39 +374,34 @@ class SignedDownload : public SlmService {
     ASSERT_EQ(std::system(command.c_str()), 0) << command;
   }
 
-  std::string otherKey() {
-    std::string key = root_.file("other.pem");
-    std::string command = "openssl genpkey -algorithm RSA -pkeyopt rsa_keygen_bits:512 -out '" +
-                          key + "' 2>/dev/null";
-    EXPECT_EQ(std::system(command.c_str()), 0) << command;
-    return key;
-  }
-
-  const std::string devKey_ = std::string(SLM_SOURCE_DIR) + "/tests/data/keys/dev_private.pem";
   test::TempDir served_;
 };
 
 TEST_F(SignedDownload, KeepsOnlyFilesWithTheSigningKeysSignature) {
+  std::string otherKey = root_.file("other.pem");
+  ASSERT_EQ(std::system(("openssl genpkey -algorithm RSA -pkeyopt rsa_keygen_bits:512 -out '" +
+                         otherKey + "' 2>/dev/null")
+                            .c_str()),
+            0);
+  const std::string devKey = std::string(SLM_SOURCE_DIR) + "/tests/data/keys/dev_private.pem";
   std::string content(5000, 'm');
   content[17] = '\0';
-  publish("good.o", content, devKey_);
-  publish("changed.o", content, devKey_);
   std::string changed = content;
   changed[4000] = 'n';
+  publish("good.o", content, devKey);
+  publish("changed.o", content, devKey);
   served_.writeFile("pkg/changed.o", changed);
-  publish("short.o", content, devKey_);
+  publish("short.o", content, devKey);
   std::string signature = test::readFile(served_.file("pkg/short.o.sign"));
   ASSERT_EQ(signature.size(), kSignatureSize);
   served_.writeFile("pkg/short.o.sign", signature.substr(0, 63));
-  publish("foreign.o", content, otherKey());
+  publish("foreign.o", content, otherKey);
   served_.writeFile("pkg/unsigned.o", content);
 
   test::RuntimeServerProcess server("{\"downloads\": {\"root\": \"" + served_.path() + "\"}}");
   ASSERT_NE(server.port(), 0);
-  std::string dir = root_.path() + "/";
-
-  struct Case {
-    const char* name;
+  const struct {
+    std::string name;
     int expected;
     std::string saved;  // what the downloaded file holds afterwards
   } cases[] = {
@@ -432,22 +409,20 @@ TEST_F(SignedDownload, KeepsOnlyFilesWithTheSigningKeysSignature) {
       {"short.o", kDownloadFailed, content},    {"foreign.o", kDownloadFailed, content},
       {"unsigned.o", kDownloadFailed, content},
   };
-  for (const Case& c : cases) {
-    ServerAddress address = addressOf(("/pkg/" + std::string(c.name)).c_str(), server.port());
-    char local[4096];
-    snprintf(local, sizeof(local), "%s", dir.c_str());
-    EXPECT_EQ(slmGetSignedFile(&address, local, sizeof(local)), c.expected) << c.name;
-    EXPECT_EQ(local, dir + c.name) << c.name;
-    EXPECT_EQ(test::readFile(local), c.saved) << c.name;
-    EXPECT_EQ(std::string(address.path), "/pkg/" + std::string(c.name) + ".sign") << c.name;
-    EXPECT_FALSE(test::fileExists(dir + c.name + ".sign")) << c.name;
+  for (const auto& c : cases) {
+    ServerAddress address = addressOf("/pkg/" + c.name, server.port());
+    std::string saved;
+    EXPECT_EQ(fetch(&address, dir_, &saved, true), c.expected) << c.name;
+    EXPECT_EQ(saved, dir_ + c.name);
+    EXPECT_EQ(test::readFile(saved), c.saved) << c.name;
+    EXPECT_EQ(std::string(address.path), "/pkg/" + c.name + ".sign") << c.name;
+    EXPECT_FALSE(test::fileExists(dir_ + c.name + ".sign")) << c.name;
   }
 
   // No file, no signature request.
   ServerAddress missing = addressOf("/pkg/missing.o", server.port());
-  char local[4096];
-  snprintf(local, sizeof(local), "%s", dir.c_str());
-  EXPECT_EQ(slmGetSignedFile(&missing, local, sizeof(local)), kDownloadFailed);
+  std::string saved;
+  EXPECT_EQ(fetch(&missing, dir_, &saved, true), kDownloadFailed);
   EXPECT_EQ(std::string(missing.path), "/pkg/missing.o");
 }
 

@@ -14,44 +14,37 @@
 namespace slm {
 namespace {
 
-const std::string kDevPrivateKey = std::string(SLM_SOURCE_DIR) + "/tests/data/keys/dev_private.pem";
-
 class VerifySign : public ::testing::Test {
  protected:
   void SetUp() override { ASSERT_EQ(initSlmRSAContext(), kRsaContextReady); }
   void TearDown() override { disposeSlmRSAContext(); }
 
-  std::string writeFile(const std::string& name, const std::string& content) {
+  // Writes file `name` and signs it with the openssl tool; the signature's bytes go to `signature`.
+  std::string signedFile(const std::string& name, const std::string& content,
+                         std::vector<uint8_t>* signature, const std::string& key = kDevKey) {
     dir_.writeFile(name, content);
-    return dir_.file(name);
-  }
-
-  // Signs `path` with the openssl tool and returns the signature's bytes.
-  std::vector<uint8_t> sign(const std::string& path, const std::string& key) {
-    std::string out = path + ".sig";
-    std::string command = "openssl dgst -md5 -sign '" + key + "' -out '" + out + "' '" + path + "'";
+    std::string path = dir_.file(name);
+    std::string command =
+        "openssl dgst -md5 -sign '" + key + "' -out '" + path + ".sig' '" + path + "'";
     EXPECT_EQ(std::system(command.c_str()), 0) << command;
-    std::string bytes = test::readFile(out);
-    return {bytes.begin(), bytes.end()};
+    std::string bytes = test::readFile(path + ".sig");
+    signature->assign(bytes.begin(), bytes.end());
+    EXPECT_EQ(signature->size(), kSignatureSize);
+    return path;
   }
 
-  std::string otherKey() {
-    std::string key = dir_.file("other.pem");
-    std::string command = "openssl genpkey -algorithm RSA -pkeyopt rsa_keygen_bits:512 -out '" +
-                          key + "' 2>/dev/null";
-    EXPECT_EQ(std::system(command.c_str()), 0) << command;
-    return key;
-  }
-
-  int verify(const std::string& path, const std::vector<uint8_t>& signature) {
+  // Verifies `path` read from `offset` on.
+  static int verify(const std::string& path, const std::vector<uint8_t>& signature,
+                    long offset = 0) {
     FILE* file = fopen(path.c_str(), "rb");
-    EXPECT_NE(file, nullptr) << path;
-    if (file == nullptr) return 99;
+    if (file == nullptr || fseek(file, offset, SEEK_SET) != 0) return 99;
     int result = verifySignature(file, signature.data());
     fclose(file);
     return result;
   }
 
+  inline static const std::string kDevKey =
+      std::string(SLM_SOURCE_DIR) + "/tests/data/keys/dev_private.pem";
   test::TempDir dir_;
 };
 
@@ -59,22 +52,23 @@ TEST_F(VerifySign, AcceptsOnlyTheSigningKeysSignatureOverTheExactContent) {
   // 1000 bytes end in a partial digest block; the empty file feeds no block at all.
   std::string text(1000, '\0');
   for (size_t i = 0; i < text.size(); ++i) text[i] = static_cast<char>(i * 7);
-  std::string file = writeFile("module.o", text);
-  std::string empty = writeFile("empty", "");
-  std::vector<uint8_t> good = sign(file, kDevPrivateKey);
-  ASSERT_EQ(good.size(), kSignatureSize);
-  std::vector<uint8_t> emptyGood = sign(empty, kDevPrivateKey);
-
+  std::vector<uint8_t> good, emptyGood, foreign, unused;
+  std::string file = signedFile("module.o", text, &good);
+  std::string empty = signedFile("empty", "", &emptyGood);
+  std::string otherKey = dir_.file("other.pem");
+  ASSERT_EQ(std::system(("openssl genpkey -algorithm RSA -pkeyopt rsa_keygen_bits:512 -out '" +
+                         otherKey + "' 2>/dev/null")
+                            .c_str()),
+            0);
+  signedFile("foreign.o", text, &foreign, otherKey);
   std::string changed = text;
   changed[999] ^= 0x01;
-  std::string changedFile = writeFile("changed.o", changed);
-  std::string longer = writeFile("longer.o", text + "x");
-  std::vector<uint8_t> foreign = sign(file, otherKey());
-  ASSERT_EQ(foreign.size(), kSignatureSize);
+  std::string changedFile = signedFile("changed.o", changed, &unused);
+  std::string longer = signedFile("longer.o", text + "x", &unused);
   std::vector<uint8_t> flipped = good;
   flipped[10] ^= 0x80;
 
-  struct Case {
+  const struct {
     const char* what;
     std::string path;
     std::vector<uint8_t> signature;
@@ -88,22 +82,14 @@ TEST_F(VerifySign, AcceptsOnlyTheSigningKeysSignatureOverTheExactContent) {
       {"signature bit flipped", file, flipped, kSignatureInvalid},
       {"signature of another file", file, emptyGood, kSignatureInvalid},
   };
-  for (const Case& c : cases) EXPECT_EQ(verify(c.path, c.signature), c.expected) << c.what;
-}
-
-TEST_F(VerifySign, DigestCoversTheWholeFileWhateverItsPosition) {
-  std::string file = writeFile("agent.bin", "program text");
-  std::vector<uint8_t> good = sign(file, kDevPrivateKey);
-  FILE* stream = fopen(file.c_str(), "rb");
-  ASSERT_NE(stream, nullptr);
-  ASSERT_EQ(fseek(stream, 5, SEEK_SET), 0);
-  EXPECT_EQ(verifySignature(stream, good.data()), kSignatureValid);
-  fclose(stream);
+  for (const auto& c : cases) EXPECT_EQ(verify(c.path, c.signature), c.expected) << c.what;
+  // The digest covers the whole file whatever the stream's position.
+  EXPECT_EQ(verify(file, good, 5), kSignatureValid);
 }
 
 TEST_F(VerifySign, NeedsTheContextAndCanImportItAgain) {
-  std::string file = writeFile("agent.bin", "program text");
-  std::vector<uint8_t> good = sign(file, kDevPrivateKey);
+  std::vector<uint8_t> good;
+  std::string file = signedFile("agent.bin", "program text", &good);
   EXPECT_EQ(initSlmRSAContext(), kRsaContextReady);  // a second import keeps the first
   EXPECT_EQ(verify(file, good), kSignatureValid);
   EXPECT_EQ(disposeSlmRSAContext(), kRsaContextReady);
