@@ -69,41 +69,23 @@ TEST_F(Configuration, ReadsKeysAndSkipsWhatIsNotAKey) {
   for (const Case& c : cases) EXPECT_EQ(value(c.key), c.expected) << c.key;
 }
 
-TEST_F(Configuration, ResultCodes) {
-  struct Case {
-    const char* text;
-    int result;
-    const char* keptKey;  // a key whose value must still be readable afterwards, or null
-  };
-  const Case cases[] = {
-      {"", kConfigurationLoaded, nullptr},
-      {"tag=a\nagentid=12\nagentid=12\n", kConfigurationRefused, nullptr},
-      {"tag=a\ncustomer =\nagentid=1\n", kConfigurationEmptyValue, "tag"},
-      {"tag=a\ncustomer = \t\r\n", kConfigurationEmptyValue, "tag"},
-      {"tag=a\ncustomer = \t", kConfigurationEmptyValue, "tag"},
-  };
-  for (const Case& c : cases) {
-    EXPECT_EQ(load(c.text), c.result) << c.text;
-    if (c.keptKey != nullptr) {
-      EXPECT_TRUE(value(c.keptKey)) << c.text;
-    }
-    // Nothing after the failing line is read, and a duplicate leaves nothing loaded at all.
-    EXPECT_FALSE(value("agentid")) << c.text;
+TEST_F(Configuration, EmptyValueStopsTheLoadAtItsLine) {
+  const char* texts[] = {"tag=a\ncustomer =\nagentid=1\n", "tag=a\ncustomer = \t\r\nagentid=1\n",
+                         "tag=a\ncustomer = \t"};
+  for (const char* text : texts) {
+    EXPECT_EQ(load(text), kConfigurationEmptyValue) << text;
+    EXPECT_EQ(value("tag"), "a") << text;
+    EXPECT_FALSE(value("agentid")) << text;
     deleteConfigurationVariables();
   }
-  EXPECT_EQ(loadConfigurationFile(dir_.file("missing.ini").c_str()), kConfigurationCannotOpen);
-  EXPECT_FALSE(value("tag"));
+  EXPECT_EQ(load(""), kConfigurationLoaded);  // an empty file is no error
 }
 
-TEST_F(Configuration, DuplicateKeyUnloadsEverything) {
+TEST_F(Configuration, DuplicateKeyUnloadsEverythingAndASecondLoadWaitsForDelete) {
   ASSERT_EQ(load("tag=a\nagentid=12\nagentid=12\n"), kConfigurationRefused);
   EXPECT_FALSE(value("tag"));
-  // Nothing is loaded, so a new load needs no delete first.
-  EXPECT_EQ(load("tag=b\n"), kConfigurationLoaded);
-  EXPECT_EQ(value("tag"), "b");
-}
-
-TEST_F(Configuration, SecondLoadIsRefusedUntilDeleted) {
+  EXPECT_FALSE(value("agentid"));
+  // Nothing is loaded, so a new load needs no delete first; a second load does.
   ASSERT_EQ(load("tag=first\n"), kConfigurationLoaded);
   EXPECT_EQ(load("tag=second\n"), kConfigurationRefused);
   EXPECT_EQ(loadConfigurationFile(dir_.file("missing.ini").c_str()), kConfigurationCannotOpen);
@@ -135,21 +117,13 @@ TEST(ConfigurationIds, ReadsSignedDecimals) {
     const char* text;
     int64_t expected;
   };
-  const Case cases[] = {
-      {"42", 42},
-      {" \t+7 \n", 7},
-      {"-15", -15},
-      {"9223372036854775807", INT64_MAX},
-      {"-9223372036854775808", INT64_MIN},
-      {"9223372036854775808", INT64_MIN},  // no overflow check: the value wraps
-      {"0012", 12},
-      {"12a", 0},
-      {"a12", 0},
-      {"1 2", 0},
-      {"--1", 0},
-      {"", 0},
-      {"-", 0},
-  };
+  const Case cases[] = {{"42", 42},   {" \t+7 \n", 7},
+                        {"-15", -15}, {"9223372036854775807", INT64_MAX},
+                        {"0012", 12}, {"-9223372036854775808", INT64_MIN},
+                        {"12a", 0},   {"9223372036854775808", INT64_MIN},  // wraps: no check
+                        {"a12", 0},   {"1 2", 0},
+                        {"--1", 0},   {"", 0},
+                        {"-", 0}};
   for (const Case& c : cases) EXPECT_EQ(aToSlmInt64(c.text), c.expected) << c.text;
 }
 

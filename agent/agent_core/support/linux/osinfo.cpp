@@ -52,23 +52,28 @@ bool acceptsAccountBuffer(const char* buffer, size_t size) {
   return buffer != nullptr;
 }
 
-// Runs a reentrant database lookup (getpwuid_r, getgrgid_r) with a scratch buffer that grows
-// until the entry fits. Returns the entry's name or null when there is none.
-template <typename Entry, typename Lookup>
-const char* lookUpName(Lookup lookup, Entry* entry, std::vector<char>* scratch,
-                       char* Entry::*name) {
-  scratch->resize(kAccountLookupStartBytes);
+// Writes the name of account `id`, from a reentrant database lookup (getpwuid_r, getgrgid_r) whose
+// scratch buffer grows until the entry fits, or the id itself when there is none.
+template <typename Entry, typename Id>
+int writeAccountName(int (*lookup)(Id, Entry*, char*, size_t, Entry**), char* Entry::*name, Id id,
+                     char* buffer, size_t size) {
+  if (!acceptsAccountBuffer(buffer, size)) return kOsInfoFailure;
+  Entry entry{};
+  std::vector<char> scratch(kAccountLookupStartBytes);
   Entry* found = nullptr;
   for (;;) {
-    int error = lookup(entry, scratch->data(), scratch->size(), &found);
+    int error = lookup(id, &entry, scratch.data(), scratch.size(), &found);
     if (error == EINTR) continue;
-    if (error == ERANGE && scratch->size() < kAccountLookupMaxBytes) {
-      scratch->resize(scratch->size() * 2);
+    if (error == ERANGE && scratch.size() < kAccountLookupMaxBytes) {
+      scratch.resize(scratch.size() * 2);
       continue;
     }
-    if (error != 0 || found == nullptr) return nullptr;
-    return found->*name;
+    if (error != 0) found = nullptr;
+    break;
   }
+  const char* entryName = found != nullptr ? found->*name : nullptr;
+  formatAccountName(entryName, static_cast<int32_t>(id), buffer, size);
+  return kOsInfoSuccess;
 }
 
 }  // namespace
@@ -177,27 +182,11 @@ void formatAccountName(const char* localName, int32_t id, char* buffer, size_t s
 }
 
 int getUserName(uid_t uid, char* buffer, size_t size) {
-  if (!acceptsAccountBuffer(buffer, size)) return kOsInfoFailure;
-  passwd entry{};
-  std::vector<char> scratch;
-  auto lookup = [uid](passwd* into, char* bytes, size_t length, passwd** found) {
-    return getpwuid_r(uid, into, bytes, length, found);
-  };
-  const char* name = lookUpName(lookup, &entry, &scratch, &passwd::pw_name);
-  formatAccountName(name, static_cast<int32_t>(uid), buffer, size);
-  return kOsInfoSuccess;
+  return writeAccountName(getpwuid_r, &passwd::pw_name, uid, buffer, size);
 }
 
 int getUserGroup(gid_t gid, char* buffer, size_t size) {
-  if (!acceptsAccountBuffer(buffer, size)) return kOsInfoFailure;
-  group entry{};
-  std::vector<char> scratch;
-  auto lookup = [gid](group* into, char* bytes, size_t length, group** found) {
-    return getgrgid_r(gid, into, bytes, length, found);
-  };
-  const char* name = lookUpName(lookup, &entry, &scratch, &group::gr_name);
-  formatAccountName(name, static_cast<int32_t>(gid), buffer, size);
-  return kOsInfoSuccess;
+  return writeAccountName(getgrgid_r, &group::gr_name, gid, buffer, size);
 }
 
 }  // namespace slm

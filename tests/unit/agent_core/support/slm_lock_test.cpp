@@ -76,20 +76,15 @@ RwlCounts countsOf(SlmRwLock* lock) {
 
 TEST(Rwl, RefusesMissingInvalidOrUnheldLock) {
   EXPECT_EQ(kRwlError, initRwl(nullptr));
-  EXPECT_EQ(kRwlError, readLock(nullptr));
-  EXPECT_EQ(kRwlError, writeLock(nullptr));
-  EXPECT_EQ(kRwlError, releaseLock(nullptr));
-  EXPECT_EQ(kRwlError, freeRwl(nullptr));
-
-  SlmRwLock never_initialised{};
-  EXPECT_EQ(kRwlError, readLock(&never_initialised));
-  EXPECT_EQ(kRwlError, writeLock(&never_initialised));
-  EXPECT_EQ(kRwlError, freeRwl(&never_initialised));
-
+  SlmRwLock neverInitialised{};
+  for (auto operation : {readLock, writeLock, releaseLock, freeRwl}) {
+    EXPECT_EQ(kRwlError, operation(nullptr));
+    EXPECT_EQ(kRwlError, operation(&neverInitialised));
+  }
   SlmRwLock* lock = nullptr;
   ASSERT_EQ(kRwlOk, initRwl(&lock));
   ASSERT_NE(nullptr, lock);
-  EXPECT_EQ(kRwlError, releaseLock(lock));
+  EXPECT_EQ(kRwlError, releaseLock(lock));  // held by nobody
   EXPECT_EQ(0, countsOf(lock).activeReaders);
   EXPECT_EQ(kRwlOk, freeRwl(lock));
 }

@@ -12,43 +12,36 @@ namespace {
 
 using test::waitUntil;
 
-// Thread functions take no argument, so the workers below reach their objects and report what they
-// saw through these. Each test sets them before it starts a thread.
-SlmThread* worker = nullptr;
-std::atomic<int> initCalls{0};
-std::atomic<int> stopCalls{0};
-std::atomic<int> cleanCalls{0};
-std::atomic<int> cleanResult{0};
-pthread_t initThread;
+// Thread functions take no argument, so the workers below reach their object and report what they
+// saw through these. Each test resets them before it creates a thread.
+struct Seen {
+  static inline SlmThread* worker = nullptr;
+  static inline pthread_t initThread;
+  static inline std::atomic<int> initCalls, initResult, stopCalls, cleanCalls, cleanResult,
+      workHandled;
+  // What the cooperative worker's sleeps and its status change gave; -100 until it reports.
+  static inline std::atomic<int> fullSleep, sleepWhileBusy, clearBusy;
 
-void resetObservations() {
-  worker = nullptr;
-  initCalls = 0;
-  stopCalls = 0;
-  cleanCalls = 0;
-  cleanResult = 0;
-}
-
-int countingInit() {
-  initThread = pthread_self();
-  ++initCalls;
-  return 0;
-}
-int failingInit() {
-  ++initCalls;
-  return 1;
-}
-int countingStop() {
-  ++stopCalls;
-  return 0;
-}
-int countingClean() {
-  ++cleanCalls;
-  return cleanResult;
-}
-int idleBody() {
-  return 0;
-}
+  static void reset() {
+    worker = nullptr;
+    initCalls = initResult = stopCalls = cleanCalls = cleanResult = workHandled = 0;
+    fullSleep = sleepWhileBusy = clearBusy = -100;
+  }
+  static int countingInit() {
+    initThread = pthread_self();
+    ++initCalls;
+    return initResult;
+  }
+  static int countingStop() {
+    ++stopCalls;
+    return 0;
+  }
+  static int countingClean() {
+    ++cleanCalls;
+    return cleanResult;
+  }
+  static int idleBody() { return 0; }
+};
 
 int32_t statusOf(SlmThread* thread) {
   int32_t status = -100;
@@ -57,30 +50,32 @@ int32_t statusOf(SlmThread* thread) {
 }
 
 TEST(SlmThread, CreateRequiresBodyAndSuccessfulInit) {
-  resetObservations();
-  EXPECT_EQ(nullptr, createSlmThread(countingInit, nullptr, nullptr, nullptr));
-  EXPECT_EQ(0, initCalls.load());
-  EXPECT_EQ(nullptr, createSlmThread(failingInit, idleBody, nullptr, nullptr));
-  EXPECT_EQ(1, initCalls.load());
+  Seen::reset();
+  EXPECT_EQ(nullptr, createSlmThread(Seen::countingInit, nullptr, nullptr, nullptr));
+  EXPECT_EQ(0, Seen::initCalls.load());
+  Seen::initResult = 1;
+  EXPECT_EQ(nullptr, createSlmThread(Seen::countingInit, Seen::idleBody, nullptr, nullptr));
+  EXPECT_EQ(1, Seen::initCalls.load());
+  Seen::initResult = 0;
 
-  SlmThread* thread = createSlmThread(countingInit, idleBody, nullptr, countingClean);
+  SlmThread* thread =
+      createSlmThread(Seen::countingInit, Seen::idleBody, nullptr, Seen::countingClean);
   ASSERT_NE(nullptr, thread);
-  EXPECT_EQ(2, initCalls.load());
-  EXPECT_TRUE(pthread_equal(initThread, pthread_self()));
+  EXPECT_EQ(2, Seen::initCalls.load());
+  EXPECT_TRUE(pthread_equal(Seen::initThread, pthread_self()));
   EXPECT_EQ(SLM_THREAD_STOPPED, statusOf(thread));
 
   // A failing clean function keeps the object for another try.
-  cleanResult = 1;
+  Seen::cleanResult = 1;
   EXPECT_EQ(kSlmThreadError, cleanSlmThread(thread));
-  cleanResult = 0;
+  Seen::cleanResult = 0;
   EXPECT_EQ(kSlmThreadOk, cleanSlmThread(thread));
-  EXPECT_EQ(2, cleanCalls.load());
+  EXPECT_EQ(2, Seen::cleanCalls.load());
 }
 
 TEST(SlmThread, OnlyTheThreadClearsItsOwnMark) {
-  resetObservations();
   // Never started: this test's thread is not the worker, so it may not leave a stop or busy mark.
-  SlmThread* thread = createSlmThread(nullptr, idleBody, nullptr, nullptr);
+  SlmThread* thread = createSlmThread(nullptr, Seen::idleBody, nullptr, nullptr);
   ASSERT_NE(nullptr, thread);
   struct Case {
     int32_t from;
@@ -109,70 +104,63 @@ TEST(SlmThread, OnlyTheThreadClearsItsOwnMark) {
   EXPECT_EQ(kSlmThreadOk, cleanSlmThread(thread));
 }
 
-// What the cooperative worker saw when it was handed work.
-std::atomic<int> workHandled{0};
-std::atomic<int> sleepWhileBusy{-100};
-std::atomic<int> clearBusy{-100};
-std::atomic<int> fullSleep{-100};
-
 int cooperativeBody() {
-  fullSleep = sleepSlmThread(worker, 0);
+  SlmThread* self = Seen::worker;
+  Seen::fullSleep = sleepSlmThread(self, 0);
   for (;;) {
-    sleepSlmThread(worker, 600);
+    sleepSlmThread(self, 600);
     int32_t status;
-    if (getSlmThreadStatus(worker, &status) != kSlmThreadOk) return -1;
+    if (getSlmThreadStatus(self, &status) != kSlmThreadOk) return -1;
     if (status == SLM_THREAD_STOPPED) return 0;
     if (status == SLM_THREAD_BUSY) {
-      sleepWhileBusy = sleepSlmThread(worker, 600);
-      clearBusy = setSlmThreadStatus(worker, SLM_THREAD_RUNNING);
-      ++workHandled;
+      Seen::sleepWhileBusy = sleepSlmThread(self, 600);
+      Seen::clearBusy = setSlmThreadStatus(self, SLM_THREAD_RUNNING);
+      ++Seen::workHandled;
     }
   }
 }
 
 TEST(SlmThread, WorkerIsWokenForWorkAndStopsInTime) {
-  resetObservations();
-  workHandled = 0;
-  fullSleep = -100;
-  worker = createSlmThread(nullptr, cooperativeBody, countingStop, countingClean);
+  Seen::reset();
+  SlmThread* worker = Seen::worker =
+      createSlmThread(nullptr, cooperativeBody, Seen::countingStop, Seen::countingClean);
   ASSERT_NE(nullptr, worker);
   ASSERT_EQ(kSlmThreadOk, startSlmThread(worker));
   EXPECT_EQ(kSlmThreadError, startSlmThread(worker));
   EXPECT_EQ(SLM_THREAD_RUNNING, statusOf(worker));
   EXPECT_EQ(kSlmThreadError, cleanSlmThread(worker));
-  EXPECT_EQ(0, cleanCalls.load());
+  EXPECT_EQ(0, Seen::cleanCalls.load());
 
   // Nobody wakes it yet: its first, zero-second sleep runs to the end.
-  ASSERT_TRUE(waitUntil([] { return fullSleep.load() != -100; }));
-  EXPECT_EQ(kSleepFullTime, fullSleep.load());
+  ASSERT_TRUE(waitUntil([] { return Seen::fullSleep.load() != -100; }));
+  EXPECT_EQ(kSleepFullTime, Seen::fullSleep.load());
   for (int round = 1; round <= 3; ++round) {
-    ASSERT_TRUE(waitUntil([] { return statusOf(worker) == SLM_THREAD_RUNNING; }));
+    ASSERT_TRUE(waitUntil([&] { return statusOf(worker) == SLM_THREAD_RUNNING; }));
     ASSERT_EQ(kSlmThreadOk, setSlmThreadStatus(worker, SLM_THREAD_BUSY));
-    ASSERT_TRUE(waitUntil([&] { return workHandled.load() == round; }));
+    ASSERT_TRUE(waitUntil([&] { return Seen::workHandled.load() == round; }));
   }
-  EXPECT_EQ(kSleepWoken, sleepWhileBusy.load());
-  EXPECT_EQ(kSlmThreadOk, clearBusy.load());
+  EXPECT_EQ(kSleepWoken, Seen::sleepWhileBusy.load());
+  EXPECT_EQ(kSlmThreadOk, Seen::clearBusy.load());
 
   EXPECT_EQ(kOsThreadEnded, stopSlmThread(worker));
-  EXPECT_EQ(1, stopCalls.load());
+  EXPECT_EQ(1, Seen::stopCalls.load());
   EXPECT_EQ(SLM_THREAD_STOPPED, statusOf(worker));
   EXPECT_EQ(kNoThreadRunning, isItMe(worker->osThread));
   EXPECT_EQ(kSlmThreadOk, cleanSlmThread(worker));
-  EXPECT_EQ(1, cleanCalls.load());
+  EXPECT_EQ(1, Seen::cleanCalls.load());
 }
 
+// Ignores every wake and every status: only cancellation ends it.
 int stubbornBody() {
-  // Ignores every wake and every status: only cancellation ends it.
-  for (;;) sleepOSThread(worker->osThread, -1);
+  for (;;) sleepOSThread(Seen::worker->osThread, -1);
 }
 
 TEST(SlmThread, WorkerThatIgnoresStopIsCancelled) {
-  resetObservations();
-  worker = createSlmThread(nullptr, stubbornBody, nullptr, nullptr);
+  Seen::reset();
+  SlmThread* worker = Seen::worker = createSlmThread(nullptr, stubbornBody, nullptr, nullptr);
   ASSERT_NE(nullptr, worker);
   ASSERT_EQ(kSlmThreadOk, startSlmThread(worker));
   EXPECT_EQ(kOsThreadCancelled, stopSlmThread(worker));
-
   // The cancelled sleep let go of the thread's mutex on its way out.
   ASSERT_EQ(0, pthread_mutex_trylock(&worker->osThread->mutex));
   pthread_mutex_unlock(&worker->osThread->mutex);
@@ -201,8 +189,7 @@ TEST(OsThread, IdentitySleepAndWake) {
   EXPECT_EQ(kSleepError, sleepOSThread(thread, 0));
   EXPECT_EQ(kOsThreadEnded, stopOSThread(thread));
 
-  RoutineReport report;
-  report.thread = thread;
+  RoutineReport report{thread};
   ASSERT_EQ(kOsThreadOk, startOSThread(thread, reportingRoutine, &report));
   EXPECT_EQ(kOsThreadError, startOSThread(thread, reportingRoutine, &report));
   EXPECT_EQ(kIsNotMe, isItMe(thread));
