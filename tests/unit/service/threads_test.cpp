@@ -8,17 +8,17 @@
 
 #include "agent_core/support/trace.h"
 #include "support/temp_root.h"
+#include "support/wait_until.h"
 
 namespace slm {
 namespace {
 
 std::atomic<int> bodiesRunning{0};
 
-// A worker body that sleeps until its thread is told to stop.
+// A worker body that sleeps until its thread is told to stop. Its handle is set before the thread
+// starts.
 int runUntilStopped(SlmThread** self) {
   ++bodiesRunning;
-  while (*self == nullptr) {
-  }
   while (sleepSlmThread(*self, 60) == 0) {
   }
   --bodiesRunning;
@@ -78,6 +78,7 @@ TEST_F(SlmThreadWorkers, StartAndStopInFixedOrder) {
   ASSERT_NE(cmd_thread, nullptr);
   ASSERT_NE(inv_thread, nullptr);
   ASSERT_NE(mon_thread, nullptr);
+  ASSERT_TRUE(test::waitUntil([] { return bodiesRunning == 3; }));
 
   // The self-update keeps the thread it runs on.
   EXPECT_EQ(slmAgentStopThreads(1), 0);
