@@ -59,6 +59,24 @@ HEAD_CASES = [
     ("escaped customer missing", lambda d: with_head_line(d, b"SubjectCustomer:acme",
                                                           "SubjectCustomer:caf\u00e9".encode("utf-8")),
      ["header-value"]),
+    ("customer unit below 20", lambda d: with_head_line(d, b"SubjectCustomer:acme", b"SubjectCustomer:a\x13c"),
+     ["header-value"]),
+    ("customer lone backslash", lambda d: with_head_line(d, b"SubjectCustomer:acme", b"SubjectCustomer:a\\b"),
+     ["header-value"]),
+    ("customer over 127", lambda d: with_head_line(d, b"SubjectCustomer:acme", b"SubjectCustomer:" + b"a" * 128),
+     ["header-value"]),
+    ("customer escapes", lambda d: with_head_line(d, b"SubjectCustomer:acme",
+                                                  b"SubjectCustomer: a\\\\b\\u00E9\\t\x14\\u00e9"), []),
+    ("customer cut inside an escape", lambda d: with_head_line(
+        d, b"SubjectCustomer:acme", b"SubjectCustomer:" + b"a" * 126 + b"\\"), []),
+    ("subject sent unescaped", lambda d: with_head_line(d, b"SubjectID:host1",
+                                                        "SubjectID: h\u00f4te".encode("utf-8")), []),
+    ("through a proxy", lambda d: with_head_line(d, b"POST / ", b"POST http://127.0.0.1:8080/ "), []),
+    ("through a proxy, port 80", lambda d: with_head_line(d, b"POST / ", b"POST http://127.0.0.1/ "), []),
+    ("port 80 written", lambda d: with_head_line(d, b"POST / ", b"POST http://127.0.0.1:80/ "),
+     ["request-line"]),
+    ("proxy form naming another host", lambda d: with_head_line(d, b"POST / ", b"POST http://h2:8080/ "),
+     ["header-value"]),
 ]
 
 

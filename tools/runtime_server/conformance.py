@@ -28,6 +28,15 @@ COMMON_REQUIRED = ("Host", "Connection", "Pragma", "Cache-Control", "User-Agent"
 NEVER_SENT = ("Server", "Content-Enconding")
 
 REQUEST_LINE = re.compile(r"^(GET|POST) (/\S*|http://[^/\s]+/\S*) HTTP/1\.0$")
+# The authority of a request sent to a proxy: the host, and the port only
+# when it is not 80.
+PROXY_AUTHORITY = re.compile(r"^http://([^/:\s]+)(?::([1-9][0-9]*))?/")
+# Values the agent takes from its own identity rather than from the table.
+FREE_TEXT = ("SubjectCustomer", "SubjectID")
+# Header values are held in 128-byte fields.
+MAX_VALUE = 127
+# What may follow a backslash in the escaped customer name.
+CUSTOMER_ESCAPES = "\\frtnu"
 INT64 = re.compile(r"^(0|-?[1-9][0-9]*)$")
 TIME_LINE = re.compile(r"^(0|-?[1-9][0-9]*000)$")
 VERSION = re.compile(r"^[0-9]+(\.[0-9]+)*$")
@@ -70,7 +79,8 @@ def check_head(req):
         if value is None:
             out.append(("header-format", "header line without a colon: %r" % raw))
             continue
-        if value[:1] in (" ", "\t"):
+        # A customer or subject that itself begins with a blank is sent so.
+        if value[:1] in (" ", "\t") and name not in FREE_TEXT:
             out.append(("header-format", "blank after the colon: %r" % raw))
         if name not in HEADER_ORDER:
             out.append(("header-unknown", "unknown header name %r" % name))
@@ -79,7 +89,7 @@ def check_head(req):
             out.append(("header-duplicate", "second %s line: %r" % (name, raw)))
             continue
         # Values are judged without the stray blank, which is reported once above.
-        seen[name] = value.lstrip(" \t")
+        seen[name] = value if name in FREE_TEXT else value.lstrip(" \t")
         index = HEADER_ORDER.index(name)
         if index < last_index:
             out.append(("header-order", "%s after %s" % (name, HEADER_ORDER[last_index])))
@@ -104,12 +114,19 @@ def check_head(req):
     host = seen.get("Host")
     if host is not None and (host == "" or ":" in host):
         out.append(("header-value", "Host must be the bare host name: %r" % host))
+    out += _proxy_form_problems(req.path, host)
     service = seen.get("Service")
     if method == "POST" and service is not None and service not in KNOWN_SERVICES:
         out.append(("header-value", "unknown service %r" % service))
-    for name in ("SubjectCustomer", "SubjectID"):
-        if name in seen and any(ord(ch) > 127 for ch in seen[name]):
-            out.append(("header-value", "%s holds bytes above 127: %r" % (name, seen[name])))
+    for name in FREE_TEXT:
+        if name in seen and len(seen[name]) > MAX_VALUE:
+            out.append(("header-value", "%s is longer than %d characters: %r"
+                        % (name, MAX_VALUE, seen[name])))
+    customer = seen.get("SubjectCustomer")
+    if customer is not None:
+        problem = _customer_problem(customer)
+        if problem:
+            out.append(("header-value", "SubjectCustomer %s: %r" % (problem, customer)))
     length = seen.get("Content-Length")
     if length is not None:
         if not INT64.match(length) or length.startswith("-"):
@@ -118,6 +135,43 @@ def check_head(req):
             out.append(("content-length", "Content-Length %s but the body has %d bytes"
                         % (length, len(req.body))))
     return out
+
+
+def _proxy_form_problems(path, host):
+    """A request line in the absolute form names the server as the Host line
+    does, and its port only when that is not 80."""
+    if not path or not path.startswith("http://"):
+        return []
+    m = PROXY_AUTHORITY.match(path)
+    if m is None:
+        return [("request-line", "bad server address in %r" % path)]
+    out = []
+    if m.group(2) is not None and (int(m.group(2)) == 80 or int(m.group(2)) > 65535):
+        out.append(("request-line", "port %s written in %r" % (m.group(2), path)))
+    if host is not None and m.group(1) != host:
+        out.append(("header-value", "Host %r differs from the server %r of the request line"
+                    % (host, m.group(1))))
+    return out
+
+
+def _customer_problem(value):
+    """The customer name travels escaped: every unit above 127 or below 20
+    as a \\u escape, named escapes for four controls, lone backslashes
+    doubled. A value cut at its field size may end inside an escape."""
+    if any(ord(ch) > 127 or ord(ch) < 20 for ch in value):
+        return "holds bytes outside 20 to 127"
+    i = 0
+    while i < len(value):
+        if value[i] == "\\":
+            if i + 1 == len(value):
+                if len(value) < MAX_VALUE:
+                    return "ends with a lone backslash"
+            elif value[i + 1] not in CUSTOMER_ESCAPES:
+                return "holds a backslash that starts no escape"
+            i += 2
+        else:
+            i += 1
+    return None
 
 
 class Body:
