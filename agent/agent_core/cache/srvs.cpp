@@ -83,11 +83,12 @@ int loadRecords(FILE* file, uint32_t count, int32_t listScope) {
 // Where a walk goes after `record`: its successor, or at the end of its list the head of the next
 // list while the record's scope is below the cache scope. An empty next list sends the walk one
 // list further without asking the cache scope again; walks that start in the preferred list may
-// thus reach the enterprise servers with cache scope 1.
+// thus reach the enterprise servers with cache scope 1. A scope read from a damaged file that
+// names no list ends the walk.
 ServerRecord* stepOn(const ServerRecord* record) {
   if (record->next != nullptr) return record->next;
   int32_t scope = record->scope;
-  if (scope >= cache.scope) return nullptr;
+  if (!validScope(scope) || scope >= cache.scope) return nullptr;
   if (scope + 1 <= kScopeEnterprise && cache.heads[scope + 1] != nullptr) {
     return cache.heads[scope + 1];
   }

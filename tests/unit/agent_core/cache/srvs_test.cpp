@@ -180,6 +180,12 @@ TEST_F(ServerCache, LoadKeepsTheRecordsBeforeADamagedOne) {
     EXPECT_EQ(getServersNumber(kActiveCount), c.active);
   }
 
+  // A record whose scope names no list ends the walk at the end of its list.
+  loadFrom(headerBytes(0, "alpha") + le32(1) + le32(1) +
+           recordBytes("d1", "/d1", 9001, 0, 1, 1, static_cast<uint32_t>(-3)) +
+           recordBytes("e1", "/e1", 9003, 0, 1, 1, 2));
+  EXPECT_EQ(walk(), "alpha d1");
+
   // A file written for another version is thrown away; the configured server remains.
   loadFrom(le32(1) + le32(3) + full.substr(8));
   EXPECT_EQ(walk(), "alpha");
