@@ -44,8 +44,8 @@ bool readConfiguredServer(ServerInfo* server) {
 }  // namespace
 
 int createCache() {
-  // The catalog cache and the unknown files table come before the server cache; each of them
-  // reads its file, which is kept only when it was written for the configured server.
+  // The catalog cache and the unknown files table are created before the server cache once this
+  // build has them; today the server cache is the only one.
   ServerInfo configured;
   if (!readConfiguredServer(&configured)) return kCacheNotCreated;
   if (createServersCache(&configured) != kSrvsOk) {
@@ -57,7 +57,7 @@ int createCache() {
 }
 
 void deleteCache() {
-  // The catalog cache and the unknown files table go first, as they were created.
+  // The catalog cache and the unknown files table will be deleted first, in creation order.
   deleteServersCache();
   SLM_TRACE(1, "OK - Cache deleted");
 }
