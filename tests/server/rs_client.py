@@ -27,7 +27,8 @@ def agent_head(method, path, service=None, length=None, host="127.0.0.1",
 
 def service_body(fields, time_line=TIME_LINE):
     lines = [time_line, "1.0"] + list(fields)
-    return ("".join(line + "\r\n" for line in lines) + "<request:ok>\r\n").encode()
+    # Lone surrogates stand for bytes that are not UTF-8.
+    return ("".join(line + "\r\n" for line in lines) + "<request:ok>\r\n").encode("utf-8", "surrogateescape")
 
 
 def service_request(service, fields, path="/"):

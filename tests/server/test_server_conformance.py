@@ -129,19 +129,27 @@ def test_body_deviations(start_server, name, body, expected):
 def test_service_field_checks(start_server):
     srv = start_server({"require_plugin": False})
     bad_plugin = plugin_fields()
-    bad_plugin[6] = "2G"             # memory is "%d"
-    bad_plugin[14] = "t" * 41        # the tag is cut to 40 characters
-    exchange(srv.port, service_request("2", bad_plugin))
+    bad_plugin[6] = "2G"  # memory is "%d"
+    bad_plugin[14] = "\u00c9" * 21  # the tag is cut to 40 bytes
+    cut_tag = plugin_fields()
+    cut_tag[14] = "T" * 39 + "\udcc3"  # cut inside a character, as the agent may
+    bad_byte = plugin_fields()
+    bad_byte[2] = "h\udcffst"
+    for fields in (bad_plugin, cut_tag, bad_byte):
+        exchange(srv.port, service_request("2", fields))
     exchange(srv.port, service_request("7", ["42", "false", "1700000000000", "true", "<files>",
-                                             "a|b|1| |0|0| | | | ", "</files>"]))
+                                             "a|b|1| |0|0| | | | ", "b|1| |0|4294967295| | | | ",
+                                             "x*y|z|2| |0|0| | | | ", "</files>"]))
     exchange(srv.port, service_request("12", ["42", "1.1.1.51", "Linux", "6.1", "x86", "7", "", "h",
                                               "80", "x", "", "/tmp"]))
     details = [d for _, d in srv.violations()]
     assert details == [
         "memory is not a signed 32-bit decimal: '2G'",
-        "tag is longer than 40 characters: '%s'" % ("t" * 41),
+        "tag is longer than 40 bytes: '%s'" % ("\u00c9" * 21),
+        "body is not UTF-8: b'h\\xffst': invalid start byte",
         "unknown-files upload must send scan time 0 and last true",
         "record 1 has 10 fields, expected 9: 'a|b|1| |0|0| | | | '",
+        "record 2: attr2 is not a signed 32-bit decimal: '4294967295'",
         "root should be '/': 'x'",
     ]
 

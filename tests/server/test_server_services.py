@@ -103,13 +103,16 @@ def upload_fields(inventory, scan_time, last, records):
 
 def test_unknown_files_upload_is_stored(plugged):
     srv = plugged()
-    records = ["app*x|4096|/opt/bin|0|0| | | | ", "tool|10| |3|4294967295|v1|acme|prod|x"]
+    # Masking turns only the first "|" of a text field into "*".
+    records = ["app*x|4096|/opt/bin|0|0| | | | ", "tool|10| |3|-1|v1|acme|prod|x",
+               "x*y|z|20|/o*p|q|0|0|a*b|c| | | "]
     got = exchange(srv.port, service_request("7", upload_fields("false", "0", "true", records)))
     assert got == answer("7", b"<response:0,0:ok>\r\n")
     assert srv.query("SELECT agent_id, name, size, directory, attr1, attr2, text1, text2, text3, text4"
                      " FROM unknown_files ORDER BY id") == [
         (42, "app*x", 4096, "/opt/bin", 0, 0, " ", " ", " ", " "),
-        (42, "tool", 10, " ", 3, 4294967295, "v1", "acme", "prod", "x")]
+        (42, "tool", 10, " ", 3, -1, "v1", "acme", "prod", "x"),
+        (42, "x*y|z", 20, "/o*p|q", 0, 0, "a*b|c", " ", " ", " ")]
     assert srv.violations() == []
 
 

@@ -5,6 +5,7 @@ a service body into its time line, format version and fields. Each deviation
 becomes a (kind, detail) pair that the server stores as a violation.
 """
 
+import functools
 import re
 
 from .framing import TERMINATOR
@@ -41,6 +42,12 @@ INT64 = re.compile(r"^(0|-?[1-9][0-9]*)$")
 TIME_LINE = re.compile(r"^(0|-?[1-9][0-9]*000)$")
 VERSION = re.compile(r"^[0-9]+(\.[0-9]+)*$")
 
+# Field ends in a body. The agent cuts some text to a byte count (the tag to
+# 40, names and directories to their record fields), so a field may end
+# inside a character; up to such a tail every field is UTF-8.
+FIELD_BREAK = re.compile(rb"\r\n|\|")
+TAG_BYTES = 40
+
 # Fields of each service after the time line and the format version.
 #   int64/int32: decimal without leading zeros; time: "0" or seconds + "000";
 #   text: any line; tag: at most 40 characters; literal:X: exactly X.
@@ -65,6 +72,9 @@ UPLOAD_HEAD = (("agent_id", "int64"), ("inventory", "bool"), ("scan_time", "time
 KNOWN_SERVICES = set(SERVICE_FIELDS) | {"7"}
 RECORD_FIELDS = ("name", "size", "directory", "attr1", "attr2",
                  "text1", "text2", "text3", "text4")
+RECORD_NUMBERS = {"size": "int64", "attr1": "int32", "attr2": "int32"}
+# More parts than this are not worth searching for masked fields.
+MAX_RECORD_PARTS = 1024
 
 
 def check_head(req):
@@ -188,11 +198,12 @@ class Body:
 def parse_body(service, body):
     b = Body()
     v = b.violations
-    try:
-        text = body.decode("utf-8")
-    except UnicodeDecodeError as e:
-        v.append(("body-encoding", "body is not UTF-8: %s" % e))
-        text = body.decode("utf-8", errors="replace")
+    problem = _utf8_problem(body)
+    if problem:
+        v.append(("body-encoding", "body is not UTF-8: %s" % problem))
+    # Undecodable bytes are kept through the checks, which count bytes where
+    # the agent does, and replaced only in what is stored.
+    text = body.decode("utf-8", errors="surrogateescape")
     term = TERMINATOR.decode()
     if text.endswith(term):
         text = text[:-len(term)]
@@ -223,7 +234,24 @@ def parse_body(service, body):
         if len(fields) != len(layout):
             v.append(("body-fields", "service %s has %d fields, expected %d"
                       % (service, len(fields), len(layout))))
+    b.fields = {k: _stored(x) for k, x in b.fields.items()}
+    b.records = [{k: _stored(x) for k, x in r.items()} for r in b.records]
     return b
+
+
+def _utf8_problem(body):
+    for field in FIELD_BREAK.split(body):
+        try:
+            field.decode("utf-8")
+        except UnicodeDecodeError as e:
+            if e.reason == "unexpected end of data" and e.end == len(field):
+                continue
+            return "%r: %s" % (field, e.reason)
+    return None
+
+
+def _stored(text):
+    return text.encode("utf-8", errors="surrogateescape").decode("utf-8", errors="replace")
 
 
 def _check_fields(b, layout, lines):
@@ -251,8 +279,8 @@ def _field_problem(kind, value):
         if not VERSION.match(value):
             return "is not a version number"
     elif kind == "tag":
-        if len(value) > 40:
-            return "is longer than 40 characters"
+        if len(value.encode("utf-8", errors="surrogateescape")) > TAG_BYTES:
+            return "is longer than %d bytes" % TAG_BYTES
     elif kind.startswith("literal:"):
         if value != kind[len("literal:"):]:
             return "should be %r" % kind[len("literal:"):]
@@ -275,17 +303,40 @@ def _parse_upload(b, lines):
         rest = rest[:-1]
     for n, line in enumerate(rest, 1):
         parts = line.split("|")
-        if len(parts) != len(RECORD_FIELDS):
+        values = _split_record(tuple(parts)) if len(parts) <= MAX_RECORD_PARTS else None
+        if values is not None:
+            b.records.append(dict(zip(RECORD_FIELDS, values)))
+        elif len(parts) != len(RECORD_FIELDS):
             v.append(("body-record", "record %d has %d fields, expected 9: %r"
                       % (n, len(parts), line)))
-            continue
-        rec = dict(zip(RECORD_FIELDS, parts))
-        for name, kind in (("size", "int64"), ("attr1", "int32u"), ("attr2", "int32u")):
-            ok = INT64.match(rec[name]) is not None
-            if ok and kind == "int32u":
-                ok = -2**31 <= int(rec[name]) < 2**32
-            if not ok:
-                v.append(("body-record", "record %d: %s %r is not a decimal" % (n, name, rec[name])))
-                break
         else:
-            b.records.append(rec)
+            name = next(f for f, x in zip(RECORD_FIELDS, parts)
+                        if f in RECORD_NUMBERS and _field_problem(RECORD_NUMBERS[f], x))
+            value = parts[RECORD_FIELDS.index(name)]
+            v.append(("body-record", "record %d: %s %s: %r"
+                      % (n, name, _field_problem(RECORD_NUMBERS[name], value), value)))
+
+
+def _split_record(parts):
+    """The nine fields of a record line split at every "|", or None. The
+    text fields are masked: only their first "|" became "*", so one that
+    held more spans several parts, and its first part holds that "*"."""
+    @functools.lru_cache(maxsize=None)
+    def fit(field, at):
+        if field == len(RECORD_FIELDS):
+            return () if at == len(parts) else None
+        if at == len(parts):
+            return None
+        name = RECORD_FIELDS[field]
+        if name in RECORD_NUMBERS:
+            if _field_problem(RECORD_NUMBERS[name], parts[at]):
+                return None
+            rest = fit(field + 1, at + 1)
+            return None if rest is None else (parts[at],) + rest
+        last = len(parts) if "*" in parts[at] else at + 1
+        for end in range(at + 1, last + 1):
+            rest = fit(field + 1, end)
+            if rest is not None:
+                return ("|".join(parts[at:end]),) + rest
+        return None
+    return fit(0, 0)
