@@ -22,29 +22,31 @@ CodeSet* utf8_codeset = nullptr;
 namespace {
 
 constexpr int kInitialTraceLevel = 2;
-constexpr size_t kTraceSettingChars = 15;
+// The trace settings are read through a buffer of this size, so at most 14 characters count.
+constexpr size_t kTraceSettingBytes = 15;
 
-// Reads a numeric trace setting. A value that reads as 0 counts only when it is written as 0, so
-// that a non-numeric text is reported instead of silently applied.
-bool readTraceSetting(const char* key, int64_t* value, char* text) {
-  if (getConfigurationValue(key, text, kTraceSettingChars + 1) != kConfigurationValueFound) {
+// Reads a numeric trace setting the usual decimal way: leading digits count, the rest of the text
+// is ignored. A value that reads as 0 counts only when it is written as 0, so that a non-numeric
+// text is reported instead of silently applied.
+bool readTraceSetting(const char* key, int32_t* value, char* text) {
+  if (getConfigurationValue(key, text, kTraceSettingBytes) != kConfigurationValueFound) {
     return false;
   }
-  *value = aToSlmInt64(text);
+  *value = static_cast<int32_t>(strtoll(text, nullptr, 10));
   return *value != 0 || text[0] == '0';
 }
 
 void applyTraceSettings() {
-  char text[kTraceSettingChars + 1] = "";
-  int64_t value = 0;
+  char text[kTraceSettingBytes] = "";
+  int32_t value = 0;
   if (readTraceSetting("trace_level", &value, text)) {
-    setTraceLevel(static_cast<int32_t>(value));
+    setTraceLevel(value);
   } else if (text[0] != '\0') {
     SLM_TRACE(1, "WARNING - Bad trace level value %s", text);
   }
   text[0] = '\0';
   if (readTraceSetting("trace_size", &value, text)) {
-    setTraceSize(static_cast<int32_t>(value));
+    setTraceSize(value);
   } else if (text[0] != '\0') {
     SLM_TRACE(1, "WARNING - Bad trace size value %s", text);
   }

@@ -70,11 +70,36 @@ def test_daemon_traces_and_stops_in_order(agent_root):
     assert texts[-1] == "OK - Agent stopped"
 
 
-def test_daemon_honours_trace_level(agent_root):
-    agent_root.write_configuration(trace_level="0")
+LEVEL_0_TRACE = ["Commands thread ALIVE", "OK - Agent stopped"]
+
+
+@pytest.mark.parametrize("level, expected", [
+    ("0", LEVEL_0_TRACE),
+    ("abc", LEVEL_0_TRACE),  # the warning is a level-1 line
+    ("7", LEVEL_0_TRACE),  # read, but out of range for the trace
+    ("000000000000001", LEVEL_0_TRACE),  # read through 15 bytes: the final 1 is cut off
+    ("00000000000001", "OK - Starting agent..."),
+    ("1 # verbose", "OK - Starting agent..."),  # leading digits count
+])
+def test_daemon_honours_trace_level(agent_root, level, expected):
+    agent_root.write_configuration(trace_level=level)
     agent_root.stop_daemon(agent_root.start_daemon())
-    # At level 0 only the errors and the final line are written.
-    assert messages(agent_root.trace_text()) == ["Commands thread ALIVE", "OK - Agent stopped"]
+    texts = messages(agent_root.trace_text())
+    if isinstance(expected, list):
+        assert texts == expected
+    else:
+        assert expected in texts
+
+
+@pytest.mark.parametrize("size, expected", [
+    ("6000 bytes", "Trace size (bytes): 6000 (min: 5000, max: 100000000)"),
+    ("5000", "Trace size (bytes): 2000000 (min: 5000, max: 100000000)"),
+    ("big", "WARNING - Bad trace size value big"),
+])
+def test_daemon_reads_trace_size(agent_root, size, expected):
+    agent_root.write_configuration(trace_level="1", trace_size=size)
+    agent_root.stop_daemon(agent_root.start_daemon())
+    assert expected in messages(agent_root.trace_text())
 
 
 def test_two_arguments_run_the_daemon(agent_root):
