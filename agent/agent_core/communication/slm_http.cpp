@@ -58,14 +58,10 @@ struct HeadToken {
   HeadToken() = default;
   HeadToken(const HeadToken&) = delete;
   HeadToken& operator=(const HeadToken&) = delete;
-  // A head cut by the network arrives in pieces: each try reads one more piece, until the line
-  // is complete, fills the buffer (kStreamNoRoom) or the connection times out or ends.
+  // One try: a head line must arrive with at most one further read of the socket, which servers
+  // sending short lines meet.
   int next(BufferedStream* stream, const TokenDesc& delimA, const TokenDesc& delimB) {
-    int result;
-    do {
-      result = tokenizeStream(stream, &delimA, &delimB, &buffer, kTokenConsume);
-    } while (result == kStreamNoDelimiter);
-    return result;
+    return tokenizeStream(stream, &delimA, &delimB, &buffer, kTokenConsume);
   }
 };
 
@@ -328,14 +324,10 @@ int getAnswer(HttpHandle* handle) {
   if (!readResponseHeaders(handle)) return 0;
 
   int bodyLength = atoi(handle->headers[kHeaderContentLength]);
-  if (bodyLength < 0) return 0;
   resetBufferedStream(handle->bodyStream);
-  // Sized once, so that the service layer can tokenize the whole response in memory.
-  if (bodyLength > kStreamBufferCount * kStreamBufferUnit &&
-      adjustBufferStream(handle->bodyStream, bodyLength) != 0) {
-    return 0;
-  }
-  return 1;
+  // Sized once, so that the service layer can tokenize the whole response in memory. A length
+  // within the buffer changes nothing; a negative one fails the answer.
+  return adjustBufferStream(handle->bodyStream, bodyLength) == 0 ? 1 : 0;
 }
 
 int getHeaderById(const HttpHandle* handle, int id, char* destination) {

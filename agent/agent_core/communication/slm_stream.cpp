@@ -164,9 +164,9 @@ int refillBufferedStream(BufferedStream* stream, int mode) {
     resetBufferedStream(stream);
     result = stream->lower->read(stream->lower->context, stream->buf, stream->capacity, 0);
   } else if (mode == kRefillCompact) {
-    // Nothing consumed and nothing free: no room can be made. A partly filled buffer whose first
-    // token is still incomplete (a status line cut by the network) is read on behind its bytes.
-    if (stream->cur == stream->buf && stream->stored == stream->capacity) return kStreamNoRoom;
+    // Nothing consumed: compacting cannot make room, so a token that did not fit in what was read
+    // before is not read on here.
+    if (stream->cur == stream->buf && stream->stored != 0) return kStreamNoRoom;
     stream->stored -= static_cast<int>(stream->cur - stream->buf);
     memmove(stream->buf, stream->cur, static_cast<size_t>(stream->stored));
     stream->cur = stream->buf;
@@ -246,9 +246,11 @@ int tokenizeStream(BufferedStream* stream, const TokenDesc* delimA, const TokenD
       if (match.offset > out->capacity) return kStreamNoRoom;
       memcpy(out->area, stream->cur, static_cast<size_t>(match.offset));
       out->length = match.offset;
+      stream->cur += match.offset;
       if (mode == kTokenConsume) {
-        stream->cur += match.offset;
         stream->cur += match.result == kTokenFoundB ? delimB->length : delimA->length;
+      } else if (mode == kTokenPeek) {
+        stream->cur -= match.offset;
       }
       return match.result;
     }

@@ -85,8 +85,8 @@ int getStoredBytes(const BufferedStream* stream);
 // Returns 0, kStreamIoError for a negative size or when the memory cannot be had.
 [[nodiscard]] int adjustBufferStream(BufferedStream* stream, int size);
 // Mode kRefillFresh or kRefillCompact (any other mode reads nothing and returns 0). Returns the
-// bytes read, kStreamNoRoom when compaction is asked of a full buffer with nothing consumed, or
-// the lower read's result below 1 (then `stored` is unchanged).
+// bytes read, kStreamNoRoom when compaction is asked of a buffer that holds bytes none of which
+// were consumed, or the lower read's result below 1 (then `stored` is unchanged).
 int refillBufferedStream(BufferedStream* stream, int mode);
 // Writes the stored bytes to the lower stream. A result below 1 is returned and the buffer keeps
 // its contents; otherwise the buffer is reset and the lower write's result returned.
@@ -100,9 +100,11 @@ int writeBufferStr(BufferedStream* stream, const char* data, int len, int grow);
 int readBufferStr(BufferedStream* stream, char* data, int len);
 // Finds the first occurrence of `delimA` or `delimB` in the unread bytes and delivers the bytes
 // before it into `out` (zeroed first, not terminated beyond that). At one position the delimiter
-// that ends first wins, B on a tie. Returns kTokenFoundB or kTokenFoundA; kStreamNoRoom when the
-// token is longer than `out` or the buffer is full and unconsumed; kStreamNoDelimiter when no
-// delimiter is found after one compaction and refill; a refill result below 1 as is.
+// that ends first wins, B on a tie. kTokenConsume moves the position past token and delimiter,
+// kTokenPeek leaves it, any other mode moves it past the token only. Returns kTokenFoundB or
+// kTokenFoundA; kStreamNoRoom when the token is longer than `out` or the buffered bytes need more
+// room while none of them were consumed; kStreamNoDelimiter when no delimiter is found after one
+// compaction and refill; a refill result below 1 as is.
 int tokenizeStream(BufferedStream* stream, const TokenDesc* delimA, const TokenDesc* delimB,
                    TokenBuffer* out, int mode);
 // Copies up to `length` bytes or up to a 0 byte (not copied), each byte with its high bit set

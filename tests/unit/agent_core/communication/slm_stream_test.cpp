@@ -126,18 +126,27 @@ TEST(Tokenizer, FindsADelimiterStraddlingTheBufferedDataAfterCompacting) {
   EXPECT_EQ(stream.unread(), "xy");
 }
 
-TEST(Tokenizer, RefillsOncePerCallThenGivesUp) {
-  Chunked stream({"aaaa", "bbbb", "cc", "\r\n"}, 16);
+TEST(Tokenizer, RefillsOncePerCallAndNeverReadsOnBehindUnconsumedBytes) {
+  Chunked stream({"x,aaaa", "bbbb", "\r\n"}, 16);
   Token token;
-  EXPECT_EQ(token.next(stream.get(), kCrlf, kColon), kStreamNoDelimiter);
-  EXPECT_EQ(stream->stored, 4);  // "bbbb" was not read
-  EXPECT_EQ(token.next(stream.get(), kCrlf, kColon), kStreamNoDelimiter);
+  ASSERT_EQ(token.next(stream.get(), kCrlf, kComma), kTokenFoundB);
+  // One compaction and refill brings "bbbb", then the call gives up.
+  EXPECT_EQ(token.next(stream.get(), kCrlf, kComma), kStreamNoDelimiter);
   EXPECT_EQ(stream.unread(), "aaaabbbb");
-  EXPECT_EQ(token.next(stream.get(), kCrlf, kColon), kStreamNoDelimiter);
-  EXPECT_EQ(token.next(stream.get(), kCrlf, kColon), kTokenFoundA);
-  EXPECT_EQ(token.text(), "aaaabbbbcc");
+  // None of it was consumed, so no room can be made although the buffer is half empty.
+  EXPECT_EQ(token.next(stream.get(), kCrlf, kComma), kStreamNoRoom);
+  EXPECT_EQ(refillBufferedStream(stream.get(), kRefillCompact), kStreamNoRoom);
+  EXPECT_EQ(stream.unread(), "aaaabbbb");
+
+  // A first token gets the one refill of the empty buffer only.
+  Chunked first({"aaaa", "\r\n"}, 16);
+  EXPECT_EQ(token.next(first.get(), kCrlf, kComma), kStreamNoDelimiter);
+  EXPECT_EQ(token.next(first.get(), kCrlf, kComma), kStreamNoRoom);
+
   // Nothing left: the refill's end of data comes back as is.
-  EXPECT_EQ(token.next(stream.get(), kCrlf, kColon), kStreamEndOfData);
+  Chunked ended({"x,"});
+  ASSERT_EQ(token.next(ended.get(), kCrlf, kComma), kTokenFoundB);
+  EXPECT_EQ(token.next(ended.get(), kCrlf, kComma), kStreamEndOfData);
 }
 
 TEST(Tokenizer, ReportsNoRoomForAFullUnconsumedBufferOrALongToken) {
@@ -158,7 +167,7 @@ TEST(Tokenizer, ReportsNoRoomForAFullUnconsumedBufferOrALongToken) {
   EXPECT_EQ(std::string(exact, 7), "abcdefg");
 }
 
-TEST(Tokenizer, PeekLeavesTheTokenUnread) {
+TEST(Tokenizer, PeekLeavesTheTokenUnreadAndOtherModesSkipOnlyTheToken) {
   Chunked stream({"<response:0,0:"});
   Token peeked, status;
   ASSERT_EQ(peeked.next(stream.get(), kComma, kTag, kTokenPeek), kTokenFoundB);
@@ -167,7 +176,10 @@ TEST(Tokenizer, PeekLeavesTheTokenUnread) {
   ASSERT_EQ(status.next(stream.get(), kCrlf, kComma, kTokenPeek), kTokenFoundB);
   EXPECT_EQ(status.text(), "<response:0");
   EXPECT_EQ(stream.unread(), "<response:0,0:");
+  ASSERT_EQ(status.next(stream.get(), kCrlf, kComma, 0), kTokenFoundB);
+  EXPECT_EQ(stream.unread(), ",0:");
   ASSERT_EQ(status.next(stream.get(), kCrlf, kComma), kTokenFoundB);
+  EXPECT_EQ(status.text(), "");
   EXPECT_EQ(stream.unread(), "0:");
 }
 
