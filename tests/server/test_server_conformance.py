@@ -69,6 +69,8 @@ HEAD_CASES = [
                                                   b"SubjectCustomer: a\\\\b\\u00E9\\t\x14\\u00e9"), []),
     ("customer cut inside an escape", lambda d: with_head_line(
         d, b"SubjectCustomer:acme", b"SubjectCustomer:" + b"a" * 126 + b"\\"), []),
+    ("empty subject sent", lambda d: with_head_line(d, b"SubjectID:host1", b"SubjectID:"), ["header-value"]),
+    ("no customer", lambda d: with_head_line(d, b"SubjectCustomer:acme\r\n", b""), []),
     ("subject sent unescaped", lambda d: with_head_line(d, b"SubjectID:host1",
                                                         "SubjectID: h\u00f4te".encode("utf-8")), []),
     ("through a proxy", lambda d: with_head_line(d, b"POST / ", b"POST http://127.0.0.1:8080/ "), []),

@@ -98,6 +98,10 @@ def check_head(req):
         if name in seen:
             out.append(("header-duplicate", "second %s line: %r" % (name, raw)))
             continue
+        # A header without a value of its own or a default is left out, so an
+        # empty customer or subject sends no line at all.
+        if value == "" and name not in NEVER_SENT and name != "Host":
+            out.append(("header-value", "%s line with an empty value" % name))
         # Values are judged without the stray blank, which is reported once above.
         seen[name] = value if name in FREE_TEXT else value.lstrip(" \t")
         index = HEADER_ORDER.index(name)
