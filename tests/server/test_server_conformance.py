@@ -141,7 +141,8 @@ def test_service_field_checks(start_server):
         exchange(srv.port, service_request("2", fields))
     exchange(srv.port, service_request("7", ["42", "false", "1700000000000", "true", "<files>",
                                              "a|b|1| |0|0| | | | ", "b|1| |0|4294967295| | | | ",
-                                             "x*y|z|2| |0|0| | | | ", "</files>"]))
+                                             "x*y|z|2| |0|0| | | | ", "n|1|%s|0|0| | | | " % ("d" * 401),
+                                             "n|1| |0|0| |%s| | " % ("\u00e9" * 20), "</files>"]))
     exchange(srv.port, service_request("12", ["42", "1.1.1.51", "Linux", "6.1", "x86", "7", "", "h",
                                               "80", "x", "", "/tmp"]))
     details = [d for _, d in srv.violations()]
@@ -152,6 +153,8 @@ def test_service_field_checks(start_server):
         "unknown-files upload must send scan time 0 and last true",
         "record 1 has 10 fields, expected 9: 'a|b|1| |0|0| | | | '",
         "record 2: attr2 is not a signed 32-bit decimal: '4294967295'",
+        "record 4: directory longer than 400 bytes: '%s'" % ("d" * 401),
+        "record 5: text2 longer than 39 bytes: '%s'" % ("\u00e9" * 20),
         "root should be '/': 'x'",
     ]
 

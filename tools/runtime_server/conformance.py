@@ -73,6 +73,10 @@ KNOWN_SERVICES = set(SERVICE_FIELDS) | {"7"}
 RECORD_FIELDS = ("name", "size", "directory", "attr1", "attr2",
                  "text1", "text2", "text3", "text4")
 RECORD_NUMBERS = {"size": "int64", "attr1": "int32", "attr2": "int32"}
+# The text fields of the record are NUL-terminated in fields of 256, 401, 80,
+# 40, 80 and 83 bytes.
+RECORD_TEXT_BYTES = {"name": 255, "directory": 400, "text1": 79, "text2": 39,
+                     "text3": 79, "text4": 82}
 # More parts than this are not worth searching for masked fields.
 MAX_RECORD_PARTS = 1024
 
@@ -309,7 +313,14 @@ def _parse_upload(b, lines):
         parts = line.split("|")
         values = _split_record(tuple(parts)) if len(parts) <= MAX_RECORD_PARTS else None
         if values is not None:
-            b.records.append(dict(zip(RECORD_FIELDS, values)))
+            rec = dict(zip(RECORD_FIELDS, values))
+            too_long = [f for f, most in RECORD_TEXT_BYTES.items()
+                    if len(rec[f].encode("utf-8", errors="surrogateescape")) > most]
+            if too_long:
+                v.append(("body-record", "record %d: %s longer than %d bytes: %r"
+                          % (n, too_long[0], RECORD_TEXT_BYTES[too_long[0]], rec[too_long[0]])))
+            else:
+                b.records.append(rec)
         elif len(parts) != len(RECORD_FIELDS):
             v.append(("body-record", "record %d has %d fields, expected 9: %r"
                       % (n, len(parts), line)))
