@@ -23,13 +23,18 @@ constexpr int kOnDemandInventory = 2;
 char programName[kProgramNameChars + 1];
 MessageCatalogue* user_msg_cat = nullptr;
 
-void printVersion(MessageCatalogue* catalogue) {
+// The version line, then the notice: as it stands for "-v", through the formatter in the help.
+void printVersion(MessageCatalogue* catalogue, bool formatNotice) {
   printMessage(stdout, catalogue, kMsgVersion, kProductName, SLM_VERSION, SLM_BUILD_DATE);
-  printMessage(stdout, catalogue, kMsgNotice);
+  if (formatNotice) {
+    printMessage(stdout, catalogue, kMsgNotice);
+  } else {
+    fputs(getMessageText(catalogue, kMsgNotice), stdout);
+  }
 }
 
 void printHelp(const char* name, MessageCatalogue* catalogue) {
-  printVersion(catalogue);
+  printVersion(catalogue, true);
   printMessage(stdout, catalogue, kMsgUsage, name);
 }
 
@@ -62,7 +67,7 @@ int runOnDemand(const char* argument) {
 
 int runOption(const char* argument) {
   if (strcmp(argument, "-v") == 0) {
-    printVersion(user_msg_cat);
+    printVersion(user_msg_cat, false);
     return kExitOk;
   }
   if (strcmp(argument, "-r") == 0) {

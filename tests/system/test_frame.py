@@ -1,5 +1,6 @@
 """The start-up frame driven through the real binary: options, directories, the daemon's life."""
 import re
+import subprocess
 
 import pytest
 
@@ -33,6 +34,16 @@ def test_version_prints_product_version_and_build(agent_root, request, with_cata
     assert result.returncode == 0
     assert re.match(r"\n Orvane Agent version \d+\.\d+\.\d+ - Build \d{4}-\d\d-\d\d\n\n",
                     result.stdout), result.stdout
+
+
+def test_version_prints_the_notice_as_it_stands_and_help_formats_it(agent_root):
+    source = agent_root.path / "notice.msg"
+    source.write_text('$quote "\n$set 2\n16 "Notice: 100%% pure\\n"\n')
+    target = agent_root.file("var/qsam/nls/C/kvdagt.cat")
+    target.parent.mkdir(parents=True)
+    subprocess.run(["gencat", str(target), str(source)], check=True)
+    assert agent_root.run("-v").stdout.endswith("\n\nNotice: 100%% pure\n")
+    assert "\n\nNotice: 100% pure\nUsage: " in agent_root.run("-x").stdout
 
 
 @pytest.mark.parametrize("argument", ["-x", "-pp", "-P", "--v", "-V"])
