@@ -190,19 +190,17 @@ int plugIn(const ServerAddress* server) {
   HttpHandle* handle = requestService(*server, kServicePlugin, fields);
   if (handle == nullptr) return kServiceFailed;
 
-  if (lineBeforeTrailer(handle)) {
-    Token node;
-    if (node.read(handle, &crlf_tk, &response_tag_tk) != kTokenFoundA) {
-      return abandon(handle, kServiceFailed);
+  // The answer must carry a node line. Without one this read takes the trailer's tag, and the
+  // trailer then fails to decode: a plug-in answer lacking its node line is a failed plug-in.
+  Token node;
+  if (node.read(handle, &crlf_tk, &response_tag_tk) == kTokenFoundA &&
+      isdigit(static_cast<unsigned char>(node.text()[0]))) {
+    int64_t nodeId = aToSlmInt64(node.text());
+    if (!plausibleNumber(node.text(), nodeId)) {
+      SLM_TRACE(0, "ERROR - Bad node_id during conversion: %s", node.text());
+      return abandon(handle, kServiceMalformedPayload);
     }
-    if (isdigit(static_cast<unsigned char>(node.text()[0]))) {
-      int64_t nodeId = aToSlmInt64(node.text());
-      if (!plausibleNumber(node.text(), nodeId)) {
-        SLM_TRACE(0, "ERROR - Bad node_id during conversion: %s", node.text());
-        return abandon(handle, kServiceMalformedPayload);
-      }
-      (void)setAgentIntValue(kAgentNodeId, nodeId);
-    }
+    (void)setAgentIntValue(kAgentNodeId, nodeId);
   }
   return endSlmService(handle);
 }

@@ -23,7 +23,8 @@ constexpr size_t kPlugInTagMax = 40;
 // before the payload is kServiceFailed, a malformed payload kServiceMalformedPayload.
 
 // Enrols the agent on `server`. The node id line of the answer, when it starts with a digit,
-// becomes the agent's node id (value 12).
+// becomes the agent's node id (value 12); an answer without that line is kServiceFailed whatever
+// its trailer says.
 [[nodiscard]] int plugIn(const ServerAddress* server);
 
 // Words of the parameter record, in the order the server sends them.

@@ -160,13 +160,15 @@ TEST_F(NodeService, PlugInAnswersSetTheNodeIdAndMapTheResult) {
       {R"("first_result": 0, "node_id": "905")", kServiceOk, 905, ""},
       {R"("first_result": 0, "node_id": "12abc")", kServiceMalformedPayload, 77,
        "ERROR - Bad node_id during conversion: 12abc"},
-      {R"("first_result": 0, "node_id": null)", kServiceOk, 77, ""},
-      {R"("first_result": -1, "node_id": null)", kServiceUnknownAgent, 77,
-       "ERROR - Unknown Agent, service"},
-      {R"("first_result": -2, "node_id": null)", kServiceUnknownDivision, 77,
+      // No node line: the trailer's tag is taken as the line, so the trailer cannot be read.
+      {R"("first_result": 0, "node_id": null)", kServiceFailed, 77,
+       "ERROR - Slm service error '0', error 2"},
+      {R"("first_result": -1, "node_id": null)", kServiceFailed, 77,
+       "ERROR - Slm service error '0', error 2"},
+      {R"("first_result": -2, "node_id": "abc")", kServiceUnknownDivision, 77,
        "ERROR - Unknown Division, service"},
-      {R"("first_result": -3, "node_id": null)", kServiceBadNode, 77, "ERROR - Bad node, service"},
-      {R"("first_result": -999, "node_id": null)", kServiceFailed, 77,
+      {R"("first_result": -3, "node_id": "abc")", kServiceBadNode, 77, "ERROR - Bad node, service"},
+      {R"("first_result": -999, "node_id": "abc")", kServiceFailed, 77,
        "WARNING - Server internal error, service"},
   };
   for (const auto& c : cases) {
