@@ -96,7 +96,8 @@ int initCommunication() {
     proxy.port = static_cast<uint16_t>(port);
     proxyRecord = &proxy;
   }
-  // A customer name that cannot be converted only leaves its header without a value.
+  // A customer name that cannot be converted leaves the SubjectCustomer and SubjectID headers
+  // without values; start-up goes on regardless.
   (void)initSlmServices(proxyRecord, kDefaultServiceTimeoutSeconds);
   SLM_TRACE(1, "OK - Init Communication");
   return kCommOk;

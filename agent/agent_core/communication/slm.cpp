@@ -6,6 +6,7 @@
 
 #include <errno.h>
 
+#include <cctype>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -25,20 +26,31 @@ namespace slm {
 
 uint16_t default_time_out = 0;
 
-TokenDesc crlf_tk{};
-TokenDesc par_sep_tk{};
-TokenDesc fld_sep_tk{};
-TokenDesc response_tag_tk{};
-TokenDesc response_sep_tk{};
-TokenDesc response_end_tk{};
-TokenDesc begin_comps_tk{};
-TokenDesc end_comps_tk{};
-TokenDesc begin_files_tk{};
-TokenDesc end_files_tk{};
-TokenDesc begin_div_tk{};
-TokenDesc end_div_tk{};
-TokenDesc begin_ent_tk{};
-TokenDesc end_ent_tk{};
+namespace {
+
+constexpr TokenDesc tokenOf(const char* text) {
+  return makeTokenDesc(text, static_cast<int>(std::char_traits<char>::length(text)));
+}
+
+}  // namespace
+
+// The delimiters hold their texts from program start rather than from initSlmServices: that call
+// stops early at a customer name it cannot convert, and empty delimiters would match anywhere,
+// gluing the request fields together and reading any answer as a well-formed trailer of result 0.
+TokenDesc crlf_tk = tokenOf("\r\n");
+TokenDesc par_sep_tk = tokenOf("\r\n");
+TokenDesc fld_sep_tk = tokenOf("|");
+TokenDesc response_tag_tk = tokenOf("<response:");
+TokenDesc response_sep_tk = tokenOf(",");
+TokenDesc response_end_tk = tokenOf(":");
+TokenDesc begin_comps_tk = tokenOf("<components>\r\n");
+TokenDesc end_comps_tk = tokenOf("</components>\r\n");
+TokenDesc begin_files_tk = tokenOf("<files>\r\n");
+TokenDesc end_files_tk = tokenOf("</files>\r\n");
+TokenDesc begin_div_tk = tokenOf("<division>\r\n");
+TokenDesc end_div_tk = tokenOf("</division>\r\n");
+TokenDesc begin_ent_tk = tokenOf("<enterprise>\r\n");
+TokenDesc end_ent_tk = tokenOf("</enterprise>\r\n");
 
 namespace {
 
@@ -54,10 +66,6 @@ constexpr const char* kRequestTagOpen = "<request:";
 constexpr const char* kRequestTagClose = "ok>\r\n";
 constexpr const char* kSignatureSuffix = ".sign";
 constexpr const char* kHttpVersion = "HTTP/1.0";
-
-constexpr TokenDesc tokenOf(const char* text) {
-  return makeTokenDesc(text, static_cast<int>(std::char_traits<char>::length(text)));
-}
 
 // Writes the header form of the customer's code units to `out`, which has room for
 // count × kEscapedUnitMax + 1 bytes.
@@ -155,21 +163,6 @@ int initSlmServices(const ServerAddress* proxyRecord, uint16_t timeout) {
   char subject[kAgentTextSize] = "";
   (void)getAgentCharValue(kAgentHostName, subject, sizeof(subject));
   setDefaults(kHeaderSubjectId, subject);
-
-  crlf_tk = tokenOf("\r\n");
-  par_sep_tk = tokenOf("\r\n");
-  fld_sep_tk = tokenOf("|");
-  response_tag_tk = tokenOf("<response:");
-  response_sep_tk = tokenOf(",");
-  response_end_tk = tokenOf(":");
-  begin_comps_tk = tokenOf("<components>\r\n");
-  end_comps_tk = tokenOf("</components>\r\n");
-  begin_files_tk = tokenOf("<files>\r\n");
-  end_files_tk = tokenOf("</files>\r\n");
-  begin_div_tk = tokenOf("<division>\r\n");
-  end_div_tk = tokenOf("</division>\r\n");
-  begin_ent_tk = tokenOf("<enterprise>\r\n");
-  end_ent_tk = tokenOf("</enterprise>\r\n");
   return kSlmServicesReady;
 }
 
@@ -228,7 +221,7 @@ int getSlmServiceResponse(HttpHandle* handle) {
   char version[kHeaderValueBytes] = "";
   getHeaderById(handle, kHeaderScpVersion, version);
   const char* value = version;
-  while (*value == ' ' || *value == '\t') ++value;
+  while (isspace(static_cast<unsigned char>(*value))) ++value;
   if (strcmp(value, kScpVersion) != 0) {
     SLM_TRACE(0, "ERROR - SCP version different, actual %s, server '%s'", kScpVersion, value);
     return kServiceAnswerRejected;

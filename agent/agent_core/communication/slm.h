@@ -30,7 +30,7 @@ inline constexpr const char* kScpVersion = "1.1.1";
 // Read time-out in seconds for services opened with time-out 0 and for every download.
 extern uint16_t default_time_out;
 
-// Delimiters of the service framing, set by initSlmServices.
+// Delimiters of the service framing; they hold these texts from program start.
 extern TokenDesc crlf_tk;          // "\r\n"
 extern TokenDesc par_sep_tk;       // "\r\n", ends each request field
 extern TokenDesc fld_sep_tk;       // "|"
@@ -50,8 +50,9 @@ constexpr int kSlmServicesReady = 1;
 constexpr int kSlmServicesBadCustomer = 0;
 
 // Sets the proxy (when `proxyRecord` is not null; only its host and port count), the default
-// time-out, the SubjectCustomer and SubjectID header defaults from the agent's customer and host
-// name, and the delimiters. kSlmServicesBadCustomer when the customer is not convertible UTF-8.
+// time-out, and the SubjectCustomer and SubjectID header defaults from the agent's customer and
+// host name. kSlmServicesBadCustomer when the customer is not convertible UTF-8; both headers are
+// then left as they were.
 [[nodiscard]] int initSlmServices(const ServerAddress* proxyRecord, uint16_t timeout);
 
 // Opens a POST of service `serviceId` to `server` (time-out 0: default_time_out) whose body already

@@ -204,7 +204,7 @@ TEST_F(SlmService, AcceptsOnlyAnswersOfItsProtocolVersion) {
   } cases[] = {
       {serviceAnswer(), kServiceOk, ""},
       {answer("SCPVersion:1.1.1\r\n", trailer), kServiceOk, ""},
-      {answer("SCPVersion: \t 1.1.1\r\n", trailer), kServiceOk, ""},
+      {answer("SCPVersion: \t\v\f1.1.1\r\n", trailer), kServiceOk, ""},
       {answer("SCPVersion: 1.1.2\r\n", trailer), -101, differs + "'1.1.2'"},
       {answer("SCPVersion: 1.1.1.0\r\n", trailer), -101, differs + "'1.1.1.0'"},
       {answer("Service: 3\r\n", trailer), -101, differs + "''"},
