@@ -113,6 +113,8 @@ bool traceActive(int32_t level) {
 void outputTrace(const char* file, int line, const char* format, ...) {
   TraceLock lock;
   if (trace.stream == nullptr || !trace.active || trace.closed) return;
+  // Standard output is never rolled over: its recorded name "stdout" is no file to rename, and
+  // closing it would silence the process's own output.
   if (!trace.toStdout && ftell(trace.stream) >= static_cast<long>(trace.sizeLimit)) {
     rollOver();
     if (!trace.active) return;
