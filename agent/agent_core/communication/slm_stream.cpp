@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
@@ -403,7 +404,10 @@ int decode_read(void* context, char* data, int len, int /*flags*/) {
   if (encoding->decode == nullptr || len == 0) {
     return readBufferStr(encoding->socketSide, data, len);
   }
-  int wanted = static_cast<int>(static_cast<float>(len) * encoding->readFactor);
+  // A response body buffer sized from a Content-Length near the int limit asks for that much: the
+  // scaled count is kept within int so it cannot wrap into a huge allocation.
+  double scaled = static_cast<double>(len) * encoding->readFactor;
+  int wanted = scaled < INT_MAX ? static_cast<int>(scaled) : INT_MAX;
   char* raw = static_cast<char*>(malloc(static_cast<size_t>(wanted) + 1));
   if (raw == nullptr) return kStreamIoError;
   int result = readBufferStr(encoding->socketSide, raw, wanted);
