@@ -80,6 +80,14 @@ int loadRecords(FILE* file, uint32_t count, int32_t listScope) {
   return kSrvsOk;
 }
 
+// The index of the list that holds the linked `record`.
+int32_t holdingList(const ServerRecord* record) {
+  while (record->prev != nullptr) record = record->prev;
+  int32_t list = kScopePreferred;
+  while (list < kScopeEnterprise && cache.heads[list] != record) ++list;
+  return list;
+}
+
 // Where a walk goes after `record`: its successor, or at the end of its list the head of the next
 // list while the record's scope is below the cache scope. An empty next list sends the walk one
 // list further without asking the cache scope again; walks that start in the preferred list may
@@ -89,10 +97,13 @@ ServerRecord* stepOn(const ServerRecord* record) {
   if (record->next != nullptr) return record->next;
   int32_t scope = record->scope;
   if (!validScope(scope) || scope >= cache.scope) return nullptr;
+  // A record read from a damaged server.dat may carry the scope of its own list or of an earlier
+  // one; jumping there would walk in a circle for ever, so the walk only moves on to later lists.
+  int32_t holder = holdingList(record);
   if (scope + 1 <= kScopeEnterprise && cache.heads[scope + 1] != nullptr) {
-    return cache.heads[scope + 1];
+    return scope + 1 > holder ? cache.heads[scope + 1] : nullptr;
   }
-  if (scope + 2 <= kScopeEnterprise) return cache.heads[scope + 2];
+  if (scope + 2 <= kScopeEnterprise && scope + 2 > holder) return cache.heads[scope + 2];
   return nullptr;
 }
 
@@ -138,6 +149,7 @@ ServerInfo infoFromAddress(const void* address) {
 void sweep() {
   ServerRecord* record = cache.heads[kScopePreferred];
   if (record == nullptr) return;
+  int32_t list = kScopePreferred;
   const uint32_t level = static_cast<uint32_t>(record->info.securityLevel) & 0xffu;
   while (record != nullptr) {
     ServerRecord* next = record->next;
@@ -145,8 +157,11 @@ void sweep() {
     record->info.securityLevel =
         static_cast<int32_t>((static_cast<uint32_t>(record->info.securityLevel) & ~0xffu) | level);
     if (record->used == 0) removeServer(record);
-    if (next == nullptr && validScope(scope) && scope < kScopeEnterprise)
-      next = cache.heads[scope + 1];
+    // Only later lists: a scope from a damaged server.dat must not lead back to a swept list.
+    if (next == nullptr && validScope(scope) && scope < kScopeEnterprise && scope + 1 > list) {
+      list = scope + 1;
+      next = cache.heads[list];
+    }
     record = next;
   }
 }
