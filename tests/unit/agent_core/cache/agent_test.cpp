@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "agent_core/cache/system_tuple.h"
-#include "unit/agent_core/cache/cache_sandbox.h"
+#include "support/agent_sandbox.h"
 
 namespace slm {
 namespace {
@@ -28,11 +28,11 @@ constexpr char kBaseConfiguration[] =
     "tag=lab östra\n"
     "customer=Acme Corp\n";
 
-class AgentInfoTest : public test::CacheSandbox {
+class AgentInfoTest : public test::AgentSandbox {
  protected:
   void TearDown() override {
     clearAgentInfo();
-    CacheSandbox::TearDown();
+    AgentSandbox::TearDown();
   }
 
   void init(const std::string& configuration = kBaseConfiguration) {
@@ -243,7 +243,7 @@ TEST_F(AgentInfo, ReadersNeverSeeAHalfWrittenText) {
   EXPECT_EQ(torn.load(), 0);
 }
 
-using AgentDat = test::CacheSandbox;
+using AgentDat = test::AgentSandbox;
 
 TEST_F(AgentDat, FreshFileHoldsTwoZeroSlotsAndThePathLength) {
   int32_t value = 0;

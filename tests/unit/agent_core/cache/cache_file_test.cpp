@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <string>
 
-#include "unit/agent_core/cache/cache_sandbox.h"
+#include "support/agent_sandbox.h"
 
 namespace slm {
 namespace {
@@ -19,10 +19,10 @@ std::string nameField(const std::string& name) {
 
 const std::string kVersion12 = bytes({1, 0, 0, 0, 2, 0, 0, 0});
 
-class CacheFile : public test::CacheSandbox {
+class CacheFile : public test::AgentSandbox {
  protected:
   void SetUp() override {
-    CacheSandbox::SetUp();
+    AgentSandbox::SetUp();
     ASSERT_EQ(setCacheVersion(kServerFileId, 1, 2), kCacheVersionOk);
     ASSERT_EQ(setCacheVersion(kUatFileId, 1, 3), kCacheVersionOk);
     ASSERT_EQ(setCacheVersion(kPluginFileId, 1, 2), kCacheVersionOk);

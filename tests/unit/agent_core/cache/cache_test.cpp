@@ -6,12 +6,12 @@
 
 #include "agent_core/cache/srvs.h"
 
-#include "unit/agent_core/cache/cache_sandbox.h"
+#include "support/agent_sandbox.h"
 
 namespace slm {
 namespace {
 
-using CacheFileCreation = test::CacheSandbox;
+using CacheFileCreation = test::AgentSandbox;
 
 // The host, path, port and level of the preferred server, read under the cache lock.
 std::string preferredServer() {

@@ -13,7 +13,7 @@
 #include "agent_core/cache/agent.h"
 #include "agent_core/cache/srvs.h"
 #include "agent_core/support/bytes.h"
-#include "unit/agent_core/cache/cache_sandbox.h"
+#include "support/agent_sandbox.h"
 
 namespace slm {
 namespace {
@@ -29,16 +29,16 @@ const uint8_t* at(const std::string& data, size_t offset) {
   return reinterpret_cast<const uint8_t*>(data.data()) + offset;
 }
 
-class DamagedFile : public test::CacheSandbox {
+class DamagedFile : public test::AgentSandbox {
  protected:
   void SetUp() override {
-    CacheSandbox::SetUp();
+    AgentSandbox::SetUp();
     fds_ = openDescriptors();
   }
   void TearDown() override {
     EXPECT_EQ(openDescriptors(), fds_) << "a descriptor was left open";
     clearAgentInfo();
-    CacheSandbox::TearDown();
+    AgentSandbox::TearDown();
   }
   std::string randomBytes(size_t size) {
     std::string out(size, '\0');

@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "agent_core/support/slm_list.h"
+#include "support/agent_sandbox.h"
 #include "support/fake_clock.h"
-#include "unit/agent_core/cache/cache_sandbox.h"
 
 namespace slm {
 namespace {
@@ -52,11 +52,11 @@ AddressList addresses(std::initializer_list<const char*> hosts) {
   return list;
 }
 
-class ServerCache : public test::CacheSandbox {
+class ServerCache : public test::AgentSandbox {
  protected:
   void TearDown() override {
     if (created_) deleteServersCache();
-    CacheSandbox::TearDown();
+    AgentSandbox::TearDown();
   }
 
   // A cache holding only the configured server; with `keepFile` it also reads "server.dat".

@@ -5,7 +5,7 @@
 #include <cstring>
 #include <string>
 
-#include "unit/agent_core/cache/cache_sandbox.h"
+#include "support/agent_sandbox.h"
 
 namespace slm {
 namespace {

@@ -13,38 +13,31 @@
 #include "agent_core/slm_conf.h"
 #include "agent_core/support/trace.h"
 #include "agent_core/support/unix_common.h"
+#include "support/agent_sandbox.h"
 #include "support/runtime_server_process.h"
-#include "support/temp_root.h"
 #include "support/tinyproxy_process.h"
 
 namespace slm {
 namespace {
 
-class CommProxy : public ::testing::Test {
+class CommProxy : public test::AgentSandbox {
  protected:
   void SetUp() override {
     ASSERT_NE(proxy_.port(), 0) << "tinyproxy did not start";
     ASSERT_NE(server_.port(), 0) << "the runtime server did not start";
-    setAgentRoot(root_.path().c_str());
-    root_.makeDirs("var/qsam/cache");
-    startTrace(root_.file("trace.log").c_str());
-    setTraceLevel(3);
-    root_.writeFile("etc/kvdagent.ini",
-                    "agentid=4711\ndivisionid=42\ntag=lab\ncustomer=acme\nuse_proxy=yes\n"
-                    "proxy=127.0.0.1\nproxy_port=" +
-                        std::to_string(proxy_.port()) + "\nproxy_security=0\n");
-    ASSERT_EQ(loadConfigurationFile(root_.file("etc/kvdagent.ini").c_str()), kConfigurationLoaded);
+    AgentSandbox::SetUp();
+    loadConfiguration(
+        "agentid=4711\ndivisionid=42\ntag=lab\ncustomer=acme\nuse_proxy=yes\n"
+        "proxy=127.0.0.1\nproxy_port=" +
+        std::to_string(proxy_.port()) + "\nproxy_security=0\n");
     ASSERT_EQ(initAgentInfo(), kAgentValueOk);
     ASSERT_EQ(initCommunication(), kCommOk);
   }
   void TearDown() override {
     closeCommunication();
     clearAgentInfo();
-    deleteConfigurationVariables();
     setHttpProxy("", 0);
-    stopTrace();
-    setTraceLevel(-1);
-    setAgentRoot("");
+    AgentSandbox::TearDown();
   }
 
   ServerAddress server() const {
@@ -57,12 +50,10 @@ class CommProxy : public ::testing::Test {
 
   test::TinyproxyProcess proxy_;
   test::RuntimeServerProcess server_{"{}"};
-  test::TempDir root_;
 };
 
 TEST_F(CommProxy, ServicesReachTheServerThroughTheProxy) {
-  EXPECT_NE(test::readFile(root_.file("trace.log")).find("OK - Using proxy server"),
-            std::string::npos);
+  EXPECT_TRUE(traced("OK - Using proxy server"));
 
   ServerAddress address = server();
   EXPECT_EQ(pingRTServer(&address), kPingAnswered);

@@ -19,6 +19,7 @@
 #include "agent_core/support/linux/osinfo.h"
 #include "agent_core/support/trace.h"
 #include "agent_core/support/unix_common.h"
+#include "support/agent_sandbox.h"
 #include "support/fake_clock.h"
 #include "support/runtime_server_process.h"
 #include "support/temp_root.h"
@@ -26,7 +27,6 @@
 namespace slm {
 namespace {
 
-using test::readFile;
 using test::RuntimeServerProcess;
 
 const std::string kTime = "1700000000000\r\n";
@@ -57,16 +57,13 @@ std::vector<std::string> listed(SlmList* list) {
 // The agent with configured ids, tag and customer, and the values the services send set by hand
 // so the request bodies are known to the byte; the reference server as the preferred server of a
 // fresh cache.
-class NodeService : public ::testing::Test {
+class NodeService : public test::AgentSandbox {
  protected:
   void SetUp() override {
-    setAgentRoot(root_.path().c_str());
-    root_.makeDirs("var/qsam/cache");
-    restartTrace();
-    root_.writeFile("etc/kvdagent.ini",
-                    "agentid=4711\ndivisionid=-42\ntag=lab\ncustomer=acme\n"
-                    "server=127.0.0.1\npath=/\nport=1\n");
-    ASSERT_EQ(loadConfigurationFile(root_.file("etc/kvdagent.ini").c_str()), kConfigurationLoaded);
+    AgentSandbox::SetUp();
+    loadConfiguration(
+        "agentid=4711\ndivisionid=-42\ntag=lab\ncustomer=acme\n"
+        "server=127.0.0.1\npath=/\nport=1\n");
     ASSERT_EQ(initAgentInfo(), kAgentValueOk);
     ASSERT_EQ(setAgentCharValue(kAgentIpAddress, "10.0.0.5"), kAgentValueOk);
     ASSERT_EQ(setAgentCharValue(kAgentOsDescription, "Linux 6.1|smp"), kAgentValueOk);
@@ -84,19 +81,9 @@ class NodeService : public ::testing::Test {
   void TearDown() override {
     if (cacheCreated_) deleteServersCache();
     clearAgentInfo();
-    deleteConfigurationVariables();
     setHttpProxy("", 0);
-    stopTrace();
-    setTraceLevel(-1);
-    setAgentRoot("");
+    AgentSandbox::TearDown();
   }
-
-  void restartTrace() {
-    startTrace(root_.file("trace.log").c_str());
-    setTraceLevel(3);
-  }
-  std::string trace() const { return readFile(root_.file("trace.log")); }
-  bool traced(const std::string& text) const { return trace().find(text) != std::string::npos; }
 
   // Starts the server on `scenario` and makes it the preferred server of a fresh cache.
   void serve(const std::string& scenario) {
@@ -119,7 +106,6 @@ class NodeService : public ::testing::Test {
   ServerAddress address() const { return loopback(server_->port()); }
   void expectConforming() const { EXPECT_EQ(server_->violations(), std::vector<std::string>{}); }
 
-  test::TempDir root_;
   bool cacheCreated_ = false;
   test::FakeClock clock_{1700000000};
   std::unique_ptr<RuntimeServerProcess> server_;

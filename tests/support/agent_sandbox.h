@@ -1,5 +1,5 @@
 // A temporary agent root with a cache directory, a trace that lets every level through and a
-// configuration file loaded from the root's /etc, for the tests of the cache modules.
+// configuration file loaded from the root's /etc, for the tests of modules that keep agent state.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -32,7 +32,7 @@ inline std::string field(const std::string& text, size_t size) {
   return text + std::string(size - text.size(), '\0');
 }
 
-class CacheSandbox : public ::testing::Test {
+class AgentSandbox : public ::testing::Test {
  protected:
   void SetUp() override {
     setAgentRoot(root_.path().c_str());
