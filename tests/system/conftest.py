@@ -68,7 +68,15 @@ class AgentRoot:
         env = dict(os.environ)
         env["KVDAGENT_ROOT"] = str(self.path)
         env.setdefault("LANG", "C.UTF-8")
+        # A sanitized build reports into files here, so that reports of a daemon, whose streams
+        # nobody reads, still fail the test.
+        report = f"log_path={self.path}/sanitizer"
+        env["ASAN_OPTIONS"] = report
+        env["UBSAN_OPTIONS"] = report + ":print_stacktrace=1"
         return env
+
+    def sanitizer_reports(self) -> str:
+        return "".join(p.read_text(errors="replace") for p in self.path.glob("sanitizer.*"))
 
     def run(self, *args: str, timeout: float = 60) -> subprocess.CompletedProcess:
         """Runs the agent to its exit. Output goes through files, not pipes: a daemon child keeps
@@ -123,6 +131,7 @@ def agent_root(tmp_path) -> AgentRoot:
     yield root
     for pid in root.daemon_pids():
         os.kill(pid, signal.SIGKILL)
+    assert root.sanitizer_reports() == ""
 
 
 @pytest.fixture
