@@ -8,7 +8,6 @@ import pathlib
 import shutil
 import signal
 import subprocess
-import tempfile
 import time
 
 import pytest
@@ -79,15 +78,15 @@ class AgentRoot:
         return "".join(p.read_text(errors="replace") for p in self.path.glob("sanitizer.*"))
 
     def run(self, *args: str, timeout: float = 60) -> subprocess.CompletedProcess:
-        """Runs the agent to its exit. Output goes through files, not pipes: a daemon child keeps
-        the streams it inherited open long after its parent has exited."""
-        with tempfile.TemporaryFile() as out, tempfile.TemporaryFile() as err:
+        """Runs the agent to its exit. Output goes through the files "run.out" and "run.err" of
+        the root, not pipes: a daemon child keeps the streams it inherited and writes to them long
+        after its parent has exited."""
+        out_path, err_path = self.path / "run.out", self.path / "run.err"
+        with open(out_path, "wb") as out, open(err_path, "wb") as err:
             completed = subprocess.run([AGENT_BIN, *args], env=self.environment(), stdout=out,
                                        stderr=err, stdin=subprocess.DEVNULL, timeout=timeout)
-            out.seek(0)
-            err.seek(0)
-            completed.stdout = out.read().decode(errors="replace")
-            completed.stderr = err.read().decode(errors="replace")
+        completed.stdout = out_path.read_text(errors="replace")
+        completed.stderr = err_path.read_text(errors="replace")
         return completed
 
     def daemon_pids(self) -> list[int]:

@@ -127,3 +127,6 @@ def test_bad_configuration_fails_start_up(agent_root, configuration):
     assert result.returncode == 0
     assert wait_for(lambda: not agent_root.daemon_pids())
     assert messages(agent_root.trace_text()) == ["ERROR - Main loading 'kvdagent.ini' not loaded"]
+    # The daemon child reports the failed initialisation step on the standard error it inherited.
+    assert agent_root.file("run.err").read_text() == (
+        "Failure at file: agent/service/unix/sys_service.cpp, line: 245\n")
