@@ -87,6 +87,37 @@ struct KerConfContext {
   FILE* file;
 };
 
+// A stream whose context owns a copy of the first `length` bytes of `name` (a host or a path);
+// null when memory runs out.
+template <typename Context>
+SlmStream* newNamedStream(const char* name, int length, Context initial, char* Context::*nameField,
+                          SlmStream operations) {
+  if (name == nullptr || length < 0) return nullptr;
+  auto* stream = new (std::nothrow) SlmStream{operations};
+  auto* context = new (std::nothrow) Context{initial};
+  char* copy = static_cast<char*>(malloc(static_cast<size_t>(length) + 1));
+  if (stream == nullptr || context == nullptr || copy == nullptr) {
+    delete stream;
+    delete context;
+    free(copy);
+    return nullptr;
+  }
+  memcpy(copy, name, static_cast<size_t>(length));
+  copy[length] = '\0';
+  context->*nameField = copy;
+  stream->context = context;
+  return stream;
+}
+
+template <typename Context>
+void closeNamedStream(SlmStream* stream, char* Context::*nameField) {
+  if (stream == nullptr) return;
+  auto* context = static_cast<Context*>(stream->context);
+  if (context != nullptr) free(context->*nameField);
+  delete context;
+  delete stream;
+}
+
 // Resolves `host` to an IPv4 address in network order. False when there is none.
 bool resolveHost(const char* host, in_addr_t* address) {
   // Only texts starting with 1 to 9 are dotted addresses here: "0.0.0.0" or "010.1.1.1" go to the
@@ -275,29 +306,13 @@ int convertToAscii(const char* source, char* destination, int length) {
 // Socket stream.
 
 SlmStream* newSocketStream(const char* host, int hostLength, uint16_t port, int16_t timeout) {
-  if (host == nullptr || hostLength < 0) return nullptr;
-  auto* stream = new (std::nothrow) SlmStream{};
-  auto* context = new (std::nothrow) SocketContext{};
-  char* hostCopy = static_cast<char*>(malloc(static_cast<size_t>(hostLength) + 1));
-  if (stream == nullptr || context == nullptr || hostCopy == nullptr) {
-    delete stream;
-    delete context;
-    free(hostCopy);
-    return nullptr;
-  }
-  memcpy(hostCopy, host, static_cast<size_t>(hostLength));
-  hostCopy[hostLength] = '\0';
-  *context = SocketContext{hostCopy, port, timeout, -1};
-  *stream = SlmStream{context, slm_sopen, slm_sread, slm_swrite, slm_sclose};
-  return stream;
+  return newNamedStream(host, hostLength, SocketContext{nullptr, port, timeout, -1},
+                        &SocketContext::host,
+                        SlmStream{nullptr, slm_sopen, slm_sread, slm_swrite, slm_sclose});
 }
 
 void closeSocketStream(SlmStream* stream) {
-  if (stream == nullptr) return;
-  auto* context = static_cast<SocketContext*>(stream->context);
-  if (context != nullptr) free(context->host);
-  delete context;
-  delete stream;
+  closeNamedStream(stream, &SocketContext::host);
 }
 
 int slm_sopen(void* context) {
@@ -457,29 +472,12 @@ int encoder_close(void* /*context*/) {
 // Kernel-configuration-file stream.
 
 SlmStream* newKerConfFileStream(const char* path, int pathLength) {
-  if (path == nullptr || pathLength < 0) return nullptr;
-  auto* stream = new (std::nothrow) SlmStream{};
-  auto* context = new (std::nothrow) KerConfContext{};
-  char* pathCopy = static_cast<char*>(malloc(static_cast<size_t>(pathLength) + 1));
-  if (stream == nullptr || context == nullptr || pathCopy == nullptr) {
-    delete stream;
-    delete context;
-    free(pathCopy);
-    return nullptr;
-  }
-  memcpy(pathCopy, path, static_cast<size_t>(pathLength));
-  pathCopy[pathLength] = '\0';
-  *context = KerConfContext{pathCopy, nullptr};
-  *stream = SlmStream{context, slm_kcfopen, slm_kcfread, slm_kcfwrite, slm_kcfclose};
-  return stream;
+  return newNamedStream(path, pathLength, KerConfContext{nullptr, nullptr}, &KerConfContext::path,
+                        SlmStream{nullptr, slm_kcfopen, slm_kcfread, slm_kcfwrite, slm_kcfclose});
 }
 
 void closeKerConfFileStream(SlmStream* stream) {
-  if (stream == nullptr) return;
-  auto* context = static_cast<KerConfContext*>(stream->context);
-  if (context != nullptr) free(context->path);
-  delete context;
-  delete stream;
+  closeNamedStream(stream, &KerConfContext::path);
 }
 
 int slm_kcfopen(void* context) {
