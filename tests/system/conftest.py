@@ -66,7 +66,10 @@ class AgentRoot:
     def environment(self) -> dict:
         env = dict(os.environ)
         env["KVDAGENT_ROOT"] = str(self.path)
-        env.setdefault("LANG", "C.UTF-8")
+        # One known locale whatever the machine's, so the code set the agent reports is UTF-8.
+        for variable in ("LC_ALL", "LC_MESSAGES", "LC_CTYPE"):
+            env.pop(variable, None)
+        env["LANG"] = "C.UTF-8"
         # A sanitized build reports into files here, so that reports of a daemon, whose streams
         # nobody reads, still fail the test.
         report = f"log_path={self.path}/sanitizer"
