@@ -12,24 +12,21 @@
 namespace slm::test {
 namespace {
 
-// Waits for `fd` to be readable or for the wake pipe. False when woken or on error.
+// False when woken by the pipe or on error.
 bool waitReadable(int fd, int wakeFd) {
   pollfd fds[2] = {{fd, POLLIN, 0}, {wakeFd, POLLIN, 0}};
-  for (;;) {
-    int ready = poll(fds, 2, -1);
-    if (ready < 0 && errno == EINTR) continue;
-    if (ready < 0 || (fds[1].revents & POLLIN) != 0) return false;
-    return (fds[0].revents & (POLLIN | POLLHUP | POLLERR)) != 0;
+  int ready;
+  while ((ready = poll(fds, 2, -1)) < 0 && errno == EINTR) {
   }
+  return ready > 0 && (fds[1].revents & POLLIN) == 0 &&
+         (fds[0].revents & (POLLIN | POLLHUP | POLLERR)) != 0;
 }
 
 bool sendAll(int fd, const std::string& bytes) {
-  size_t sent = 0;
-  while (sent < bytes.size()) {
+  for (size_t sent = 0; sent < bytes.size();) {
     ssize_t n = send(fd, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;
-    sent += static_cast<size_t>(n);
+    if (n == 0 || (n < 0 && errno != EINTR)) return false;
+    sent += n > 0 ? static_cast<size_t>(n) : 0;
   }
   return true;
 }
@@ -40,25 +37,20 @@ uint16_t bindLoopback(int fd) {
   address.sin_family = AF_INET;
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   socklen_t length = sizeof address;
-  if (fd < 0 || bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-      getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
-    return 0;
-  }
-  return ntohs(address.sin_port);
+  auto* raw = reinterpret_cast<sockaddr*>(&address);
+  bool ok = fd >= 0 && bind(fd, raw, sizeof address) == 0 && getsockname(fd, raw, &length) == 0;
+  return ok ? ntohs(address.sin_port) : 0;
 }
-
-}  // namespace
 
 bool isCompleteHttpRequest(const std::string& bytes) {
   size_t headEnd = bytes.find("\r\n\r\n");
-  if (headEnd == std::string::npos) return false;
-  size_t bodyLength = 0;
   size_t field = bytes.find("\r\nContent-Length:");
-  if (field != std::string::npos && field < headEnd) {
-    bodyLength = strtoul(bytes.c_str() + field + 17, nullptr, 10);
-  }
-  return bytes.size() >= headEnd + 4 + bodyLength;
+  if (headEnd == std::string::npos) return false;
+  size_t body = field < headEnd ? strtoul(bytes.c_str() + field + 17, nullptr, 10) : 0;
+  return bytes.size() >= headEnd + 4 + body;
 }
+
+}  // namespace
 
 uint16_t closedLoopbackPort() {
   int fd = socket(AF_INET, SOCK_STREAM, 0);
@@ -77,13 +69,9 @@ LoopbackServer::LoopbackServer(LoopbackScript script) : script_(std::move(script
 }
 
 LoopbackServer::~LoopbackServer() {
-  if (wakePipe_[1] >= 0) {
-    char wake = 1;
-    (void)!write(wakePipe_[1], &wake, 1);
-  }
+  if (wakePipe_[1] >= 0) (void)!write(wakePipe_[1], "x", 1);
   if (thread_.joinable()) thread_.join();
-  if (listenFd_ >= 0) close(listenFd_);
-  for (int fd : wakePipe_) {
+  for (int fd : {listenFd_, wakePipe_[0], wakePipe_[1]}) {
     if (fd >= 0) close(fd);
   }
 }
@@ -95,52 +83,35 @@ std::string LoopbackServer::waitFor(bool wholeRequest) {
   return received_;
 }
 
-void LoopbackServer::finish() {
-  std::lock_guard<std::mutex> lock(mutex_);
-  done_ = true;
-  changed_.notify_all();
-}
-
-// Records what arrives. False once the client closed, on an error, or when the server is told to
-// stop.
 bool LoopbackServer::readSome(int fd) {
-  if (!waitReadable(fd, wakePipe_[0])) return false;
   char chunk[4096];
-  ssize_t n = recv(fd, chunk, sizeof chunk, 0);
-  if (n <= 0) return false;
+  ssize_t n = waitReadable(fd, wakePipe_[0]) ? recv(fd, chunk, sizeof chunk, 0) : -1;
   std::lock_guard<std::mutex> lock(mutex_);
-  received_.append(chunk, static_cast<size_t>(n));
+  if (n > 0) received_.append(chunk, static_cast<size_t>(n));
   changed_.notify_all();
-  return true;
+  return n > 0;
 }
 
 void LoopbackServer::serve() {
-  if (!waitReadable(listenFd_, wakePipe_[0])) return finish();
-  int fd = accept(listenFd_, nullptr, nullptr);
-  if (fd < 0) return finish();
-
-  bool open = true;
-  if (script_.start == LoopbackScript::Start::kAfterRequest) {
-    for (;;) {
-      {
-        std::lock_guard<std::mutex> lock(mutex_);
-        if (isCompleteHttpRequest(received_)) break;
-      }
-      open = readSome(fd);
-      if (!open) break;
-    }
+  int fd = waitReadable(listenFd_, wakePipe_[0]) ? accept(listenFd_, nullptr, nullptr) : -1;
+  bool open = fd >= 0;
+  while (open && script_.start == LoopbackScript::Start::kAfterRequest) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    if (isCompleteHttpRequest(received_)) break;
+    lock.unlock();
+    open = readSome(fd);
   }
   for (size_t i = 0; open && i < script_.replies.size(); ++i) {
-    if (i > 0 && script_.pauseBetween.count() > 0)
-      std::this_thread::sleep_for(script_.pauseBetween);
+    if (i > 0) std::this_thread::sleep_for(script_.pauseBetween);
     open = sendAll(fd, script_.replies[i]);
   }
-  // Ending only the sending side lets the client read everything and then end of data; closing
-  // with unread request bytes would reset the connection instead.
+  // Ending only the sending side lets the client read to end of data; a close would reset it.
   if (open && script_.closeAfterReplies) shutdown(fd, SHUT_WR);
   while (open) open = readSome(fd);
-  close(fd);
-  finish();
+  if (fd >= 0) close(fd);
+  std::lock_guard<std::mutex> lock(mutex_);
+  done_ = true;
+  changed_.notify_all();
 }
 
 }  // namespace slm::test
