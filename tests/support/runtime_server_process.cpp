@@ -5,7 +5,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <sstream>
@@ -14,26 +13,13 @@ namespace slm::test {
 namespace {
 
 constexpr const char* kPython = "/usr/bin/python3";
-constexpr int kStartBoundMs = 30000;
 
-std::string serverScript() {
-  return std::string(SLM_SOURCE_DIR) + "/tools/runtime_server/server.py";
-}
-
-// Reads the first line the child prints, waiting at most the start bound.
+// Reads the first line the child prints once it prints within 30 seconds.
 std::string readFirstLine(int fd) {
   std::string line;
-  auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kStartBoundMs);
-  while (line.empty() || line.back() != '\n') {
-    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-        deadline - std::chrono::steady_clock::now());
-    if (left.count() <= 0) break;
-    pollfd p{fd, POLLIN, 0};
-    if (poll(&p, 1, static_cast<int>(left.count())) <= 0) break;
-    char c;
-    if (read(fd, &c, 1) != 1) break;
-    line.push_back(c);
-  }
+  pollfd p{fd, POLLIN, 0};
+  if (poll(&p, 1, 30000) <= 0) return line;
+  for (char c; (line.empty() || line.back() != '\n') && read(fd, &c, 1) == 1;) line.push_back(c);
   return line;
 }
 
@@ -41,57 +27,51 @@ std::string readFirstLine(int fd) {
 
 RuntimeServerProcess::RuntimeServerProcess(const std::string& scenario) {
   dir_.writeFile("scenario.json", scenario);
-  int pipeFds[2];
-  if (pipe(pipeFds) != 0) return;
-  std::string script = serverScript();
-  std::string state = dir_.file("state");
-  std::string scenarioPath = dir_.file("scenario.json");
+  int fds[2];
+  if (pipe(fds) != 0) return;
+  std::string script = std::string(SLM_SOURCE_DIR) + "/tools/runtime_server/server.py";
+  std::string state = dir_.file("state"), scenarioPath = dir_.file("scenario.json");
   pid_ = fork();
   if (pid_ == 0) {
-    dup2(pipeFds[1], STDOUT_FILENO);
-    close(pipeFds[0]);
-    close(pipeFds[1]);
+    dup2(fds[1], STDOUT_FILENO);
+    close(fds[0]);
+    close(fds[1]);
     execl(kPython, kPython, script.c_str(), "serve", "--state", state.c_str(), "--scenario",
           scenarioPath.c_str(), static_cast<char*>(nullptr));
     _exit(127);
   }
-  close(pipeFds[1]);
-  if (pid_ > 0) {
-    std::string line = readFirstLine(pipeFds[0]);
-    if (line.rfind("port ", 0) == 0) port_ = static_cast<uint16_t>(atoi(line.c_str() + 5));
-  }
-  close(pipeFds[0]);
+  close(fds[1]);
+  std::string line = pid_ > 0 ? readFirstLine(fds[0]) : "";
+  if (line.rfind("port ", 0) == 0) port_ = static_cast<uint16_t>(atoi(line.c_str() + 5));
+  close(fds[0]);
 }
 
 RuntimeServerProcess::~RuntimeServerProcess() {
   if (pid_ <= 0) return;
   kill(pid_, SIGTERM);
-  int status = 0;
-  waitpid(pid_, &status, 0);
+  waitpid(pid_, nullptr, 0);
 }
 
 std::string RuntimeServerProcess::query(const std::string& script,
                                         const std::string& argument) const {
-  std::string command = std::string(kPython) + " -c '" + script + "' '" + dir_.file("state") +
-                        "/server.db' '" + argument + "'";
+  std::string command = std::string(kPython) + " -c '" +
+                        "import sqlite3, sys\ndb = sqlite3.connect(sys.argv[1])\n" + script +
+                        "' '" + dir_.file("state") + "/server.db' '" + argument + "'";
   FILE* pipe = popen(command.c_str(), "r");
   if (pipe == nullptr) return "";
   std::string out;
   char buffer[4096];
-  size_t n;
-  while ((n = fread(buffer, 1, sizeof buffer, pipe)) > 0) out.append(buffer, n);
+  for (size_t n; (n = fread(buffer, 1, sizeof buffer, pipe)) > 0;) out.append(buffer, n);
   pclose(pipe);
   return out;
 }
 
 std::string RuntimeServerProcess::lastRequest(const std::string& serviceId) const {
-  static const char* script =
-      "import sqlite3, sys\n"
-      "db = sqlite3.connect(sys.argv[1])\n"
+  return query(
       "row = db.execute(\"SELECT raw FROM requests WHERE service = ? ORDER BY id DESC LIMIT 1\","
       " (sys.argv[2],)).fetchone()\n"
-      "sys.stdout.buffer.write(bytes(row[0]) if row else b\"\")\n";
-  return query(script, serviceId);
+      "sys.stdout.buffer.write(bytes(row[0]) if row else b\"\")\n",
+      serviceId);
 }
 
 std::string RuntimeServerProcess::lastRequestBody(const std::string& serviceId) const {
@@ -101,13 +81,11 @@ std::string RuntimeServerProcess::lastRequestBody(const std::string& serviceId) 
 }
 
 std::vector<std::string> RuntimeServerProcess::violations() const {
-  static const char* script =
-      "import sqlite3, sys\n"
-      "db = sqlite3.connect(sys.argv[1])\n"
-      "for kind, detail in db.execute(\"SELECT kind, detail FROM violations ORDER BY id\"):\n"
-      "    print(\"%s: %s\" % (kind, detail))\n";
+  std::istringstream text(
+      query("for kind, detail in db.execute(\"SELECT kind, detail FROM violations ORDER BY id\"):\n"
+            "    print(\"%s: %s\" % (kind, detail))\n",
+            ""));
   std::vector<std::string> lines;
-  std::istringstream text(query(script, ""));
   for (std::string line; std::getline(text, line);) lines.push_back(line);
   return lines;
 }

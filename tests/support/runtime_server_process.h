@@ -1,6 +1,5 @@
-// The reference runtime server as a child process for tests of the services: it serves one
-// scenario on 127.0.0.1 from a fresh state directory, and its database is read back through the
-// interpreter to give the raw requests it received and the protocol violations it found.
+// The reference runtime server as a child process serving one scenario on 127.0.0.1; its database
+// is read back through the interpreter for the raw requests and the protocol violations.
 #pragma once
 
 #include <sys/types.h>
@@ -22,7 +21,7 @@ class RuntimeServerProcess {
   RuntimeServerProcess& operator=(const RuntimeServerProcess&) = delete;
 
   uint16_t port() const { return port_; }
-  // Every byte of the latest request for service `serviceId`, head and body; "" when none came.
+  // Every byte of the latest request for service `serviceId`; "" when none came.
   std::string lastRequest(const std::string& serviceId) const;
   // The body of that request: what follows the blank line.
   std::string lastRequestBody(const std::string& serviceId) const;
