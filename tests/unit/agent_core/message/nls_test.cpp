@@ -41,7 +41,10 @@ class NlsCatalogue : public ::testing::Test {
     setAgentRoot(root_.path().c_str());
     initLanguageSupport(nullptr, nullptr);
   }
-  void TearDown() override { shutdownLanguageSupport(), setAgentRoot(savedRoot_.c_str()); }
+  void TearDown() override {
+    shutdownLanguageSupport();
+    setAgentRoot(savedRoot_.c_str());
+  }
   static void installCatalogue(const test::TempDir& root, const std::string& relativePath) {
     root.writeFile(relativePath, test::readFile(SLM_NLS_CATALOGUE));
   }
