@@ -1,6 +1,6 @@
-// Arena blocks are single zeroed allocations: a block header, then the slots. Each slot is a slot
-// header (the active flag and the free-list link) followed by the element's storage. The link
-// lives in the header rather than in the storage because an element may be smaller than a pointer.
+// Arena blocks are single zeroed allocations: a block header, then the slots. Each slot is an
+// 8-byte header holding the active flag, followed by the element's storage, which is never smaller
+// than a pointer: a freed slot keeps the free-list link in the first word of its storage.
 #include "agent_core/support/arena.h"
 
 #include <cstdlib>
@@ -15,14 +15,15 @@ struct ArenaBlock {
 
 struct ArenaSlot {
   uint8_t active;  // non-zero while the element is in use
-  ArenaSlot* nextFree;
 };
 
 namespace {
 
 constexpr size_t kElementSizeMultiple = 4;
-// Storage is aligned for any type, as malloc'd memory is: records hold 64-bit keys and pointers.
-constexpr size_t kStorageAlignment = alignof(std::max_align_t);
+// Nothing stored needs more; a wider alignment would cost a large table (the catalog's files)
+// several percent of its memory.
+constexpr size_t kStorageAlignment = kArenaAlignment;
+static_assert(kStorageAlignment >= alignof(int64_t) && kStorageAlignment >= alignof(void*));
 
 constexpr size_t roundUp(size_t value, size_t multiple) {
   return (value + multiple - 1) / multiple * multiple;
@@ -52,6 +53,11 @@ void* storageOf(ArenaSlot* slot) {
 
 ArenaSlot* slotOf(void* storage) {
   return reinterpret_cast<ArenaSlot*>(static_cast<uint8_t*>(storage) - kSlotHeaderBytes);
+}
+
+// The free-list link of a freed slot, kept in its storage.
+ArenaSlot*& nextFreeOf(ArenaSlot* slot) {
+  return *static_cast<ArenaSlot**>(storageOf(slot));
 }
 
 ArenaBlock* newBlock(const Arena* arena) {
@@ -84,7 +90,7 @@ void* newArenaElement(Arena* arena) {
   if (arena == nullptr) return nullptr;
   ArenaSlot* slot = arena->freeHead;
   if (slot != nullptr) {
-    arena->freeHead = slot->nextFree;
+    arena->freeHead = nextFreeOf(slot);
   } else {
     if (arena->usedInCurrent == arena->elementsPerBlock) {
       ArenaBlock* block = newBlock(arena);
@@ -96,8 +102,7 @@ void* newArenaElement(Arena* arena) {
     slot = slotAt(arena, arena->currentBlock, arena->usedInCurrent++);
   }
   slot->active = 1;
-  slot->nextFree = nullptr;
-  memset(storageOf(slot), 0, arena->elementSize);
+  memset(storageOf(slot), 0, roundUp(arena->elementSize, kStorageAlignment));
   return storageOf(slot);
 }
 
@@ -108,7 +113,7 @@ void deleteArenaElement(Arena* arena, void* element) {
   if (!slot->active) return;
   memset(element, 0, arena->elementSize);
   slot->active = 0;
-  slot->nextFree = arena->freeHead;
+  nextFreeOf(slot) = arena->freeHead;
   arena->freeHead = slot;
 }
 

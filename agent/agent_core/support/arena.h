@@ -9,6 +9,14 @@
 
 namespace slm {
 
+// Element storage is aligned for 64-bit integers and pointers, which is all any record holds.
+constexpr size_t kArenaAlignment = 8;
+
+// Rounds a header size up so that what follows it in an element keeps the arena's alignment.
+constexpr size_t arenaAligned(size_t bytes) {
+  return (bytes + kArenaAlignment - 1) / kArenaAlignment * kArenaAlignment;
+}
+
 struct ArenaBlock;
 struct ArenaSlot;
 
@@ -25,7 +33,7 @@ struct Arena {
 
 // Null when memory is short; the first block is allocated at once.
 Arena* initArena(size_t elementSize, size_t elementsPerBlock);
-// Zeroed storage of the element size, aligned for any type, or null when memory is short.
+// Zeroed storage of the element size, aligned to kArenaAlignment, or null when memory is short.
 void* newArenaElement(Arena* arena);
 // Zeroes the storage and makes it the next one handed out. Deleting a free element does nothing.
 void deleteArenaElement(Arena* arena, void* element);

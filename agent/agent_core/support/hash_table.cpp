@@ -14,9 +14,8 @@ struct HtEntry {
 
 namespace {
 
-// Values are aligned for any type, as the arena's storage is.
-constexpr size_t kEntryHeaderBytes = (sizeof(HtEntry) + alignof(std::max_align_t) - 1) /
-                                     alignof(std::max_align_t) * alignof(std::max_align_t);
+// Values keep the alignment of the arena's storage.
+constexpr size_t kEntryHeaderBytes = arenaAligned(sizeof(HtEntry));
 
 void* valueOf(HtEntry* entry) {
   return reinterpret_cast<uint8_t*>(entry) + kEntryHeaderBytes;

@@ -13,9 +13,8 @@ struct ListElement {
 namespace {
 
 constexpr size_t kElementsPerBlock = 50;
-// Records are aligned for any type, as the arena's storage is.
-constexpr size_t kElementHeaderBytes = (sizeof(ListElement) + alignof(std::max_align_t) - 1) /
-                                       alignof(std::max_align_t) * alignof(std::max_align_t);
+// Records keep the alignment of the arena's storage.
+constexpr size_t kElementHeaderBytes = arenaAligned(sizeof(ListElement));
 
 void* recordOf(ListElement* element) {
   return reinterpret_cast<uint8_t*>(element) + kElementHeaderBytes;

@@ -33,7 +33,7 @@ TEST(Arena, RoundsSizeAndKeepsElementsApartAndAligned) {
     uint8_t* elements[7];
     for (int i = 0; i < 7; ++i) {
       elements[i] = static_cast<uint8_t*>(newArenaElement(arena));
-      EXPECT_EQ(0u, reinterpret_cast<uintptr_t>(elements[i]) % alignof(std::max_align_t));
+      EXPECT_EQ(0u, reinterpret_cast<uintptr_t>(elements[i]) % kArenaAlignment);
       EXPECT_EQ(stored, std::count(elements[i], elements[i] + stored, 0));
       memset(elements[i], 0x10 + i, stored);
     }
