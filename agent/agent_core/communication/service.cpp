@@ -12,6 +12,7 @@
 
 #include "agent_core/cache/agent.h"
 #include "agent_core/cache/srvs.h"
+#include "agent_core/communication/service_call.h"
 #include "agent_core/communication/slm.h"
 #include "agent_core/communication/slm_http.h"
 #include "agent_core/data/slm_time.h"
@@ -25,100 +26,11 @@ namespace {
 
 // Payload tokens are read into areas of this size.
 constexpr int kTokenSize = 256;
+using Token = PayloadToken<kTokenSize>;
 
-struct Field {
-  std::string text;
-  int mask;
-};
-
-// One payload token, terminated, in its own area.
-class Token {
- public:
-  // The tokenizer's result: kTokenFoundA, kTokenFoundB or a stream error.
-  int read(HttpHandle* handle, const TokenDesc* delimA, const TokenDesc* delimB,
-           int mode = kTokenConsume) {
-    buffer_ = TokenBuffer{area_, 0, kTokenSize};
-    return getContentToken(handle, delimA, delimB, &buffer_, mode);
-  }
-  const char* text() const { return area_; }
-
- private:
-  char area_[kTokenSize] = "";
-  TokenBuffer buffer_{area_, 0, kTokenSize};
-};
-
-std::string agentText(int32_t id) {
-  char value[kAgentTextSize] = "";
-  if (getAgentCharValue(id, value, sizeof value) != kAgentValueOk) value[0] = '\0';
-  return value;
-}
-
-int64_t agentInt(int32_t id) {
-  int64_t value = 0;
-  if (getAgentIntValue(id, &value) != kAgentValueOk) value = 0;
-  return value;
-}
-
-std::string int64Text(int64_t value) {
-  char text[24];
-  snprintf(text, sizeof text, "%" PRId64, value);
-  return text;
-}
-
-std::string int32Text(int64_t value) {
-  char text[16];
-  snprintf(text, sizeof text, "%d", static_cast<int32_t>(value));
-  return text;
-}
-
-// The preferred server's address, copied under the cache's read lock.
-int preferredServer(ServerAddress* server) {
-  ServerInfo info{};
-  int found = kSrvsFailed;
-  if (readLockSrvsCache() == kSrvsOk) {
-    ServerHandle handle = nullptr;
-    found = getNextServer(&handle, kAnyServer, &info);
-    releaseLockSrvsCache();
-  }
-  if (found != kSrvsOk) {
-    SLM_TRACE(0, "ERROR - No preferred server info retrieved");
-    return kServiceFailed;
-  }
-  *server = info.address;
-  return kServiceOk;
-}
-
-// Opens service `serviceId` on `server`, sends the fields and the terminator and reads the
-// answer's head. Null when any step failed; the failure is traced and the handle freed.
-HttpHandle* requestService(const ServerAddress& server, const char* serviceId,
-                           const std::vector<Field>& fields) {
-  HttpHandle* handle = newSlmService(&server, serviceId, kNodeServiceTimeoutSeconds);
-  if (handle == nullptr) {
-    SLM_TRACE(0, "ERROR - Error init http request, service: %s", serviceId);
-    return nullptr;
-  }
-  bool sent = true;
-  for (const Field& field : fields) {
-    sent =
-        sendSlmContent(handle, field.text.c_str(), &par_sep_tk, field.mask) == kContentSent && sent;
-  }
-  if (!sent || endSlmRequest(handle) != kContentSent) {
-    SLM_TRACE(0, "ERROR - Error setting content, service %s", serviceId);
-    freeHttpHandle(handle);
-    return nullptr;
-  }
-  if (getSlmServiceResponse(handle) != kServiceAnswerUsable) {
-    SLM_TRACE(0, "ERROR - Error in response, service %s", serviceId);
-    freeHttpHandle(handle);
-    return nullptr;
-  }
-  return handle;
-}
-
-// Ends a service whose payload could not be used: frees the handle and returns `result`.
-int abandon(HttpHandle* handle, int result) {
-  freeHttpHandle(handle);
-  return result;
+HttpHandle* requestNodeService(const ServerAddress& server, const char* serviceId,
+                               const std::vector<ServiceField>& fields) {
+  return requestService(server, serviceId, fields, kNodeServiceTimeoutSeconds);
 }
 
 // Whether a line comes before the trailer, looked at without consuming anything.
@@ -169,7 +81,7 @@ int plugIn(const ServerAddress* server) {
   SLM_TRACE(2, "SRVCS - Plugging in on server: %s", server->host);
   AgentTime now = getNowWithOffset(0);
   std::string tag = agentText(kAgentTag).substr(0, kPlugInTagMax);
-  std::vector<Field> fields = {
+  std::vector<ServiceField> fields = {
       {kAgentVersion, kNoMask},
       {int64Text(agentInt(kAgentId)), kNoMask},
       {agentText(kAgentHostName), kMask},
@@ -187,7 +99,7 @@ int plugIn(const ServerAddress* server) {
       {int32Text(now) + (now != 0 ? "000" : ""), kNoMask},
       {tag, kMask},
   };
-  HttpHandle* handle = requestService(*server, kServicePlugin, fields);
+  HttpHandle* handle = requestNodeService(*server, kServicePlugin, fields);
   if (handle == nullptr) return kServiceFailed;
 
   // The answer must carry a node line. Without one this read takes the trailer's tag, and the
@@ -198,7 +110,7 @@ int plugIn(const ServerAddress* server) {
     int64_t nodeId = aToSlmInt64(node.text());
     if (!plausibleNumber(node.text(), nodeId)) {
       SLM_TRACE(0, "ERROR - Bad node_id during conversion: %s", node.text());
-      return abandon(handle, kServiceMalformedPayload);
+      return abandonService(handle, kServiceMalformedPayload);
     }
     (void)setAgentIntValue(kAgentNodeId, nodeId);
   }
@@ -209,11 +121,11 @@ int downloadParameters(int32_t* parameters) {
   ServerAddress server;
   if (preferredServer(&server) != kServiceOk) return kServiceFailed;
   SLM_TRACE(2, "SRVCS - Parameters from server: %s", server.host);
-  std::vector<Field> fields = {
+  std::vector<ServiceField> fields = {
       {int64Text(agentInt(kAgentId)), kNoMask},
       {int64Text(agentInt(kAgentDivisionId)), kNoMask},
   };
-  HttpHandle* handle = requestService(server, kServiceParameters, fields);
+  HttpHandle* handle = requestNodeService(server, kServiceParameters, fields);
   if (handle == nullptr) return kServiceFailed;
   if (!lineBeforeTrailer(handle)) return endSlmService(handle);
 
@@ -223,7 +135,7 @@ int downloadParameters(int32_t* parameters) {
   for (int line = 1; line <= kParameterLines; ++line) {
     Token value;
     if (value.read(handle, &crlf_tk, &response_tag_tk) != kTokenFoundA) {
-      return abandon(handle, kServiceFailed);
+      return abandonService(handle, kServiceFailed);
     }
     if (word == kParameterUpdateEnableWord) {
       if (strcasecmp(value.text(), "yes") == 0) {
@@ -232,7 +144,7 @@ int downloadParameters(int32_t* parameters) {
         parameters[word++] = 0;
       } else {
         SLM_TRACE(0, "ERROR - Bad update enable string '%s'", value.text());
-        return abandon(handle, kServiceMalformedPayload);
+        return abandonService(handle, kServiceMalformedPayload);
       }
       continue;
     }
@@ -247,7 +159,7 @@ int downloadParameters(int32_t* parameters) {
     if (!plausibleNumber(value.text(), number)) {
       SLM_TRACE(0, "ERROR - Bad number in content: %s, number %d", value.text(),
                 static_cast<int32_t>(number));
-      return abandon(handle, kServiceMalformedPayload);
+      return abandonService(handle, kServiceMalformedPayload);
     }
   }
   return endSlmService(handle);
@@ -255,7 +167,7 @@ int downloadParameters(int32_t* parameters) {
 
 int pingRTServer(const ServerAddress* server) {
   SLM_TRACE(2, "SRVCS - Pinging server : %s", server->host);
-  HttpHandle* handle = requestService(*server, kServicePing, {});
+  HttpHandle* handle = requestNodeService(*server, kServicePing, {});
   if (handle == nullptr) return kPingFailed;
   // The trailer of a ping is not looked at: any usable answer means the server is there.
   freeHttpHandle(handle);
@@ -266,27 +178,27 @@ int downloadTopology(SlmList* servers) {
   ServerAddress server;
   if (preferredServer(&server) != kServiceOk) return kServiceFailed;
   SLM_TRACE(2, "SRVCS - Topology from server: %s", server.host);
-  std::vector<Field> fields = {
+  std::vector<ServiceField> fields = {
       {int64Text(agentInt(kAgentId)), kNoMask},
       {int64Text(agentInt(kAgentDivisionId)), kNoMask},
   };
-  HttpHandle* handle = requestService(server, kServiceTopology, fields);
+  HttpHandle* handle = requestNodeService(server, kServiceTopology, fields);
   if (handle == nullptr) return kServiceFailed;
 
   Token begin;
   if (begin.read(handle, &begin_div_tk, &response_tag_tk) != kTokenFoundA) {
     SLM_TRACE(0, "ERROR - Not begin divion servers found, string %s", begin.text());
-    return abandon(handle, kServiceFailed);
+    return abandonService(handle, kServiceFailed);
   }
   int result = readServerSection(handle, &end_div_tk, servers);
-  if (result != kServiceOk) return abandon(handle, result);
+  if (result != kServiceOk) return abandonService(handle, result);
   if (begin.read(handle, &begin_ent_tk, &response_tag_tk) != kTokenFoundA) {
     // The message ends in a bare percent sign; logs are matched on it as it stands.
     SLM_TRACE(0, "ERROR - Not enterprise begin found, string %%");
-    return abandon(handle, kServiceFailed);
+    return abandonService(handle, kServiceFailed);
   }
   result = readServerSection(handle, &end_ent_tk, servers);
-  if (result != kServiceOk) return abandon(handle, result);
+  if (result != kServiceOk) return abandonService(handle, result);
   return endSlmService(handle);
 }
 
@@ -301,7 +213,7 @@ int downloadNewAgent(char* command, size_t commandSize, SlmList* files) {
     SLM_TRACE(0, "ERROR - No system environment variables retrieved");
     return kServiceFailed;
   }
-  std::vector<Field> fields = {
+  std::vector<ServiceField> fields = {
       {int64Text(agentInt(kAgentId)), kNoMask},
       {kAgentVersion, kNoMask},
       {systemName, kMask},
@@ -315,7 +227,7 @@ int downloadNewAgent(char* command, size_t commandSize, SlmList* files) {
       {agentText(kAgentCustomer), kNoMask},
       {command, kNoMask},
   };
-  HttpHandle* handle = requestService(server, kServiceNewAgent, fields);
+  HttpHandle* handle = requestNodeService(server, kServiceNewAgent, fields);
   if (handle == nullptr) return kServiceFailed;
 
   if (!lineBeforeTrailer(handle)) {
@@ -325,25 +237,25 @@ int downloadNewAgent(char* command, size_t commandSize, SlmList* files) {
   Token line;
   if (line.read(handle, &crlf_tk, &response_tag_tk) != kTokenFoundA) {
     SLM_TRACE(0, "ERROR - Update Agent: no command found");
-    return abandon(handle, kServiceFailed);
+    return abandonService(handle, kServiceFailed);
   }
   memset(command, 0, commandSize);
   copyBounded(command, commandSize - 1, line.text());
 
   while (lineBeforeTrailer(handle)) {
     if (line.read(handle, &crlf_tk, &response_tag_tk) != kTokenFoundA) {
-      return abandon(handle, kServiceFailed);
+      return abandonService(handle, kServiceFailed);
     }
     ServerAddress file = server;
     copyBounded(file.path, kServerPathSize - 1, line.text());
     if (append(files, &file) != kListOk) {
       SLM_TRACE(0, "ERROR - Inserting server %s in list", file.host);
-      return abandon(handle, kServiceMalformedPayload);
+      return abandonService(handle, kServiceMalformedPayload);
     }
   }
   if (entries(files) == 0) {
     SLM_TRACE(0, "ERROR - No download files found in list");
-    return abandon(handle, kServiceMalformedPayload);
+    return abandonService(handle, kServiceMalformedPayload);
   }
   return endSlmService(handle);
 }
