@@ -4,7 +4,9 @@
 #include <cstdint>
 #include <cstdlib>
 
+#include "agent_core/cache/lat.h"
 #include "agent_core/cache/srvs.h"
+#include "agent_core/cache/uat.h"
 #include "agent_core/slm_conf.h"
 #include "agent_core/support/trace.h"
 
@@ -44,8 +46,14 @@ bool readConfiguredServer(ServerInfo* server) {
 }  // namespace
 
 int createCache() {
-  // The catalog cache and the unknown files table are created before the server cache once this
-  // build has them; today the server cache is the only one.
+  if (createComponentsCache() != kLatOk) {
+    SLM_TRACE(0, "ERROR - Creating components cache");
+    return kCacheNotCreated;
+  }
+  if (createUATCache() != kUatOk) {
+    SLM_TRACE(0, "ERROR - Creating UAT cache");
+    return kCacheNotCreated;
+  }
   ServerInfo configured;
   if (!readConfiguredServer(&configured)) return kCacheNotCreated;
   if (createServersCache(&configured) != kSrvsOk) {
@@ -57,7 +65,10 @@ int createCache() {
 }
 
 void deleteCache() {
-  // The catalog cache and the unknown files table will be deleted first, in creation order.
+  // The catalog and the unknown files table name the preferred server in their files, so the
+  // server cache goes last.
+  deleteComponentsCache();
+  deleteUATCache();
   deleteServersCache();
   SLM_TRACE(1, "OK - Cache deleted");
 }

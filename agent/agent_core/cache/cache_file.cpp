@@ -51,7 +51,11 @@ void decodeCacheHeader(const uint8_t* in, CacheHeader* header) {
 }
 
 char* cacheFilePath(const char* fileName, char* out) {
-  rootedPath(kCacheDir, out, kCachePathSize);
+  return rootedFilePath(kCacheDir, fileName, out);
+}
+
+char* rootedFilePath(const char* directory, const char* fileName, char* out) {
+  rootedPath(directory, out, kCachePathSize);
   size_t length = strlen(out);
   if (length + 1 < kCachePathSize) out[length++] = '/';
   out[length] = '\0';

@@ -76,6 +76,8 @@ void decodeCacheHeader(const uint8_t* in, CacheHeader* header);
 // Writes the path of the cache file `fileName` (the cache directory under the root, "/", the name)
 // into `out`, which holds kCachePathSize bytes. Returns `out`.
 char* cacheFilePath(const char* fileName, char* out);
+// The same for a file in any of the agent's fixed directories.
+char* rootedFilePath(const char* directory, const char* fileName, char* out);
 
 constexpr int kCacheVersionOk = 0;
 constexpr int kCacheVersionBad = 1;  // bad file id, or a version other than the table's
