@@ -27,6 +27,11 @@ inline std::string le32(uint32_t value) {
                 static_cast<int>((value >> 16) & 0xFF), static_cast<int>(value >> 24)});
 }
 
+// `value` as eight little-endian bytes.
+inline std::string le64(uint64_t value) {
+  return le32(static_cast<uint32_t>(value)) + le32(static_cast<uint32_t>(value >> 32));
+}
+
 // `text` followed by zeros up to `size` bytes.
 inline std::string field(const std::string& text, size_t size) {
   return text + std::string(size - text.size(), '\0');
