@@ -16,53 +16,28 @@
 #include "agent_core/communication/comm_init.h"
 #include "agent_core/communication/slm.h"
 #include "agent_core/support/linux/osinfo.h"
-#include "support/agent_sandbox.h"
-#include "support/fake_clock.h"
-#include "support/runtime_server_process.h"
+#include "support/service_sandbox.h"
 
 namespace slm {
 namespace {
 
-const std::string kTime = "1700000000000\r\n";
-const std::string kTerminator = "<request:ok>\r\n";
+const std::string kTime = test::kRequestTime;
+const std::string kTerminator = test::kRequestEnd;
 
-// The agent's values set by hand; the reference server as preferred server of a fresh cache.
-class NodeService : public test::AgentSandbox {
+// The agent's values set by hand.
+class NodeService : public test::ServiceSandbox {
  protected:
   void SetUp() override {
-    AgentSandbox::SetUp();
-    loadConfiguration("agentid=4711\ndivisionid=-42\ntag=lab\ncustomer=acme\nserver=127.0.0.1\n");
-    ASSERT_EQ(initAgentInfo(), kAgentValueOk);
+    ServiceSandbox::SetUp();
     ASSERT_EQ(setAgentCharValue(kAgentIpAddress, "10.0.0.5"), kAgentValueOk);
     ASSERT_EQ(setAgentCharValue(kAgentOsDescription, "Linux 6.1|smp"), kAgentValueOk);
     const int ids[] = {kAgentMemoryMiB, kAgentDiskCount, kAgentCpuCount, kAgentCpuCountCopy,
                        kAgentDriverStatus};
     const int values[] = {2048, 2, 4, 4, 3};
     for (int i = 0; i < 5; ++i) ASSERT_EQ(setAgentIntValue(ids[i], values[i]), kAgentValueOk);
-    ASSERT_EQ(initSlmServices(nullptr, 30), kSlmServicesReady);
     // Set after the service layer made its identity header: the field's masking is tested here.
     ASSERT_EQ(setAgentCharValue(kAgentHostName, "node|one\r\nx"), kAgentValueOk);
   }
-
-  void TearDown() override {
-    if (cacheCreated_) deleteServersCache();
-    clearAgentInfo();
-    AgentSandbox::TearDown();
-  }
-
-  // Starts the server on `scenario` and makes it the preferred server of a fresh cache.
-  void serve(const std::string& scenario) {
-    if (std::exchange(cacheCreated_, false)) deleteServersCache();
-    server_ = std::make_unique<test::RuntimeServerProcess>(scenario);
-    ASSERT_NE(server_->port(), 0) << "the runtime server did not start";
-    ServerInfo preferred{};
-    preferred.address = address();
-    ASSERT_EQ(createServersCache(&preferred), kSrvsOk);
-    cacheCreated_ = true;
-    restartTrace();
-  }
-  ServerAddress address() const { return {"127.0.0.1", "/", server_->port()}; }
-  void expectConforming() const { EXPECT_EQ(server_->violations(), std::vector<std::string>{}); }
 
   // Calls p(lug-in), a (parameters), t(opology) or n(ew agent); after_: parameter word 0 (-9
   // before), the command ("keep" before) or else the node id (77 before), then servers listed.
@@ -88,10 +63,7 @@ class NodeService : public test::AgentSandbox {
     return result;
   }
 
-  bool cacheCreated_ = false;
   std::string after_;
-  test::FakeClock clock_{1700000000};
-  std::unique_ptr<test::RuntimeServerProcess> server_;
 };
 
 TEST_F(NodeService, PlugInSendsItsFieldsAndStoresTheNodeId) {
