@@ -7,14 +7,17 @@
 #include <string>
 
 #include "agent_core/cache/agent.h"
+#include "agent_core/cache/lat.h"
 #include "agent_core/cache/srvs.h"
+#include "agent_core/cache/uat.h"
 #include "agent_core/support/bytes.h"
+#include "agent_core/support/hash_table.h"
 #include "support/agent_sandbox.h"
 
 namespace slm {
 namespace {
 
-using test::field, test::le32;
+using test::field, test::le32, test::le64;
 
 size_t openDescriptors() {
   auto entries = std::filesystem::directory_iterator("/proc/self/fd");
@@ -135,6 +138,72 @@ TEST_F(DamagedFile, PluginFileAnswersWithItsResults) {
     ASSERT_EQ(getAgentCharValue(kAgentDriverName, name.data(), name.size()), kAgentValueOk);
     EXPECT_TRUE(name.back() == '\0' && strlen(name.c_str()) <= kAgentTextSize);
   }
+}
+
+// A catalog (with the usual bucket count: the count plays no part here) or unknown files table
+// built from any file loads, answers every lookup within its
+// records, stores and reads back what it holds.
+TEST_F(DamagedFile, CatalogAndUnknownFilesCutOrChangedLoadAndStore) {
+  loadConfiguration("server=alpha\n");
+  root_.makeDirs("var/qsam/log");
+  const ServerInfo configured{.address = {.host = "alpha", .path = "", .port = 0},
+                              .securityLevel = 0};
+  ASSERT_EQ(createServersCache(&configured), kSrvsOk);
+  const std::string header = le64(1000) + field("alpha", 256);
+  std::string catalog = le32(1) + le32(2) + header + le32(2);
+  for (int id : {1, 2}) catalog += le64(id) + le64(0) + test::bytes({1, 2, 3, 0});
+  for (int i = 0; i < 3; ++i) {  // the last file lists 16 ids, some of them unknown
+    catalog += field("file" + std::to_string(i), 256) + le64(10 + i) + le32(0) + le32(0) + le32(0);
+    for (int slot = 0; slot < 16; ++slot) catalog += le64(i == 2 || slot < i ? slot + 1 : 0);
+    catalog += le32(i == 2 ? 16 : i);
+  }
+  std::string unknown = le32(1) + le32(3) + header;
+  for (int i = 0; i < 3; ++i)
+    unknown += field("prog" + std::to_string(i), 256) + le64(20 + i) + std::string(12, '\0') +
+               field("/opt/x", 404) + le32(1000 + i);
+
+  for (const std::string* valid : {&catalog, &unknown}) {
+    const bool isCatalog = valid == &catalog;
+    const char* name = isCatalog ? kCatalogFileName : kUatFileName;
+    for (size_t i = 0; i < 2 * valid->size() + 300 && !HasFailure(); i += 1 + rng_() % 7) {
+      std::string data = variant(*valid, i);
+      writeCacheFile(name, data);
+      int32_t held = 0;
+      if (isCatalog) {
+        ASSERT_EQ(createComponentsCacheWithBuckets(kHashBuckets), kLatOk);
+        for (int n = 0; n < 4; ++n) {  // every lookup stays within its record
+          FileRecord key{}, found{};
+          snprintf(key.name, sizeof key.name, "FILE%d", n);
+          key.size = 10 + n;
+          ComponentRecord parts[kMaxFileComponents];
+          int32_t count = -1;
+          int result = findFileEntry(&key, &found, parts, &count);
+          ASSERT_TRUE(result == kLatNotFound || (result == kLatOk && count >= 0 && count <= 16));
+          held += result == kLatOk;
+        }
+        deleteComponentsCache();
+      } else {
+        ASSERT_EQ(createUATCache(), kUatOk);
+        held = getUnknownFilesNumber();
+        ASSERT_EQ(printUATCache("dump.log", 0), kUatOk);  // every text terminated
+        deleteUATCache();
+      }
+      // What was held is stored whole and comes back.
+      std::string stored = readCacheFile(name);
+      ASSERT_EQ(stored.compare(0, 8, valid->substr(0, 8)), 0) << i;
+      if (isCatalog) {
+        ASSERT_EQ(createComponentsCacheWithBuckets(kHashBuckets), kLatOk);
+        EXPECT_LE(getCatalogFilesNumber(), 3);
+        deleteComponentsCache();
+      } else {
+        ASSERT_EQ(createUATCache(), kUatOk);
+        EXPECT_EQ(getUnknownFilesNumber(), held) << i;
+        deleteUATCache();
+      }
+      EXPECT_EQ(readCacheFile(name), stored) << i;
+    }
+  }
+  deleteServersCache();
 }
 
 }  // namespace
