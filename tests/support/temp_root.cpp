@@ -30,6 +30,9 @@ void TempDir::makeDirs(const std::string& relative) const {
 void TempDir::writeFile(const std::string& relative, const std::string& bytes) const {
   std::filesystem::path target = file(relative);
   std::filesystem::create_directories(target.parent_path());
+  // A new file rather than a truncated one: the file system flushes a truncated and rewritten
+  // file to the disk when it is closed, which makes tests that rewrite files wait on the disk.
+  std::filesystem::remove(target);
   std::ofstream out(target, std::ios::binary | std::ios::trunc);
   out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
 }

@@ -355,7 +355,10 @@ int writeUnknownFileList() {
 
 int printUATCache(const char* fileName, AgentTime fromTime) {
   char path[kCachePathSize];
-  FILE* file = fopen(rootedFilePath(kLogDir, fileName, path), "w");
+  // Replaced by a new file: a truncated and rewritten one is flushed to the disk when it is
+  // closed, and the dump is rewritten after every change.
+  remove(rootedFilePath(kLogDir, fileName, path));
+  FILE* file = fopen(path, "w");
   if (file == nullptr) return kUatFailed;
   if (uat.mutex == nullptr || lockMutex(uat.mutex) != kMutexOk) {
     fclose(file);
