@@ -33,6 +33,15 @@ bool isBlank(char c) {
   return c == ' ' || c == '\t';
 }
 
+// Only a "#" in the first column makes a comment. A "#" after nothing but blanks and tabs is
+// indentation gone wrong, not a comment, so "  #agentid=1" still sets agentid; anywhere else a
+// "#" is part of the text, so "path=/x#port=8" is a path and "x#port=8" is no key at all.
+bool isIndentedHash(const char* line, const char* hash) {
+  if (*hash != '#') return false;
+  while (line < hash && isBlank(*line)) ++line;
+  return line == hash;
+}
+
 // The table index of the key that `line` names, or -1. Only the first occurrence of each key is
 // looked at, so "proxy_port=1" is never taken for "port" even though "port" appears in it.
 int matchKey(const char* line, const char** keyStart) {
@@ -42,9 +51,7 @@ int matchKey(const char* line, const char** keyStart) {
     if (found == nullptr) continue;
     char after = found[strlen(key)];
     if (!isBlank(after) && after != '=') continue;
-    // Only a "#" in the first column makes a comment; elsewhere it separates like a blank, so
-    // "  #agentid=1" still sets agentid.
-    if (found != line && !isBlank(found[-1]) && found[-1] != '#') continue;
+    if (found != line && !isBlank(found[-1]) && !isIndentedHash(line, found - 1)) continue;
     *keyStart = found;
     return index;
   }
