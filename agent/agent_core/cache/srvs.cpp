@@ -18,7 +18,7 @@ namespace {
 
 struct ServersCache {
   ServerRecord* heads[kScopeCount] = {nullptr, nullptr, nullptr};
-  int32_t activeCount = 0;  // active servers whose scope is within the cache scope
+  int32_t activeCount = 0;  // active servers within the cache scope; atomic helpers only
   int32_t scope = kScopeEnterprise;
   uint32_t updateTime = 0;
   char path[kCachePathSize] = "";
@@ -75,7 +75,7 @@ int loadRecords(FILE* file, uint32_t count, int32_t listScope) {
     }
     // Linked at the head, so each load gives the lists back in reverse; the order is not kept.
     linkServer(record, listScope);
-    if (record->active != 0) ATOMIC_INT_INCR(&cache.activeCount);
+    if (atomicGet(&record->active) != 0) ATOMIC_INT_INCR(&cache.activeCount);
   }
   return kSrvsOk;
 }
@@ -110,9 +110,9 @@ ServerRecord* stepOn(const ServerRecord* record) {
 bool passes(const ServerRecord* record, int filter) {
   switch (filter) {
     case kActiveServers:
-      return record->active == 1;
+      return atomicGet(&record->active) == 1;
     case kNotRespondingServers:
-      return record->active == 0;
+      return atomicGet(&record->active) == 0;
     default:
       return true;
   }
@@ -188,7 +188,7 @@ void encodeServerRecord(const ServerRecord& record, uint8_t* out) {
   memset(out, 0, kServerRecordSize);
   encodeServerInfo(record.info, out + kServerRecordInfoOffset);
   putFixed32(out + kServerRecordAttributeOffset, static_cast<uint32_t>(record.attribute));
-  putFixed32(out + kServerRecordActiveOffset, static_cast<uint32_t>(record.active));
+  putFixed32(out + kServerRecordActiveOffset, static_cast<uint32_t>(atomicGet(&record.active)));
   out[kServerRecordUsedOffset] = record.used;
   putFixed32(out + kServerRecordScopeOffset, static_cast<uint32_t>(record.scope));
 }
@@ -196,7 +196,7 @@ void encodeServerRecord(const ServerRecord& record, uint8_t* out) {
 void decodeServerRecord(const uint8_t* in, ServerRecord* record) {
   decodeServerInfo(in + kServerRecordInfoOffset, &record->info);
   record->attribute = static_cast<int32_t>(getFixed32(in + kServerRecordAttributeOffset));
-  record->active = static_cast<int32_t>(getFixed32(in + kServerRecordActiveOffset));
+  atomicSet(&record->active, static_cast<int32_t>(getFixed32(in + kServerRecordActiveOffset)));
   record->used = in[kServerRecordUsedOffset];
   record->scope = static_cast<int32_t>(getFixed32(in + kServerRecordScopeOffset));
 }
@@ -242,10 +242,10 @@ int createServersCache(const ServerInfo* configured) {
   preferred->info = *configured;
   preferred->attribute = 0;
   preferred->used = 1;
-  preferred->active = 1;
+  atomicSet(&preferred->active, 1);
   linkServer(preferred, kScopePreferred);
   preferred->scope = kScopePreferred;
-  cache.activeCount = 1;
+  atomicSet(&cache.activeCount, 1);
   cache.updateTime = 0;
   cache.scope = kScopeEnterprise;
   if (setCacheVersion(kServerFileId, kServerCacheVersion.majorNumber,
@@ -270,7 +270,7 @@ int deleteServersCache() {
   }
   if (cache.lock != nullptr) freeRwl(cache.lock);
   cache.lock = nullptr;
-  cache.activeCount = 0;
+  atomicSet(&cache.activeCount, 0);
   SLM_TRACE(2, "ServersCache successfully deleted");
   return kSrvsOk;
 }
@@ -378,7 +378,7 @@ int createNewServer(const ServerInfo* info, int32_t scope) {
   if (record == nullptr) return kSrvsFailed;
   record->info = *info;
   record->attribute = 0;
-  record->active = 1;
+  atomicSet(&record->active, 1);
   record->used = 1;
   record->scope = scope;
   linkServer(record, scope);
@@ -421,7 +421,7 @@ int moveServer(ServerHandle handle, int32_t scope) {
 
 int removeServer(ServerHandle handle) {
   if (handle == nullptr) return kSrvsFailed;
-  if (handle->active != 0) ATOMIC_INT_DECR(&cache.activeCount);
+  if (atomicGet(&handle->active) != 0) ATOMIC_INT_DECR(&cache.activeCount);
   unlinkServer(handle);
   freeRecord(handle);
   return kSrvsOk;
@@ -468,11 +468,10 @@ int setScope(int32_t scope) {
   int32_t count = 0;
   for (ServerRecord* head : cache.heads) {
     for (ServerRecord* record = head; record != nullptr; record = record->next) {
-      if (record->used != 0 && record->active != 0 && record->scope <= scope) ++count;
+      if (record->used != 0 && atomicGet(&record->active) != 0 && record->scope <= scope) ++count;
     }
   }
-  // The caller holds the write lock: no contact is being recorded meanwhile.
-  cache.activeCount = count;
+  atomicSet(&cache.activeCount, count);
   return kSrvsOk;
 }
 
@@ -513,15 +512,15 @@ int serverNotResponding(ServerHandle handle) {
 }
 
 int testActive(ServerHandle handle) {
-  return handle == nullptr ? 0 : handle->active;
+  return handle == nullptr ? 0 : atomicGet(&handle->active);
 }
 
 int getServersNumber(int kind) {
-  int32_t active = atomicAdd(&cache.activeCount, 0);
+  int32_t active = atomicGet(&cache.activeCount);
   int32_t notResponding = 0;
   for (ServerRecord* head : cache.heads) {
     for (ServerRecord* record = head; record != nullptr; record = record->next) {
-      if (record->active == 0) ++notResponding;
+      if (atomicGet(&record->active) == 0) ++notResponding;
     }
   }
   if (kind == kActiveCount) return active;
