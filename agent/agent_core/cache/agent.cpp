@@ -470,6 +470,27 @@ void encodePluginData(const CacheVersion& version, const AgentInfo& record, uint
   putRawField(out + kPluginTupleOffset, record.systemTuple, kSystemTupleSize);
 }
 
+bool writePluginImage(const uint8_t* image, FILE* file, const char* path) {
+  struct Item {
+    size_t offset;
+    size_t size;
+    const char* failure;
+  };
+  static constexpr Item kItems[] = {
+      {kCacheMajorOffset, 4, "ERROR - Writing the plug major version to file %s"},
+      {kCacheMinorOffset, 4, "ERROR - Writing the plug minor version to file %s"},
+      {kPluginAgentIdOffset, kPluginBlockSize, "ERROR - Writing the plugin data to file %s"},
+      {kPluginTupleOffset, kSystemTupleSize, "ERROR - Writing the slm system tuple to file %s"},
+  };
+  for (const Item& item : kItems) {
+    if (fwrite(image + item.offset, 1, item.size, file) != item.size) {
+      SLM_TRACE(0, item.failure, path);
+      return false;
+    }
+  }
+  return true;
+}
+
 int storePluginData() {
   char path[kCachePathSize];
   cacheFilePath(kPluginDatName, path);
@@ -485,23 +506,7 @@ int storePluginData() {
   uint8_t image[kPluginDatSize];
   encodePluginData(version, agent_info, image);
 
-  struct Item {
-    size_t offset;
-    size_t size;
-    const char* failure;
-  };
-  static constexpr Item kItems[] = {
-      {kCacheMajorOffset, 4, "ERROR - Writing the plug major version to file %s"},
-      {kCacheMinorOffset, 4, "ERROR - Writing the plug minor version to file %s"},
-      {kPluginAgentIdOffset, kPluginBlockSize, "ERROR - Writing the plugin data to file %s"},
-      {kPluginTupleOffset, kSystemTupleSize, "ERROR - Writing the slm system tuple to file %s"},
-  };
-  for (const Item& item : kItems) {
-    if (fwrite(image + item.offset, 1, item.size, file.get()) != item.size) {
-      SLM_TRACE(0, item.failure, path);
-      return discardPluginData(std::move(file), path);
-    }
-  }
+  if (!writePluginImage(image, file.get(), path)) return discardPluginData(std::move(file), path);
   // The writes above may only have filled the stream's buffer; the tuple is the last of them.
   if (fflush(file.get()) != 0) {
     SLM_TRACE(0, "ERROR - Writing the slm system tuple to file %s", path);
