@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "agent_core/support/bytes.h"
+#include "agent_core/support/file_handle.h"
 
 namespace slm {
 namespace {
@@ -23,11 +24,6 @@ struct ConfigurationEntry {
 
 // Null while nothing is loaded. Used only by the thread that loads the file (see the header).
 std::optional<std::vector<ConfigurationEntry>> configuration;
-
-struct FileCloser {
-  void operator()(FILE* file) const { fclose(file); }
-};
-using UniqueFile = std::unique_ptr<FILE, FileCloser>;
 
 bool isBlank(char c) {
   return c == ' ' || c == '\t';
@@ -76,7 +72,7 @@ void storeValue(const char* text, char* value) {
 }  // namespace
 
 int loadConfigurationFile(const char* path) {
-  UniqueFile file(fopen(path, "r"));
+  FileHandle file(fopen(path, "r"));
   if (!file) return kConfigurationCannotOpen;
   if (configuration) return kConfigurationRefused;
   try {

@@ -10,6 +10,7 @@
 #include "agent_core/message/nls.h"
 #include "agent_core/slm_conf.h"
 #include "agent_core/support/bytes.h"
+#include "agent_core/support/file_handle.h"
 #include "agent_core/support/linux/osinfo.h"
 #include "agent_core/support/slm_lock.h"
 #include "agent_core/support/trace.h"
@@ -223,7 +224,7 @@ void putRawField(uint8_t* dst, const char* field, size_t size) {
 }
 
 // Removes a plugin.dat that could not be written completely.
-int discardPluginData(CacheFileHandle file, const char* path) {
+int discardPluginData(FileHandle file, const char* path) {
   file.reset();
   remove(path);
   return kPluginNotStored;
@@ -416,7 +417,7 @@ int saveParameter(int32_t id, int32_t value) {
   if (!validParameterId(id)) return kParameterFailed;
   char path[kCachePathSize];
   cacheFilePath(kAgentDatName, path);
-  CacheFileHandle file(fopen(path, "r+b"));
+  FileHandle file(fopen(path, "r+b"));
   if (file == nullptr) {
     file.reset(fopen(path, "w+b"));
     if (file == nullptr) return kParameterFailed;
@@ -439,7 +440,7 @@ int loadParameter(int32_t id, int32_t* value) {
   if (!validParameterId(id) || value == nullptr) return kParameterFailed;
   char path[kCachePathSize];
   cacheFilePath(kAgentDatName, path);
-  CacheFileHandle file(fopen(path, "rb"));
+  FileHandle file(fopen(path, "rb"));
   if (file == nullptr) return kParameterFailed;
   uint8_t slot[kAgentDatSlotSize];
   if (fseek(file.get(), static_cast<long>(agentDatSlotOffset(id)), SEEK_SET) != 0 ||
@@ -494,7 +495,7 @@ bool writePluginImage(const uint8_t* image, FILE* file, const char* path) {
 int storePluginData() {
   char path[kCachePathSize];
   cacheFilePath(kPluginDatName, path);
-  CacheFileHandle file(fopen(path, "wb"));
+  FileHandle file(fopen(path, "wb"));
   if (file == nullptr) return kPluginNotStored;
   CacheVersion version;
   if (getCacheVersion(kPluginFileId, &version) != kCacheVersionOk) {
@@ -523,7 +524,7 @@ int isToBeUpdatedSlmTuple() {
   if (openCacheFile(path, kPluginFileId, &opened, nullptr) != kCacheFileValid) {
     return kTupleUnreadable;
   }
-  CacheFileHandle file(opened);
+  FileHandle file(opened);
   if (fseek(file.get(), static_cast<long>(kPluginDriverNameOffset), SEEK_SET) != 0 ||
       fread(agent_info.driverName, 1, kAgentTextSize, file.get()) != kAgentTextSize) {
     SLM_TRACE(0, "Reading the friver name from file %s", path);

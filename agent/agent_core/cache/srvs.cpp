@@ -5,12 +5,12 @@
 
 #include <cstdio>
 #include <cstring>
-#include <memory>
 #include <new>
 
 #include "agent_core/cache/cache_file.h"
 #include "agent_core/data/slm_time.h"
 #include "agent_core/support/bytes.h"
+#include "agent_core/support/file_handle.h"
 #include "agent_core/support/trace.h"
 
 namespace slm {
@@ -46,11 +46,6 @@ void freeRecord(ServerRecord* record) {
   if (record->lock != nullptr) freeRwl(record->lock);
   delete record;
 }
-
-struct FileCloser {
-  void operator()(FILE* file) const { fclose(file); }
-};
-using FilePtr = std::unique_ptr<FILE, FileCloser>;
 
 // Reads and links the records of one list. Failures are traced; the records read before the
 // failing one stay linked.
@@ -288,7 +283,7 @@ int loadServerListFile() {
     return kSrvsFailed;
   }
   if (opened != kCacheFileValid) return opened;
-  FilePtr file(raw);
+  FileHandle file(raw);
   cache.updateTime = static_cast<uint32_t>(static_cast<uint64_t>(timestamp));
 
   uint8_t counts[kServerFileRecordsOffset - kServerFileDivisionCountOffset];
@@ -306,18 +301,14 @@ int loadServerListFile() {
 }
 
 int storeServerList() {
-  FILE* file = fopen(cache.path, "wb");
+  FileHandle file(fopen(cache.path, "wb"));
   if (file == nullptr) {
     SLM_TRACE(0, "ERROR - Opening file %s to store the server list", cache.path);
     return kSrvsFailed;
   }
   CacheHeader header;
-  if (getCacheVersion(kServerFileId, &header.version) != kCacheVersionOk) {
-    fclose(file);
-    return kSrvsFailed;
-  }
-  // The update time is unsigned in memory but a signed 32-bit time in the file's 64-bit field.
-  header.timestamp = static_cast<int32_t>(cache.updateTime);
+  if (getCacheVersion(kServerFileId, &header.version) != kCacheVersionOk) return kSrvsFailed;
+  header.timestamp = cache.updateTime;
   if (cache.heads[kScopePreferred] != nullptr) {
     copyBounded(header.serverName, kCacheServerNameSize,
                 cache.heads[kScopePreferred]->info.address.host);
@@ -330,27 +321,28 @@ int storeServerList() {
              static_cast<uint32_t>(countScopeServers(kScopeEnterprise)));
 
   // The header fields go out one write each, as every cache writer does it.
+  FILE* out = file.get();
   bool written =
-      fwrite(head + kCacheMajorOffset, 1, 4, file) == 4 &&
-      fwrite(head + kCacheMinorOffset, 1, 4, file) == 4 &&
-      fwrite(head + kCacheTimestampOffset, 1, kCacheTimestampSize, file) == kCacheTimestampSize &&
-      fwrite(head + kCacheServerNameOffset, 1, kCacheServerNameSize, file) ==
-          kCacheServerNameSize &&
-      fwrite(counts, 1, 4, file) == 4 && fwrite(counts + 4, 1, 4, file) == 4;
+      fwrite(head + kCacheMajorOffset, 1, 4, out) == 4 &&
+      fwrite(head + kCacheMinorOffset, 1, 4, out) == 4 &&
+      fwrite(head + kCacheTimestampOffset, 1, kCacheTimestampSize, out) == kCacheTimestampSize &&
+      fwrite(head + kCacheServerNameOffset, 1, kCacheServerNameSize, out) == kCacheServerNameSize &&
+      fwrite(counts, 1, 4, out) == 4 && fwrite(counts + 4, 1, 4, out) == 4;
   for (int32_t scope : {kScopeDivision, kScopeEnterprise}) {
     for (ServerRecord* record = cache.heads[scope]; written && record != nullptr;
          record = record->next) {
       uint8_t bytes[kServerRecordSize];
       encodeServerRecord(*record, bytes);
-      written = fwrite(bytes, 1, kServerRecordSize, file) == kServerRecordSize;
+      written = fwrite(bytes, 1, kServerRecordSize, out) == kServerRecordSize;
     }
   }
   if (!written) {
-    fclose(file);
+    file.reset();
     remove(cache.path);
     return kSrvsFailed;
   }
-  if (fclose(file) != 0) {
+  // Closed here rather than by the handle: the buffered records reach the file only now.
+  if (fclose(file.release()) != 0) {
     SLM_TRACE(0, "ERROR - Closing file %s", cache.path);
     return kSrvsFailed;
   }

@@ -99,13 +99,13 @@ class ServerCache : public test::AgentSandbox {
 };
 
 TEST_F(ServerCache, StoredFileFollowsTheLayout) {
-  test::FakeClock clock(0x65000000);
+  test::FakeClock clock(0x95000000);  // after 2038: a negative time in the file
   create(1);
   update(nullptr, addresses({"d1", "d2"}), addresses({"e1"}));
   serverNotResponding(find("d1"));
   ASSERT_EQ(storeServerList(), kSrvsOk);
   // New records go to the head; every record took the preferred server's security level.
-  EXPECT_EQ(readCacheFile("server.dat"), le32(1) + le32(2) + le32(0x65000000) + le32(0) +
+  EXPECT_EQ(readCacheFile("server.dat"), le32(1) + le32(2) + le32(0x95000000) + le32(0xFFFFFFFF) +
                                              field("alpha", 256) + le32(2) + le32(1) +
                                              recordBytes("d2", 1, 1) + recordBytes("d1", 0, 1) +
                                              recordBytes("e1", 1, 2));
