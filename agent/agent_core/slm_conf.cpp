@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "agent_core/support/bytes.h"
+#include "agent_core/support/file_handle.h"
 
 namespace slm {
 namespace {
@@ -24,13 +25,17 @@ struct ConfigurationEntry {
 // Null while nothing is loaded. Used only by the thread that loads the file (see the header).
 std::optional<std::vector<ConfigurationEntry>> configuration;
 
-struct FileCloser {
-  void operator()(FILE* file) const { fclose(file); }
-};
-using UniqueFile = std::unique_ptr<FILE, FileCloser>;
-
 bool isBlank(char c) {
   return c == ' ' || c == '\t';
+}
+
+// Only a "#" in the first column makes a comment. A "#" after nothing but blanks and tabs is
+// indentation gone wrong, not a comment, so "  #agentid=1" still sets agentid; anywhere else a
+// "#" is part of the text, so "path=/x#port=8" is a path and "x#port=8" is no key at all.
+bool isIndentedHash(const char* line, const char* hash) {
+  if (*hash != '#') return false;
+  while (line < hash && isBlank(*line)) ++line;
+  return line == hash;
 }
 
 // The table index of the key that `line` names, or -1. Only the first occurrence of each key is
@@ -42,9 +47,7 @@ int matchKey(const char* line, const char** keyStart) {
     if (found == nullptr) continue;
     char after = found[strlen(key)];
     if (!isBlank(after) && after != '=') continue;
-    // Only a "#" in the first column makes a comment; elsewhere it separates like a blank, so
-    // "  #agentid=1" still sets agentid.
-    if (found != line && !isBlank(found[-1]) && found[-1] != '#') continue;
+    if (found != line && !isBlank(found[-1]) && !isIndentedHash(line, found - 1)) continue;
     *keyStart = found;
     return index;
   }
@@ -69,7 +72,7 @@ void storeValue(const char* text, char* value) {
 }  // namespace
 
 int loadConfigurationFile(const char* path) {
-  UniqueFile file(fopen(path, "r"));
+  FileHandle file(fopen(path, "r"));
   if (!file) return kConfigurationCannotOpen;
   if (configuration) return kConfigurationRefused;
   try {

@@ -1,6 +1,8 @@
 """The start-up frame driven through the real binary: options, directories, the daemon's life."""
+import pathlib
 import re
 import subprocess
+import time
 
 import pytest
 
@@ -79,6 +81,23 @@ def test_daemon_traces_and_stops_in_order(agent_root):
     assert "- Loading configuration file" not in "".join(texts)
     assert texts.index("OK - Starting agent...") < texts.index("Commands thread ALIVE")
     assert texts[-1] == "OK - Agent stopped"
+
+
+def main_thread_switches(pid: int) -> int:
+    status = pathlib.Path(f"/proc/{pid}/task/{pid}/status").read_text()
+    return sum(int(line.split()[1]) for line in status.splitlines() if "ctxt_switches" in line)
+
+
+def test_idle_daemon_main_thread_sleeps_until_sigterm(agent_root):
+    agent_root.write_configuration(trace_level="1")
+    pid = agent_root.start_daemon()
+    assert wait_for(lambda: "OK - Starting agent..." in agent_root.trace_text())
+    before = main_thread_switches(pid)
+    # An observation window, not a wait: a main thread that wakes on a timer switches in it.
+    time.sleep(2.5)
+    assert main_thread_switches(pid) == before
+    agent_root.stop_daemon(pid)
+    assert messages(agent_root.trace_text())[-1] == "OK - Agent stopped"
 
 
 LEVEL_0_TRACE = ["Commands thread ALIVE", "OK - Agent stopped"]

@@ -10,6 +10,7 @@
 #include "agent_core/message/nls.h"
 #include "agent_core/slm_conf.h"
 #include "agent_core/support/bytes.h"
+#include "agent_core/support/file_handle.h"
 #include "agent_core/support/linux/osinfo.h"
 #include "agent_core/support/slm_lock.h"
 #include "agent_core/support/trace.h"
@@ -223,7 +224,7 @@ void putRawField(uint8_t* dst, const char* field, size_t size) {
 }
 
 // Removes a plugin.dat that could not be written completely.
-int discardPluginData(CacheFileHandle file, const char* path) {
+int discardPluginData(FileHandle file, const char* path) {
   file.reset();
   remove(path);
   return kPluginNotStored;
@@ -416,7 +417,7 @@ int saveParameter(int32_t id, int32_t value) {
   if (!validParameterId(id)) return kParameterFailed;
   char path[kCachePathSize];
   cacheFilePath(kAgentDatName, path);
-  CacheFileHandle file(fopen(path, "r+b"));
+  FileHandle file(fopen(path, "r+b"));
   if (file == nullptr) {
     file.reset(fopen(path, "w+b"));
     if (file == nullptr) return kParameterFailed;
@@ -439,7 +440,7 @@ int loadParameter(int32_t id, int32_t* value) {
   if (!validParameterId(id) || value == nullptr) return kParameterFailed;
   char path[kCachePathSize];
   cacheFilePath(kAgentDatName, path);
-  CacheFileHandle file(fopen(path, "rb"));
+  FileHandle file(fopen(path, "rb"));
   if (file == nullptr) return kParameterFailed;
   uint8_t slot[kAgentDatSlotSize];
   if (fseek(file.get(), static_cast<long>(agentDatSlotOffset(id)), SEEK_SET) != 0 ||
@@ -470,21 +471,7 @@ void encodePluginData(const CacheVersion& version, const AgentInfo& record, uint
   putRawField(out + kPluginTupleOffset, record.systemTuple, kSystemTupleSize);
 }
 
-int storePluginData() {
-  char path[kCachePathSize];
-  cacheFilePath(kPluginDatName, path);
-  CacheFileHandle file(fopen(path, "wb"));
-  if (file == nullptr) return kPluginNotStored;
-  CacheVersion version;
-  if (getCacheVersion(kPluginFileId, &version) != kCacheVersionOk) {
-    SLM_TRACE(0, "ERROR - Getting the PLUG cache version");
-    return discardPluginData(std::move(file), path);
-  }
-  // Written from the live record without the lock: driver management stores it at start-up,
-  // before the threads that change the record run.
-  uint8_t image[kPluginDatSize];
-  encodePluginData(version, agent_info, image);
-
+bool writePluginImage(const uint8_t* image, FILE* file, const char* path) {
   struct Item {
     size_t offset;
     size_t size;
@@ -497,11 +484,30 @@ int storePluginData() {
       {kPluginTupleOffset, kSystemTupleSize, "ERROR - Writing the slm system tuple to file %s"},
   };
   for (const Item& item : kItems) {
-    if (fwrite(image + item.offset, 1, item.size, file.get()) != item.size) {
+    if (fwrite(image + item.offset, 1, item.size, file) != item.size) {
       SLM_TRACE(0, item.failure, path);
-      return discardPluginData(std::move(file), path);
+      return false;
     }
   }
+  return true;
+}
+
+int storePluginData() {
+  char path[kCachePathSize];
+  cacheFilePath(kPluginDatName, path);
+  FileHandle file(fopen(path, "wb"));
+  if (file == nullptr) return kPluginNotStored;
+  CacheVersion version;
+  if (getCacheVersion(kPluginFileId, &version) != kCacheVersionOk) {
+    SLM_TRACE(0, "ERROR - Getting the PLUG cache version");
+    return discardPluginData(std::move(file), path);
+  }
+  // Written from the live record without the lock: driver management stores it at start-up,
+  // before the threads that change the record run.
+  uint8_t image[kPluginDatSize];
+  encodePluginData(version, agent_info, image);
+
+  if (!writePluginImage(image, file.get(), path)) return discardPluginData(std::move(file), path);
   // The writes above may only have filled the stream's buffer; the tuple is the last of them.
   if (fflush(file.get()) != 0) {
     SLM_TRACE(0, "ERROR - Writing the slm system tuple to file %s", path);
@@ -518,7 +524,7 @@ int isToBeUpdatedSlmTuple() {
   if (openCacheFile(path, kPluginFileId, &opened, nullptr) != kCacheFileValid) {
     return kTupleUnreadable;
   }
-  CacheFileHandle file(opened);
+  FileHandle file(opened);
   if (fseek(file.get(), static_cast<long>(kPluginDriverNameOffset), SEEK_SET) != 0 ||
       fread(agent_info.driverName, 1, kAgentTextSize, file.get()) != kAgentTextSize) {
     SLM_TRACE(0, "Reading the friver name from file %s", path);

@@ -7,6 +7,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 
 #include "agent_core/cache/cache_file.h"
 #include "agent_core/cache/system_tuple.h"
@@ -163,6 +164,10 @@ static_assert(kPluginBlockSize == 1340);
 
 // The kPluginDatSize bytes of plugin.dat for `record` under `version`.
 void encodePluginData(const CacheVersion& version, const AgentInfo& record, uint8_t* out);
+
+// Writes the plugin.dat image to `file` item by item (major, minor, data block, tuple); the first
+// write that fails is traced with that item and gives false. `path` names the file in the trace.
+[[nodiscard]] bool writePluginImage(const uint8_t* image, FILE* file, const char* path);
 
 constexpr int kPluginStored = 0;
 constexpr int kPluginNotStored = 1;

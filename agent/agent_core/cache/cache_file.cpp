@@ -6,6 +6,7 @@
 
 #include "agent_core/slm_conf.h"
 #include "agent_core/support/bytes.h"
+#include "agent_core/support/file_handle.h"
 #include "agent_core/support/trace.h"
 #include "agent_core/support/unix_common.h"
 
@@ -21,7 +22,7 @@ bool validFileId(int32_t fileId) {
 }
 
 // Closes and deletes a file whose content must not be used, so that its cache starts empty.
-int discard(CacheFileHandle file, const char* path) {
+int discard(FileHandle file, const char* path) {
   file.reset();
   remove(path);
   return kCacheFileBad;
@@ -40,7 +41,10 @@ CacheVersion decodeCacheVersion(const uint8_t* in) {
 
 void encodeCacheHeader(const CacheHeader& header, uint8_t* out) {
   encodeCacheVersion(header.version, out);
-  putFixed64(out + kCacheTimestampOffset, static_cast<uint64_t>(header.timestamp));
+  // The field holds 64 bits but the time behind it has 32: a time from 2038 on reads as negative,
+  // as it always has in these files.
+  int64_t timestamp = static_cast<int32_t>(static_cast<uint32_t>(header.timestamp));
+  putFixed64(out + kCacheTimestampOffset, static_cast<uint64_t>(timestamp));
   putText(out + kCacheServerNameOffset, kCacheServerNameSize, header.serverName);
 }
 
@@ -96,22 +100,20 @@ int testCacheVersion(int32_t fileId, const CacheVersion& read) {
 }
 
 int openCacheFile(const char* path, int32_t fileId, FILE** file, int64_t* timestamp) {
-  CacheFileHandle handle(fopen(path, "rb"));
+  FileHandle handle(fopen(path, "rb"));
   if (handle == nullptr) {
     *file = nullptr;
     return kCacheFileMissing;
   }
 
-  uint8_t versionBytes[kCacheVersionSize];
-  size_t majorRead = fread(versionBytes + kCacheMajorOffset, 1, 4, handle.get());
-  size_t minorRead = fread(versionBytes + kCacheMinorOffset, 1, 4, handle.get());
-  static_cast<void>(majorRead);  // a short major number also leaves the minor number short
-  if (minorRead != 4) {
+  // Filled in the order the header is read; only the parts read so far are decoded.
+  uint8_t bytes[kCacheHeaderSize] = {};
+  if (fread(bytes, 1, kCacheVersionSize, handle.get()) != kCacheVersionSize) {
     // The one bad header that stays on disk; the next store of this cache overwrites it.
     SLM_TRACE(0, "ERROR - Reading cache version from file %s", path);
     return kCacheFileBad;
   }
-  CacheVersion version = decodeCacheVersion(versionBytes);
+  CacheVersion version = decodeCacheVersion(bytes);
   if (testCacheVersion(fileId, version) != kCacheVersionOk) {
     SLM_TRACE(0, "ERROR - Checking cache version for file %s", path);
     return discard(std::move(handle), path);
@@ -124,20 +126,18 @@ int openCacheFile(const char* path, int32_t fileId, FILE** file, int64_t* timest
     return kCacheFileValid;
   }
 
-  uint8_t timestampBytes[kCacheTimestampSize];
-  if (fread(timestampBytes, 1, kCacheTimestampSize, handle.get()) != kCacheTimestampSize) {
+  if (fread(bytes + kCacheTimestampOffset, 1, kCacheTimestampSize, handle.get()) !=
+      kCacheTimestampSize) {
     SLM_TRACE(0, "ERROR - Reading timestamp from file %s", path);
     return discard(std::move(handle), path);
   }
-  *timestamp = static_cast<int64_t>(getFixed64(timestampBytes));
-
-  uint8_t nameBytes[kCacheServerNameSize] = {};
-  if (fread(nameBytes, 1, kCacheServerNameSize, handle.get()) != kCacheServerNameSize) {
+  if (fread(bytes + kCacheServerNameOffset, 1, kCacheServerNameSize, handle.get()) !=
+      kCacheServerNameSize) {
     SLM_TRACE(0, "ERROR - Reading the preferred server name from file %s", path);
     return discard(std::move(handle), path);
   }
-  char fileServer[kCacheServerNameSize + 1];
-  getText(nameBytes, kCacheServerNameSize, fileServer);
+  CacheHeader header;
+  decodeCacheHeader(bytes, &header);
 
   // Only the length of the configured name is compared: a file written for a server whose name
   // begins with it is kept, and an empty setting accepts every file. A file written for another
@@ -145,7 +145,7 @@ int openCacheFile(const char* path, int32_t fileId, FILE** file, int64_t* timest
   char configured[kCacheServerNameSize] = "";
   if (getConfigurationValue("server", configured, sizeof configured) != kConfigurationValueFound)
     configured[0] = '\0';
-  if (strncmp(fileServer, configured, strlen(configured)) != 0) {
+  if (strncmp(header.serverName, configured, strlen(configured)) != 0) {
     SLM_TRACE(1,
               "CACHE - Server in configuration file different from the one in "
               "file %s.",
@@ -153,6 +153,7 @@ int openCacheFile(const char* path, int32_t fileId, FILE** file, int64_t* timest
     return discard(std::move(handle), path);
   }
 
+  *timestamp = header.timestamp;
   *file = handle.release();
   return kCacheFileValid;
 }

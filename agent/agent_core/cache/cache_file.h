@@ -8,18 +8,11 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
-#include <memory>
 
 namespace slm {
 
 constexpr char kCacheDir[] = "/var/qsam/cache";
 constexpr size_t kCachePathSize = 4096;
-
-// Closes a cache file when the owner goes.
-struct CacheFileCloser {
-  void operator()(FILE* file) const { fclose(file); }
-};
-using CacheFileHandle = std::unique_ptr<FILE, CacheFileCloser>;
 
 // File ids: the index of a cache file in the version table.
 constexpr int32_t kAgentFileId = 0;    // agent.dat
@@ -61,7 +54,7 @@ static_assert(kCacheServerNameOffset + kCacheServerNameSize == kCacheHeaderSize)
 
 struct CacheHeader {
   CacheVersion version;
-  int64_t timestamp = 0;  // seconds since the epoch
+  int64_t timestamp = 0;  // seconds since the epoch; written as its low 32 bits, sign-extended
   char serverName[kCacheServerNameSize + 1] = "";
 };
 

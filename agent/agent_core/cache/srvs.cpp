@@ -5,12 +5,12 @@
 
 #include <cstdio>
 #include <cstring>
-#include <memory>
 #include <new>
 
 #include "agent_core/cache/cache_file.h"
 #include "agent_core/data/slm_time.h"
 #include "agent_core/support/bytes.h"
+#include "agent_core/support/file_handle.h"
 #include "agent_core/support/trace.h"
 
 namespace slm {
@@ -18,7 +18,7 @@ namespace {
 
 struct ServersCache {
   ServerRecord* heads[kScopeCount] = {nullptr, nullptr, nullptr};
-  int32_t activeCount = 0;  // active servers whose scope is within the cache scope
+  int32_t activeCount = 0;  // active servers within the cache scope; atomic helpers only
   int32_t scope = kScopeEnterprise;
   uint32_t updateTime = 0;
   char path[kCachePathSize] = "";
@@ -47,11 +47,6 @@ void freeRecord(ServerRecord* record) {
   delete record;
 }
 
-struct FileCloser {
-  void operator()(FILE* file) const { fclose(file); }
-};
-using FilePtr = std::unique_ptr<FILE, FileCloser>;
-
 // Reads and links the records of one list. Failures are traced; the records read before the
 // failing one stay linked.
 int loadRecords(FILE* file, uint32_t count, int32_t listScope) {
@@ -75,7 +70,7 @@ int loadRecords(FILE* file, uint32_t count, int32_t listScope) {
     }
     // Linked at the head, so each load gives the lists back in reverse; the order is not kept.
     linkServer(record, listScope);
-    if (record->active != 0) ATOMIC_INT_INCR(&cache.activeCount);
+    if (atomicGet(&record->active) != 0) ATOMIC_INT_INCR(&cache.activeCount);
   }
   return kSrvsOk;
 }
@@ -110,9 +105,9 @@ ServerRecord* stepOn(const ServerRecord* record) {
 bool passes(const ServerRecord* record, int filter) {
   switch (filter) {
     case kActiveServers:
-      return record->active == 1;
+      return atomicGet(&record->active) == 1;
     case kNotRespondingServers:
-      return record->active == 0;
+      return atomicGet(&record->active) == 0;
     default:
       return true;
   }
@@ -188,7 +183,7 @@ void encodeServerRecord(const ServerRecord& record, uint8_t* out) {
   memset(out, 0, kServerRecordSize);
   encodeServerInfo(record.info, out + kServerRecordInfoOffset);
   putFixed32(out + kServerRecordAttributeOffset, static_cast<uint32_t>(record.attribute));
-  putFixed32(out + kServerRecordActiveOffset, static_cast<uint32_t>(record.active));
+  putFixed32(out + kServerRecordActiveOffset, static_cast<uint32_t>(atomicGet(&record.active)));
   out[kServerRecordUsedOffset] = record.used;
   putFixed32(out + kServerRecordScopeOffset, static_cast<uint32_t>(record.scope));
 }
@@ -196,7 +191,7 @@ void encodeServerRecord(const ServerRecord& record, uint8_t* out) {
 void decodeServerRecord(const uint8_t* in, ServerRecord* record) {
   decodeServerInfo(in + kServerRecordInfoOffset, &record->info);
   record->attribute = static_cast<int32_t>(getFixed32(in + kServerRecordAttributeOffset));
-  record->active = static_cast<int32_t>(getFixed32(in + kServerRecordActiveOffset));
+  atomicSet(&record->active, static_cast<int32_t>(getFixed32(in + kServerRecordActiveOffset)));
   record->used = in[kServerRecordUsedOffset];
   record->scope = static_cast<int32_t>(getFixed32(in + kServerRecordScopeOffset));
 }
@@ -242,10 +237,10 @@ int createServersCache(const ServerInfo* configured) {
   preferred->info = *configured;
   preferred->attribute = 0;
   preferred->used = 1;
-  preferred->active = 1;
+  atomicSet(&preferred->active, 1);
   linkServer(preferred, kScopePreferred);
   preferred->scope = kScopePreferred;
-  cache.activeCount = 1;
+  atomicSet(&cache.activeCount, 1);
   cache.updateTime = 0;
   cache.scope = kScopeEnterprise;
   if (setCacheVersion(kServerFileId, kServerCacheVersion.majorNumber,
@@ -270,7 +265,7 @@ int deleteServersCache() {
   }
   if (cache.lock != nullptr) freeRwl(cache.lock);
   cache.lock = nullptr;
-  cache.activeCount = 0;
+  atomicSet(&cache.activeCount, 0);
   SLM_TRACE(2, "ServersCache successfully deleted");
   return kSrvsOk;
 }
@@ -288,7 +283,7 @@ int loadServerListFile() {
     return kSrvsFailed;
   }
   if (opened != kCacheFileValid) return opened;
-  FilePtr file(raw);
+  FileHandle file(raw);
   cache.updateTime = static_cast<uint32_t>(static_cast<uint64_t>(timestamp));
 
   uint8_t counts[kServerFileRecordsOffset - kServerFileDivisionCountOffset];
@@ -306,18 +301,14 @@ int loadServerListFile() {
 }
 
 int storeServerList() {
-  FILE* file = fopen(cache.path, "wb");
+  FileHandle file(fopen(cache.path, "wb"));
   if (file == nullptr) {
     SLM_TRACE(0, "ERROR - Opening file %s to store the server list", cache.path);
     return kSrvsFailed;
   }
   CacheHeader header;
-  if (getCacheVersion(kServerFileId, &header.version) != kCacheVersionOk) {
-    fclose(file);
-    return kSrvsFailed;
-  }
-  // The update time is unsigned in memory but a signed 32-bit time in the file's 64-bit field.
-  header.timestamp = static_cast<int32_t>(cache.updateTime);
+  if (getCacheVersion(kServerFileId, &header.version) != kCacheVersionOk) return kSrvsFailed;
+  header.timestamp = cache.updateTime;
   if (cache.heads[kScopePreferred] != nullptr) {
     copyBounded(header.serverName, kCacheServerNameSize,
                 cache.heads[kScopePreferred]->info.address.host);
@@ -330,27 +321,28 @@ int storeServerList() {
              static_cast<uint32_t>(countScopeServers(kScopeEnterprise)));
 
   // The header fields go out one write each, as every cache writer does it.
+  FILE* out = file.get();
   bool written =
-      fwrite(head + kCacheMajorOffset, 1, 4, file) == 4 &&
-      fwrite(head + kCacheMinorOffset, 1, 4, file) == 4 &&
-      fwrite(head + kCacheTimestampOffset, 1, kCacheTimestampSize, file) == kCacheTimestampSize &&
-      fwrite(head + kCacheServerNameOffset, 1, kCacheServerNameSize, file) ==
-          kCacheServerNameSize &&
-      fwrite(counts, 1, 4, file) == 4 && fwrite(counts + 4, 1, 4, file) == 4;
+      fwrite(head + kCacheMajorOffset, 1, 4, out) == 4 &&
+      fwrite(head + kCacheMinorOffset, 1, 4, out) == 4 &&
+      fwrite(head + kCacheTimestampOffset, 1, kCacheTimestampSize, out) == kCacheTimestampSize &&
+      fwrite(head + kCacheServerNameOffset, 1, kCacheServerNameSize, out) == kCacheServerNameSize &&
+      fwrite(counts, 1, 4, out) == 4 && fwrite(counts + 4, 1, 4, out) == 4;
   for (int32_t scope : {kScopeDivision, kScopeEnterprise}) {
     for (ServerRecord* record = cache.heads[scope]; written && record != nullptr;
          record = record->next) {
       uint8_t bytes[kServerRecordSize];
       encodeServerRecord(*record, bytes);
-      written = fwrite(bytes, 1, kServerRecordSize, file) == kServerRecordSize;
+      written = fwrite(bytes, 1, kServerRecordSize, out) == kServerRecordSize;
     }
   }
   if (!written) {
-    fclose(file);
+    file.reset();
     remove(cache.path);
     return kSrvsFailed;
   }
-  if (fclose(file) != 0) {
+  // Closed here rather than by the handle: the buffered records reach the file only now.
+  if (fclose(file.release()) != 0) {
     SLM_TRACE(0, "ERROR - Closing file %s", cache.path);
     return kSrvsFailed;
   }
@@ -378,7 +370,7 @@ int createNewServer(const ServerInfo* info, int32_t scope) {
   if (record == nullptr) return kSrvsFailed;
   record->info = *info;
   record->attribute = 0;
-  record->active = 1;
+  atomicSet(&record->active, 1);
   record->used = 1;
   record->scope = scope;
   linkServer(record, scope);
@@ -421,7 +413,7 @@ int moveServer(ServerHandle handle, int32_t scope) {
 
 int removeServer(ServerHandle handle) {
   if (handle == nullptr) return kSrvsFailed;
-  if (handle->active != 0) ATOMIC_INT_DECR(&cache.activeCount);
+  if (atomicGet(&handle->active) != 0) ATOMIC_INT_DECR(&cache.activeCount);
   unlinkServer(handle);
   freeRecord(handle);
   return kSrvsOk;
@@ -468,11 +460,10 @@ int setScope(int32_t scope) {
   int32_t count = 0;
   for (ServerRecord* head : cache.heads) {
     for (ServerRecord* record = head; record != nullptr; record = record->next) {
-      if (record->used != 0 && record->active != 0 && record->scope <= scope) ++count;
+      if (record->used != 0 && atomicGet(&record->active) != 0 && record->scope <= scope) ++count;
     }
   }
-  // The caller holds the write lock: no contact is being recorded meanwhile.
-  cache.activeCount = count;
+  atomicSet(&cache.activeCount, count);
   return kSrvsOk;
 }
 
@@ -513,15 +504,15 @@ int serverNotResponding(ServerHandle handle) {
 }
 
 int testActive(ServerHandle handle) {
-  return handle == nullptr ? 0 : handle->active;
+  return handle == nullptr ? 0 : atomicGet(&handle->active);
 }
 
 int getServersNumber(int kind) {
-  int32_t active = atomicAdd(&cache.activeCount, 0);
+  int32_t active = atomicGet(&cache.activeCount);
   int32_t notResponding = 0;
   for (ServerRecord* head : cache.heads) {
     for (ServerRecord* record = head; record != nullptr; record = record->next) {
-      if (record->active == 0) ++notResponding;
+      if (atomicGet(&record->active) == 0) ++notResponding;
     }
   }
   if (kind == kActiveCount) return active;

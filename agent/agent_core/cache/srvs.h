@@ -37,7 +37,7 @@ static_assert(kServerInfoSize == 520);
 struct ServerRecord {
   ServerInfo info;
   int32_t attribute;  // stored and carried, not otherwise used
-  int32_t active;     // 1: the server answers; 0: it does not respond
+  int32_t active;     // 1: the server answers; 0: it does not respond. Atomic helpers only.
   uint8_t used;       // 1: named by the latest topology or the configuration
   int32_t scope;      // the scope of the list that holds the record
   SlmRwLock* lock;

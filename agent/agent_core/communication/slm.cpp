@@ -19,6 +19,7 @@
 #include "agent_core/data/slm_time.h"
 #include "agent_core/message/nls.h"
 #include "agent_core/support/bytes.h"
+#include "agent_core/support/file_handle.h"
 #include "agent_core/support/trace.h"
 #include "agent_core/verifySign.h"
 
@@ -129,11 +130,6 @@ struct HttpHandleDeleter {
   void operator()(HttpHandle* handle) const { freeHttpHandle(handle); }
 };
 using HttpHandlePtr = std::unique_ptr<HttpHandle, HttpHandleDeleter>;
-
-struct FileCloser {
-  void operator()(FILE* file) const { fclose(file); }
-};
-using FilePtr = std::unique_ptr<FILE, FileCloser>;
 
 // Reads the next trailer token into `area` (kTrailerTokenSize bytes). Returns the tokenizer's
 // result: kTokenFoundB when the token ended where the trailer expects it.
@@ -317,7 +313,7 @@ int slmGetFile(const ServerAddress* server, char* localPath, size_t size) {
   }
 
   appendLocalName(server, localPath, size);
-  FilePtr file(fopen(localPath, "wb"));
+  FileHandle file(fopen(localPath, "wb"));
   if (file == nullptr) {
     SLM_TRACE(0, "ERROR - Couldn't open file %s for saving (errno=%d)", localPath, errno);
     return kDownloadFailed;
@@ -358,14 +354,14 @@ int slmGetSignedFile(ServerAddress* server, char* localPath, size_t size) {
 
   uint8_t signature[kSignatureSize];
   size_t got = 0;
-  if (FilePtr file{fopen(signaturePath, "rb")})
+  if (FileHandle file{fopen(signaturePath, "rb")})
     got = fread(signature, 1, sizeof(signature), file.get());
   if (got != sizeof(signature)) {
     remove(signaturePath);
     return kDownloadFailed;
   }
   int verdict = kSignatureInvalid;
-  if (FilePtr file{fopen(localPath, "rb")}) verdict = verifySignature(file.get(), signature);
+  if (FileHandle file{fopen(localPath, "rb")}) verdict = verifySignature(file.get(), signature);
   remove(signaturePath);
   return verdict == kSignatureValid ? kDownloadDone : kDownloadFailed;
 }

@@ -8,21 +8,12 @@
 
 namespace slm {
 
-inline void putFixed16(uint8_t* dst, uint16_t value) {
-  dst[0] = static_cast<uint8_t>(value);
-  dst[1] = static_cast<uint8_t>(value >> 8);
-}
-
 inline void putFixed32(uint8_t* dst, uint32_t value) {
   for (int i = 0; i < 4; ++i) dst[i] = static_cast<uint8_t>(value >> (8 * i));
 }
 
 inline void putFixed64(uint8_t* dst, uint64_t value) {
   for (int i = 0; i < 8; ++i) dst[i] = static_cast<uint8_t>(value >> (8 * i));
-}
-
-inline uint16_t getFixed16(const uint8_t* src) {
-  return static_cast<uint16_t>(src[0] | (src[1] << 8));
 }
 
 inline uint32_t getFixed32(const uint8_t* src) {

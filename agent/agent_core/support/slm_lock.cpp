@@ -150,4 +150,16 @@ int32_t atomicAdd(int32_t* counter, int32_t delta) {
   return *counter;
 }
 
+int32_t atomicGet(const int32_t* counter) {
+  pthread_mutex_lock(&counter_mutex);
+  MutexUnlocker unlocker(&counter_mutex);
+  return *counter;
+}
+
+void atomicSet(int32_t* counter, int32_t value) {
+  pthread_mutex_lock(&counter_mutex);
+  MutexUnlocker unlocker(&counter_mutex);
+  *counter = value;
+}
+
 }  // namespace slm

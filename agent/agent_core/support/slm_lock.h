@@ -67,6 +67,9 @@ class MutexUnlocker {
 
 // Adds `delta` to `*counter` under the process-wide counter mutex and returns the new value.
 int32_t atomicAdd(int32_t* counter, int32_t delta);
+// Reads and writes a counter under the same mutex, for counters that other threads add to.
+int32_t atomicGet(const int32_t* counter);
+void atomicSet(int32_t* counter, int32_t value);
 
 }  // namespace slm
 

@@ -11,8 +11,14 @@
 namespace slm {
 namespace {
 
-// How long a cancelled thread is given to unwind before it is let go.
-constexpr int kCancelGraceSeconds = 3;
+// How long a cancelled thread is given to unwind before it is let go. A thread waiting at a
+// cancellation point unwinds at once; one that reaches none would not end within any bound.
+constexpr long kCancelUnwindNanoseconds = 250'000'000;
+
+// OsThread::handOff flags.
+constexpr int kLetGo = 1;    // detached by stopOSThread while it still ran
+constexpr int kEnded = 2;    // the thread has left its routine
+constexpr int kCleaned = 4;  // cleanOSThread has given the record up
 
 // Sleeping and waking keep deferred cancellation, so a cancel acts only at the wait itself.
 class DeferredCancel {
@@ -26,17 +32,51 @@ class DeferredCancel {
   int previous_ = PTHREAD_CANCEL_DEFERRED;
 };
 
-timespec clockAfter(clockid_t clock, int32_t seconds) {
+timespec clockAfter(clockid_t clock, int32_t seconds, long nanoseconds = 0) {
   timespec when{};
   clock_gettime(clock, &when);
   when.tv_sec += seconds;
+  when.tv_nsec += nanoseconds;
+  if (when.tv_nsec >= 1'000'000'000) {
+    when.tv_sec += 1;
+    when.tv_nsec -= 1'000'000'000;
+  }
   return when;
 }
+
+void destroyOsThread(OsThread* thread) {
+  pthread_cond_destroy(&thread->wakeCond);
+  pthread_mutex_destroy(&thread->mutex);
+  delete thread;
+}
+
+void releaseRecord(OsThread* thread) {
+  if (thread->release != nullptr) {
+    thread->release(thread->releaseArgument);
+  } else {
+    destroyOsThread(thread);
+  }
+}
+
+// Runs as the thread leaves its routine, also when a cancel unwinds it.
+class EndOfThread {
+ public:
+  explicit EndOfThread(OsThread* thread) : thread_(thread) {}
+  ~EndOfThread() {
+    if (thread_->handOff.fetch_or(kEnded) & kCleaned) releaseRecord(thread_);
+  }
+  EndOfThread(const EndOfThread&) = delete;
+  EndOfThread& operator=(const EndOfThread&) = delete;
+
+ private:
+  OsThread* thread_;
+};
 
 void* runOsThread(void* argument) {
   auto* thread = static_cast<OsThread*>(argument);
   // Recorded here as well as by the starter, so that the routine's first isItMe already knows it.
   thread->id.store(pthread_self());
+  EndOfThread end(thread);
   return thread->routine(thread->argument);
 }
 
@@ -98,10 +138,24 @@ int storeStatus(SlmThread* thread, int32_t status, bool guarded) {
   return kSlmThreadOk;
 }
 
-void freeSlmThread(SlmThread* thread) {
-  if (thread->osThread != nullptr) cleanOSThread(thread->osThread);
+void destroySlmThread(void* argument) {
+  auto* thread = static_cast<SlmThread*>(argument);
+  if (thread->osThread != nullptr) destroyOsThread(thread->osThread);
   deleteMutex(thread->statusMutex);
   delete thread;
+}
+
+// The OS thread record decides when the object goes, since a thread that was let go still uses
+// both. While a thread is recorded as running the object stays allocated rather than freed under
+// it.
+void freeSlmThread(SlmThread* thread) {
+  if (thread->osThread == nullptr) {
+    destroySlmThread(thread);
+    return;
+  }
+  thread->osThread->release = destroySlmThread;
+  thread->osThread->releaseArgument = thread;
+  cleanOSThread(thread->osThread);
 }
 
 }  // namespace
@@ -130,7 +184,10 @@ OsThread* createOSThread() {
 }
 
 int startOSThread(OsThread* thread, OsThreadRoutine routine, void* argument) {
-  if (thread == nullptr || routine == nullptr || thread->running.load()) return kOsThreadError;
+  if (thread == nullptr || routine == nullptr || thread->running.load() ||
+      (thread->handOff.load() & kLetGo) != 0)
+    return kOsThreadError;
+  thread->handOff.store(0);
   thread->routine = routine;
   thread->argument = argument;
   thread->running.store(true);
@@ -159,13 +216,14 @@ int stopOSThread(OsThread* thread) {
   rc = pthread_cancel(id);
   if (rc != 0 && rc != ESRCH) return kOsThreadError;
   void* exitValue = nullptr;
-  rc = joinUntil(id, &exitValue, clockAfter(CLOCK_REALTIME, kCancelGraceSeconds));
+  rc = joinUntil(id, &exitValue, clockAfter(CLOCK_REALTIME, 0, kCancelUnwindNanoseconds));
   if (rc == 0) {
     thread->running.store(false);
     // It may have ended by itself between the grace time and the cancel.
     return exitValue == PTHREAD_CANCELED ? kOsThreadCancelled : kOsThreadEnded;
   }
-  // It reaches no cancellation point: it is let go, as a cancelled thread is.
+  // It reaches no cancellation point: it is let go, as a cancelled thread is, and keeps its record.
+  thread->handOff.fetch_or(kLetGo);
   pthread_detach(id);
   thread->running.store(false);
   return kOsThreadCancelled;
@@ -173,9 +231,9 @@ int stopOSThread(OsThread* thread) {
 
 int cleanOSThread(OsThread* thread) {
   if (thread == nullptr || thread->running.load()) return kOsThreadError;
-  pthread_cond_destroy(&thread->wakeCond);
-  pthread_mutex_destroy(&thread->mutex);
-  delete thread;
+  if ((thread->handOff.load() & kLetGo) != 0 && (thread->handOff.fetch_or(kCleaned) & kEnded) == 0)
+    return kOsThreadOk;
+  releaseRecord(thread);
   return kOsThreadOk;
 }
 

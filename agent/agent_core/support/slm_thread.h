@@ -24,6 +24,13 @@ struct OsThread {
   void* argument;
   pthread_cond_t wakeCond;  // with `mutex`: sleeping and waking
   pthread_mutex_t mutex;
+  // A thread that outlives its stop and its cancel is let go while it still runs on this record;
+  // then whichever comes last, its end or the clean, frees the record. Flags of slm_thread.cpp.
+  std::atomic<int> handOff;
+  // What freeing the record means: null frees the OS thread alone; an object that embeds the
+  // record frees itself and the record.
+  void (*release)(void*);
+  void* releaseArgument;
 };
 
 constexpr int kOsThreadOk = 0;
@@ -37,11 +44,14 @@ OsThread* createOSThread();
 
 constexpr int kOsThreadEnded = 0;      // the thread ended by itself (or none was running)
 constexpr int kOsThreadCancelled = 1;  // it did not end within the grace time and was cancelled
-// Gives the thread kStopGraceSeconds to end, then cancels it. 0, 1, or -1 on error.
+// Gives the thread kStopGraceSeconds to end, then cancels it; a thread that has not unwound shortly
+// after the cancel (it reaches no cancellation point) is let go. 0, 1, or -1 on error. The record
+// cannot be started again once its thread was let go.
 int stopOSThread(OsThread* thread);
 constexpr int kStopGraceSeconds = 3;
 
-// Frees the record. -1, and the record stays allocated, while a thread is recorded as running.
+// Frees the record, or leaves it to a thread that was let go and still runs. -1, and the record
+// stays allocated, while a thread is recorded as running.
 int cleanOSThread(OsThread* thread);
 // Wakes the thread if it is sleeping; a wake given while it is not sleeping is lost. 0 or -1.
 int wakeOSThread(OsThread* thread);
@@ -89,7 +99,7 @@ SlmThread* createSlmThread(SlmThreadFunction init, SlmThreadFunction body, SlmTh
 // could not be set, -1 on error.
 int stopSlmThread(SlmThread* thread);
 // Requires SLM_THREAD_STOPPED and a clean function that succeeds (-1 otherwise, the object kept);
-// then frees the object and returns 0.
+// then frees the object, or leaves it to a thread that was let go, and returns 0.
 int cleanSlmThread(SlmThread* thread);
 // 1 at once when the status is not SLM_THREAD_RUNNING; otherwise as sleepOSThread, except that a
 // status change just before the sleep still ends it at once.

@@ -9,8 +9,8 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
-#include <string>
 
 #include "agent_core/support/bytes.h"
 
@@ -58,8 +58,10 @@ int openEmpty() {
 
 void rollOver() {
   trace.active = false;
+  // Built in place: a roll-over must not fail for want of memory.
   char backup[kTraceNameMax + 1];
-  copyBounded(backup, kTraceNameMax, (std::string(trace.fileName) + ".bck").c_str());
+  size_t length = strlen(copyBounded(backup, kTraceNameMax, trace.fileName));
+  copyBounded(backup + length, kTraceNameMax - length, ".bck");
   closeStream();
   trace.stream = nullptr;
   remove(backup);

@@ -36,10 +36,13 @@ std::string rootedPath(const char* path) {
   return agentRoot() + path;
 }
 
+// Built in `out` alone, so that resolving a path cannot fail for want of memory.
 char* rootedPath(const char* path, char* out, size_t outSize) {
   if (outSize == 0) return out;
-  std::string full = rootedPath(path);
-  return copyBounded(out, outSize - 1, full.c_str());
+  bool relative = path != nullptr && path[0] != '/';
+  size_t length = strlen(copyBounded(out, outSize - 1, relative ? "" : agentRoot().c_str()));
+  copyBounded(out + length, outSize - 1 - length, path);
+  return out;
 }
 
 }  // namespace slm

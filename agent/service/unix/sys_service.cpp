@@ -1,14 +1,16 @@
 // The daemon frame. The main thread only waits for the stop flag, which the SIGTERM handler sets;
-// the worker threads do the agent's work between initialisation and finalisation.
+// the worker threads do the agent's work between initialisation and finalisation. The handler does
+// only what is safe in a signal handler: it sets the flag and posts the semaphore the main thread
+// sleeps on.
 #include "service/unix/sys_service.h"
 
 #include <pthread.h>
+#include <semaphore.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
-#include <ctime>
 
 #include "service/service.h"
 
@@ -16,12 +18,14 @@ namespace slm {
 namespace {
 
 volatile sig_atomic_t stop = 0;
-pthread_cond_t condVar;
+// Posted by the SIGTERM handler; the main thread sleeps on it.
+sem_t stopPosted;
+// Held by the main thread while it waits, as the frame always has; nothing else takes it.
 pthread_mutex_t mutex;
 
 // Fixed step numbers of the "Failure at file" lines, so that a report from the field names the
 // step.
-constexpr int kStepCondVar = 220;
+constexpr int kStepStopSemaphore = 220;
 constexpr int kStepMutex = 225;
 constexpr int kStepLock = 231;
 constexpr int kStepInitialization = 245;
@@ -30,23 +34,20 @@ void reportFailure(int step) {
   fprintf(stderr, "Failure at file: %s, line: %d\n", __FILE__, step);
 }
 
-// Waits until the stop flag is set. The wait wakes every second as well, so that a signal that
-// arrives between the flag test and the wait is never lost.
+// Sleeps until the stop flag is set. A signal that arrives between the flag test and the wait has
+// already posted the semaphore, so the wait returns at once and no timed wake-up is needed.
 void waitForStop() {
-  while (!stop) {
-    timespec deadline{};
-    clock_gettime(CLOCK_REALTIME, &deadline);
-    deadline.tv_sec += 1;
-    pthread_cond_timedwait(&condVar, &mutex, &deadline);
-  }
+  while (!stop) sem_wait(&stopPosted);
 }
 
 }  // namespace
 
 void stopHandler(int) {
+  int savedErrno = errno;
   stop = 1;
-  pthread_cond_signal(&condVar);
+  sem_post(&stopPosted);
   signal(SIGTERM, stopHandler);
+  errno = savedErrno;
 }
 
 int serviceMain() {
@@ -66,19 +67,19 @@ int serviceMain() {
     return kExitDaemonSetup;
   }
 
-  if (pthread_cond_init(&condVar, nullptr) != 0) {
-    reportFailure(kStepCondVar);
+  if (sem_init(&stopPosted, 0, 0) != 0) {
+    reportFailure(kStepStopSemaphore);
     return kExitDaemonSetup;
   }
   if (pthread_mutex_init(&mutex, nullptr) != 0) {
     reportFailure(kStepMutex);
-    pthread_cond_destroy(&condVar);
+    sem_destroy(&stopPosted);
     return kExitDaemonSetup;
   }
   if (pthread_mutex_lock(&mutex) != 0) {
     reportFailure(kStepLock);
     pthread_mutex_destroy(&mutex);
-    pthread_cond_destroy(&condVar);
+    sem_destroy(&stopPosted);
     return kExitDaemonSetup;
   }
 
@@ -94,7 +95,7 @@ int serviceMain() {
   serviceFinalization();
   pthread_mutex_unlock(&mutex);
   pthread_mutex_destroy(&mutex);
-  pthread_cond_destroy(&condVar);
+  sem_destroy(&stopPosted);
   return kExitOk;
 }
 

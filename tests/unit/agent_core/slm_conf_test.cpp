@@ -33,22 +33,36 @@ class Configuration : public ::testing::Test {
 };
 
 TEST_F(Configuration, ReadsKeysAndSkipsWhatIsNotAKey) {
-  ASSERT_EQ(load("# agentid=99\n  #agentid=1\nxagentid=5\ndivisionid=\"7\"\nproxy_port=8080\n"
-                 "path = /srv port x\nport 80\nunknown=value\ncustomer =  ACME  Corp \t\r\n"
-                 "server=host=x\ntrace_size=5000"),
-            kConfigurationLoaded);
-  const std::pair<const char*, std::optional<std::string>> cases[] = {
-      {"agentid", "1"},            // a "#" after blanks is no comment
-      {"divisionid", "\"7\""},     // values are not unquoted
-      {"proxy_port", "8080"},      // not taken for "proxy" or "port"
-      {"port", std::nullopt},      // "port 80" has no "="; in the path line it follows the "="
-      {"customer", "ACME  Corp"},  // inner blanks kept, trailing blanks, tab and CR dropped
-      {"server", "host=x"},        // only the first "=" separates
-      {"trace_size", "5000"},      // last line without a line end
-      {"AgentId", std::nullopt},   // keys match case-sensitively
-      {"unknown", std::nullopt},
+  struct Case {
+    const char* line;
+    const char* key;
+    std::optional<std::string> expected;
   };
-  for (const auto& [key, expected] : cases) EXPECT_EQ(value(key), expected) << key;
+  const Case cases[] = {
+      {"# agentid=99\n", "agentid", std::nullopt},  // a "#" in the first column is a comment
+      {"  #agentid=1\n", "agentid", "1"},           // after blanks it is not
+      {"\t #port=8\n", "port", "8"},
+      {"x#port=8\n", "port", std::nullopt},  // after text it is part of the text
+      {"path=/x#port=8\n", "path", "/x#port=8"},
+      {"path=/x#port=8\n", "port", std::nullopt},
+      {"xagentid=5\n", "agentid", std::nullopt},
+      {"divisionid=\"7\"\n", "divisionid", "\"7\""},  // values are not unquoted
+      {"proxy_port=8080\n", "proxy_port", "8080"},    // not taken for "proxy" or "port"
+      {"proxy_port=8080\n", "port", std::nullopt},
+      {"path = /srv port x\n", "path", std::nullopt},  // "port" matches first, after the "="
+      {"port 80\n", "port", std::nullopt},             // no "="
+      {"tracelevel=1\n", "trace_level", std::nullopt},
+      {"unknown=value\n", "unknown", std::nullopt},
+      {"customer =  ACME  Corp \t\r\n", "customer", "ACME  Corp"},  // inner blanks kept
+      {"server=host=x\n", "server", "host=x"},                      // only the first "=" separates
+      {"trace_size=5000", "trace_size", "5000"},                    // last line without a line end
+      {"agentid=1\n", "AgentId", std::nullopt},                     // keys match case-sensitively
+  };
+  for (const Case& c : cases) {
+    ASSERT_EQ(load(c.line), kConfigurationLoaded) << c.line;
+    EXPECT_EQ(value(c.key), c.expected) << c.line << " " << c.key;
+    deleteConfigurationVariables();
+  }
 }
 
 TEST_F(Configuration, EmptyValueStopsTheLoadAtItsLine) {

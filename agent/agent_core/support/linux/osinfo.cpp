@@ -16,8 +16,8 @@
 #include <climits>
 #include <cstdio>
 #include <cstring>
-#include <string>
-#include <vector>
+#include <memory>
+#include <new>
 
 #include "agent_core/message/nls.h"
 #include "agent_core/support/bytes.h"
@@ -59,14 +59,22 @@ int writeAccountName(int (*lookup)(Id, Entry*, char*, size_t, Entry**), char* En
                      char* buffer, size_t size) {
   if (!acceptsAccountBuffer(buffer, size)) return kOsInfoFailure;
   Entry entry{};
-  std::vector<char> scratch(kAccountLookupStartBytes);
+  // Grown without exceptions: when memory runs out the id stands in for the name.
+  char first[kAccountLookupStartBytes];
+  std::unique_ptr<char[]> grown;
+  char* scratch = first;
+  size_t scratchBytes = sizeof first;
   Entry* found = nullptr;
   for (;;) {
-    int error = lookup(id, &entry, scratch.data(), scratch.size(), &found);
+    int error = lookup(id, &entry, scratch, scratchBytes, &found);
     if (error == EINTR) continue;
-    if (error == ERANGE && scratch.size() < kAccountLookupMaxBytes) {
-      scratch.resize(scratch.size() * 2);
-      continue;
+    if (error == ERANGE && scratchBytes < kAccountLookupMaxBytes) {
+      grown.reset(new (std::nothrow) char[scratchBytes * 2]);
+      if (grown != nullptr) {
+        scratch = grown.get();
+        scratchBytes *= 2;
+        continue;
+      }
     }
     if (error != 0) found = nullptr;
     break;
@@ -114,10 +122,11 @@ int getHostName(char* buffer, size_t size) {
 }
 
 bool answersDriveGeometry(const char* devicePath) {
-  std::string device = rootedPath(devicePath);
+  char device[PATH_MAX];
+  rootedPath(devicePath, device, sizeof device);
   int descriptor;
   do {
-    descriptor = open(device.c_str(), O_RDONLY | O_CLOEXEC);
+    descriptor = open(device, O_RDONLY | O_CLOEXEC);
   } while (descriptor < 0 && errno == EINTR);
   if (descriptor < 0) return false;
   hd_geometry geometry{};

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <string>
 #include <thread>
 #include <tuple>
@@ -58,6 +59,14 @@ class AgentInfoTest : public test::AgentSandbox {
 
 using AgentInfo = AgentInfoTest;
 
+int64_t memTotalKiB() {
+  std::ifstream meminfo("/proc/meminfo");
+  std::string label;
+  int64_t kib = -1;
+  while (meminfo >> label >> kib && label != "MemTotal:") meminfo.ignore(256, '\n');
+  return kib;
+}
+
 TEST_F(AgentInfo, StopsAtTheFirstMissingRequiredKeyAndFreesTheLock) {
   const std::pair<const char*, const char*> cases[] = {
       {"server=alpha\n", "agentid"},
@@ -82,6 +91,9 @@ TEST_F(AgentInfo, FillsTheRecordFromConfigurationAndSystem) {
   const std::string cpus = std::to_string(sysconf(_SC_NPROCESSORS_CONF));
   EXPECT_EQ(numbers({kAgentId, kAgentDivisionId, kAgentCpuCount, kAgentCpuCountCopy}),
             "1234567890123 -7 " + cpus + " " + cpus + " ");
+  // The sandbox root has no devices, so root counts no disks; anyone else may not count them.
+  EXPECT_EQ(numbers({kAgentMemoryMiB, kAgentDiskCount}),
+            std::to_string(memTotalKiB() >> 10) + (geteuid() == 0 ? " 0 " : " -1 "));
 
   // A rebuild starts again from the initial values; a malformed id becomes 0.
   set(kAgentNodeId, 99);
@@ -95,6 +107,10 @@ TEST_F(AgentInfo, ReadsProxySettingsAndReportsIncompleteOnes) {
       {"use_proxy=yes\nproxy=gate\nproxy_port=8080\nproxy_security=1\n", 1,
        "OK - Using proxy server"},
       {"use_proxy=y\nproxy_port=8080\nproxy_security=1\n", 1,
+       "ERROR - Proxy parameter missing or wrong"},
+      {"use_proxy=yes\nproxy=gate\nproxy_security=1\n", 1,
+       "ERROR - Proxy parameter missing or wrong"},
+      {"use_proxy=yes\nproxy=gate\nproxy_port=8080\n", 1,
        "ERROR - Proxy parameter missing or wrong"},
       {"use_proxy=YES\nproxy=gate\nproxy_port=8080\n", 0, "ERROR - Bad proxy_needed value: YES"},
       {"use_proxy=n\nproxy=gate.example\nproxy_port=70000\n", 0, "OK - Agent properties"},
@@ -250,8 +266,32 @@ TEST_F(PluginDat, FailedStoreLeavesNoFile) {
   init();
   std::filesystem::create_symlink("/dev/full", cachePath("plugin.dat"));  // as a full disk
   EXPECT_EQ(storePluginData(), kPluginNotStored);
-  EXPECT_TRUE(traced("ERROR - Writing the ")) << trace();
+  // The stream holds every item until the final flush, so a full disk shows at the last one.
+  EXPECT_TRUE(
+      traced("\n  ERROR - Writing the slm system tuple to file " + cachePath("plugin.dat") + "\n"))
+      << trace();
   EXPECT_FALSE(std::filesystem::exists(std::filesystem::symlink_status(cachePath("plugin.dat"))));
+}
+
+TEST_F(PluginDat, EachItemThatCannotBeWrittenIsNamed) {
+  const std::pair<size_t, const char*> cases[] = {
+      {3, "ERROR - Writing the plug major version to file P"},
+      {4, "ERROR - Writing the plug minor version to file P"},
+      {kPluginTupleOffset - 1, "ERROR - Writing the plugin data to file P"},
+      {kPluginDatSize - 1, "ERROR - Writing the slm system tuple to file P"},
+  };
+  uint8_t image[kPluginDatSize] = {};
+  for (const auto& [room, failure] : cases) {
+    restartTrace();
+    // An unbuffered stream with room for `room` bytes fails the first item that does not fit.
+    std::vector<char> memory(room);
+    FILE* file = fmemopen(memory.data(), room, "w");
+    ASSERT_NE(file, nullptr);
+    setvbuf(file, nullptr, _IONBF, 0);
+    EXPECT_FALSE(writePluginImage(image, file, "P"));
+    fclose(file);
+    EXPECT_TRUE(traced(std::string("\n  ") + failure + "\n")) << trace();
+  }
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <string>
 #include <tuple>
+#include <utility>
 
 #include "support/agent_sandbox.h"
 
@@ -41,6 +42,15 @@ TEST_F(CacheFile, HeaderBytesFollowTheLayout) {
   encodeCacheVersion(CacheVersion{0x102, 0x80000007}, encoded);
   EXPECT_EQ(std::string(reinterpret_cast<char*>(encoded), kCacheVersionSize),
             bytes({0x02, 0x01, 0x00, 0x00, 0x07, 0x00, 0x00, 0x80}));
+
+  // Only the low 32 bits of the time are kept, sign-extended.
+  const std::pair<int64_t, std::string> times[] = {
+      {0x80000000, bytes({0, 0, 0, 0x80, 0xFF, 0xFF, 0xFF, 0xFF})},
+      {0x17FFFFFFF, bytes({0xFF, 0xFF, 0xFF, 0x7F, 0, 0, 0, 0})}};
+  for (const auto& [time, field] : times) {
+    encodeCacheHeader(CacheHeader{CacheVersion{1, 3}, time, ""}, encoded);
+    EXPECT_EQ(std::string(reinterpret_cast<char*>(encoded) + 8, 8), field) << time;
+  }
 
   const std::string full = expected.substr(0, 16) + std::string(256, 'n');  // no terminator
   CacheHeader decoded;

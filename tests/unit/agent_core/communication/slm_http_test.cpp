@@ -165,6 +165,7 @@ TEST_F(HttpClient, AcceptsOnlyWholeHttp1TwoHundredHeads) {
       {"HTTP/1.0 204 No Content\r\n\r\n", true, 1, ""},
       {"HTTP/2 200 OK\r\n\r\n", true, 0, "ERROR - Http version HTTP/2 not supported"},
       {"HTTP/1.0 302 Found\r\n\r\n", true, 0, "ERROR - Http response 302 not managed"},
+      {"HTTP/1.1 100 Continue\r\n\r\n", true, 0, "ERROR - Http response 100 not managed"},
       {"HTTP/1.0 600 X\r\n\r\n", true, 0, ""},
       {"HTTP/1.0 200\r\n\r\n", true, 0, ""},  // the status must end at a blank
       {"HTTP/1.0 200 OK\r\nServer: x\r\n", false, 0, ""},
@@ -193,6 +194,7 @@ TEST_F(HttpClient, ResponseHeadersFillTheTableAndFiveCustomSlots) {
   EXPECT_EQ(customValue(handle.get(), "X-Long"), " " + std::string(62, 'v'));
   EXPECT_EQ(customValue(handle.get(), "X-F"), "<absent>");  // the sixth is dropped
   EXPECT_EQ(customValue(handle.get(), "x-b"), "<absent>");
+  EXPECT_EQ(headerValue(handle.get(), kHeaderCount), "");  // names no header, but is accepted
   EXPECT_EQ(headerValue(handle.get(), kHeaderCount + 1), "<invalid>");
 }
 

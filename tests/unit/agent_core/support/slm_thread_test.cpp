@@ -114,6 +114,31 @@ TEST(SlmThread, WorkerThatIgnoresStopIsCancelled) {
   EXPECT_EQ(kSlmThreadOk, cleanSlmThread(worker));
 }
 
+std::atomic<bool> spinnerMayEnd;
+std::atomic<int32_t> spinnerSawStatus;
+
+int spinningBody() {
+  while (!spinnerMayEnd.load()) {
+  }  // reaches no cancellation point
+  int32_t status = -1;
+  // Touches its object after the stop gave up on it, so a record freed under it shows as an error.
+  spinnerSawStatus = getSlmThreadStatus(Seen::worker, &status) == kSlmThreadOk ? status : -1;
+  return 0;
+}
+
+TEST(SlmThread, WorkerThatCannotBeCancelledIsLetGoWithItsObject) {
+  Seen::reset();
+  spinnerMayEnd = false;
+  spinnerSawStatus = -100;
+  SlmThread* worker = Seen::worker = createSlmThread(nullptr, spinningBody, nullptr, nullptr);
+  ASSERT_EQ(kSlmThreadOk, startSlmThread(worker));
+  EXPECT_EQ(kOsThreadCancelled, stopSlmThread(worker));
+  EXPECT_EQ(kSlmThreadOk, cleanSlmThread(worker));
+  spinnerMayEnd = true;
+  ASSERT_TRUE(waitUntil([] { return spinnerSawStatus.load() != -100; }));
+  EXPECT_EQ(SLM_THREAD_STOPPED, spinnerSawStatus.load());
+}
+
 struct RoutineReport {
   OsThread* thread;
   std::atomic<int> selfCheck{-100}, zeroSleep{-100}, wokenSleep{-100};

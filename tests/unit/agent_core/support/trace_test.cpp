@@ -104,6 +104,22 @@ TEST_F(Trace, RollsOverBeforeTheMessageAfterTheLimit) {
   EXPECT_NE(content().find("third"), std::string::npos);
 }
 
+TEST_F(Trace, RollsOverOnceThePositionReachesTheLimit) {
+  for (int beyondLimit : {-1, 0}) {
+    startTrace(path_.c_str());
+    remove((path_ + ".bck").c_str());
+    setTraceSize(6000);
+    outputTrace("f", 1, "a");
+    // Every message of this line and thread carries the same header, so the first one measures it.
+    long first = static_cast<long>(content().size());
+    long header = first - 2;
+    outputTrace("f", 1, "%s", std::string(6000 + beyondLimit - first - header - 1, 'x').c_str());
+    ASSERT_EQ(static_cast<long>(content().size()), 6000 + beyondLimit);
+    outputTrace("f", 1, "next");
+    EXPECT_EQ(fileExists(path_ + ".bck"), beyondLimit == 0) << beyondLimit;
+  }
+}
+
 TEST_F(Trace, StartingAgainEmptiesTheFile) {
   outputTrace("f", 1, "first run");
   startTrace(path_.c_str());

@@ -64,6 +64,7 @@ bool recordingProbe(const char* devicePath) {
 }
 
 TEST(OsInfo, DiskWalkProbesIdeThenScsiDevicesAndCountsThoseThatAnswer) {
+  probedDevices.clear();
   EXPECT_EQ(countDisks(recordingProbe), 4);
   ASSERT_EQ(probedDevices.size(), 52u);
   EXPECT_EQ(probedDevices[0] + probedDevices[25] + probedDevices[26] + probedDevices[51],
