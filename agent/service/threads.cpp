@@ -1,6 +1,7 @@
 // Starting and stopping the worker threads in their fixed order.
 #include "service/threads.h"
 
+#include "agent_core/cmdsthr.h"
 #include "agent_core/support/trace.h"
 
 namespace slm {
@@ -29,7 +30,7 @@ Worker workers[] = {
      "Error creating commands thread",
      "Error starting the commands thread",
      " - Stopping commands thread",
-     {}},
+     {slmAgentInitCommands, slmAgentCommandsFunction, nullptr, slmAgentCleanCommands}},
     {&inv_thread,
      " - Starting inventory thread",
      "Error creating inventory thread",
@@ -63,7 +64,9 @@ void setWorkerFunctions(WorkerSlot slot, const WorkerFunctions& functions) {
 
 int slmAgentStartThreads() {
   for (Worker& w : workers) {
-    if (w.functions.body == nullptr) continue;
+    // A worker still running is left as it is: the self-update restarts the others from the
+    // commands thread, which it did not stop.
+    if (w.functions.body == nullptr || *w.handle != nullptr) continue;
     SLM_TRACE(1, "%s", w.startLine);
     *w.handle =
         createSlmThread(w.functions.init, w.functions.body, w.functions.stop, w.functions.clean);

@@ -1,6 +1,6 @@
 // The agent's worker threads: the commands thread, the inventory thread and the process event
-// monitor, started in that order and stopped in the same order. Each worker module registers its
-// four functions here; a worker that is not registered is neither started nor stopped.
+// monitor, started in that order and stopped in the same order. Each worker has its four functions
+// here (tests may set others); a worker without a body is neither started nor stopped.
 #pragma once
 
 #include "agent_core/support/slm_thread.h"

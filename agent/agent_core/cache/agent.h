@@ -117,6 +117,12 @@ constexpr size_t kAgentDatInitialSize = 12;
 constexpr size_t kAgentDatPathLengthOffset = 8;
 static_assert(kAgentDatPathLengthOffset + kAgentDatSlotSize == kAgentDatInitialSize);
 
+// Parameter ids: the seconds left to the next inventory send, to the next self-update check (-1
+// after an update), and the last maximum self-update period received (0 after an update).
+constexpr int32_t kParameterSecondsToSend = 1;
+constexpr int32_t kParameterSecondsToUpdate = 3;
+constexpr int32_t kParameterMaxUpdatePeriod = 4;
+
 constexpr int kParameterOk = 1;
 constexpr int kParameterFailed = 0;
 // Writes `value` into the slot of `id`, creating the file first when it cannot be opened.

@@ -12,6 +12,7 @@
 #include "agent_core/cache/cache_file.h"
 #include "agent_core/cache/srvs.h"
 #include "agent_core/support/bytes.h"
+#include "agent_core/support/file_handle.h"
 #include "agent_core/support/hash_table.h"
 #include "agent_core/support/slm_lock.h"
 #include "agent_core/support/trace.h"
@@ -199,7 +200,7 @@ int loadCatalogFile(SlmList* components, SlmList* files) {
     lat.lastUpdateTime = 0;
     return kLatFailed;
   }
-  CacheFileHandle file(opened);
+  FileHandle file(opened);
 
   uint8_t countBytes[4];
   if (fread(countBytes, 1, sizeof countBytes, file.get()) != sizeof countBytes) return kLatFailed;

@@ -12,6 +12,7 @@
 #include "agent_core/cache/cache_file.h"
 #include "agent_core/cache/srvs.h"
 #include "agent_core/support/bytes.h"
+#include "agent_core/support/file_handle.h"
 #include "agent_core/support/hash_table.h"
 #include "agent_core/support/slm_lock.h"
 #include "agent_core/support/trace.h"
@@ -33,17 +34,6 @@ struct UnknownFiles {
 
 // Guarded by uat.mutex, except `uploads`.
 UnknownFiles uat;
-
-// Whether the entry's file (its directory and name, under the agent root) is still there.
-bool onDisk(const UnknownFileEntry& entry) {
-  char relative[kUnknownPathSize + kFileNameSize + 1];
-  size_t length = strnlen(entry.path, kUnknownPathSize);
-  bool slash = length > 0 && entry.path[length - 1] == '/';
-  snprintf(relative, sizeof relative, slash ? "%s%s" : "%s/%s", entry.path, entry.name);
-  char path[kCachePathSize];
-  struct stat status;
-  return lstat(rootedPath(relative, path, sizeof path), &status) == 0;
-}
 
 bool dumpWanted() {
   return traceActive(1);
@@ -119,6 +109,16 @@ void decodeUnknownFileEntry(const uint8_t* in, UnknownFileEntry* entry) {
   memcpy(entry->path, in + kUnknownPathOffset, kUnknownPathSize);
   entry->path[kUnknownPathSize - 1] = '\0';
   entry->lastUpdateTime = static_cast<AgentTime>(getFixed32(in + kUnknownTimeOffset));
+}
+
+bool isUnknownFileOnDisk(const UnknownFileEntry& entry) {
+  char relative[kUnknownPathSize + kFileNameSize + 1];
+  size_t length = strnlen(entry.path, kUnknownPathSize);
+  bool slash = length > 0 && entry.path[length - 1] == '/';
+  snprintf(relative, sizeof relative, slash ? "%s%s" : "%s/%s", entry.path, entry.name);
+  char path[kCachePathSize];
+  struct stat status;
+  return lstat(rootedPath(relative, path, sizeof path), &status) == 0;
 }
 
 int compareUATEntries(const void* stored, const void* match) {
@@ -203,7 +203,7 @@ int cleanUnknownTable() {
        value = findHtNextElement(uat.table, 0)) {
     UnknownFileEntry entry;
     memcpy(&entry, value, sizeof entry);
-    if (onDisk(entry)) continue;
+    if (isUnknownFileOnDisk(entry)) continue;
     if (deleteHtElement(uat.table, entry.size, &entry, compareUATEntries) != kHtDeleted) {
       SLM_TRACE(0, "ERROR - Removing unknown files from UAT");
       result = kUatFailed;
@@ -270,7 +270,7 @@ int readUnknownFileList() {
               uat.path);
     return kUatFailed;
   }
-  CacheFileHandle file(opened);
+  FileHandle file(opened);
   uat.lastUploadTime = static_cast<AgentTime>(static_cast<uint32_t>(timestamp));
 
   uint8_t bytes[kUnknownEntrySize];

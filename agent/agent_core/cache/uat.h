@@ -68,6 +68,8 @@ int delUnknownFileEntry(const UnknownFileEntry* entry);
 // table's beginning, 0 goes on. kUatOk with the next such entry in *entry; kUatNoMore at the end;
 // kUatFailed for a null `entry` or a mutex failure. One walk at a time.
 [[nodiscard]] int copyNextUpdatedInstance(UnknownFileEntry* entry, int restart);
+// Whether the entry's file (its directory and name, under the agent root) is still on the disk.
+bool isUnknownFileOnDisk(const UnknownFileEntry& entry);
 // Drops every entry whose file is no longer on the disk. kUatOk or kUatFailed.
 int cleanUnknownTable();
 // Empties the table and sets the last upload time to 0. kUatOk or kUatFailed.

@@ -174,7 +174,7 @@ int pingRTServer(const ServerAddress* server) {
   return kPingAnswered;
 }
 
-int downloadTopology(SlmList* servers) {
+int downloadTopology(SlmList* division, SlmList* enterprise) {
   ServerAddress server;
   if (preferredServer(&server) != kServiceOk) return kServiceFailed;
   SLM_TRACE(2, "SRVCS - Topology from server: %s", server.host);
@@ -190,14 +190,14 @@ int downloadTopology(SlmList* servers) {
     SLM_TRACE(0, "ERROR - Not begin divion servers found, string %s", begin.text());
     return abandonService(handle, kServiceFailed);
   }
-  int result = readServerSection(handle, &end_div_tk, servers);
+  int result = readServerSection(handle, &end_div_tk, division);
   if (result != kServiceOk) return abandonService(handle, result);
   if (begin.read(handle, &begin_ent_tk, &response_tag_tk) != kTokenFoundA) {
     // The message ends in a bare percent sign; logs are matched on it as it stands.
     SLM_TRACE(0, "ERROR - Not enterprise begin found, string %%");
     return abandonService(handle, kServiceFailed);
   }
-  result = readServerSection(handle, &end_ent_tk, servers);
+  result = readServerSection(handle, &end_ent_tk, enterprise);
   if (result != kServiceOk) return abandonService(handle, result);
   return endSlmService(handle);
 }

@@ -41,9 +41,9 @@ constexpr int kPingFailed = 1;
 // kPingAnswered when `server` gave a usable answer of this protocol.
 [[nodiscard]] int pingRTServer(const ServerAddress* server);
 
-// Appends the division servers and then the enterprise servers of the preferred server's
-// topology to `servers`, a list of ServerAddress records.
-[[nodiscard]] int downloadTopology(SlmList* servers);
+// Appends the division servers and the enterprise servers of the preferred server's topology to
+// `division` and `enterprise`, lists of ServerAddress records.
+[[nodiscard]] int downloadTopology(SlmList* division, SlmList* enterprise);
 
 // Asks the preferred server for a newer agent, sending the text in `command` along. On success
 // `command` holds the update command line (at most `commandSize` - 1 characters) and `files`, a

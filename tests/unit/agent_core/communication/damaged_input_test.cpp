@@ -91,7 +91,7 @@ class DamagedStream : public ::testing::Test {
     int result = which == 0   ? plugIn(&preferred.address)
                  : which == 1 ? downloadNewAgent(command, sizeof command, list)
                  : which == 2 ? downloadParameters(words)
-                              : downloadTopology(list);
+                              : downloadTopology(list, list);
     deleteList(list);
     deleteServersCache();
     return result;

@@ -49,7 +49,7 @@ class NodeService : public test::ServiceSandbox {
     SlmList* list = createList(sizeof(ServerAddress));
     int result = service == 'p'   ? plugIn(&server)
                  : service == 'a' ? downloadParameters(words.data())
-                 : service == 't' ? downloadTopology(list)
+                 : service == 't' ? downloadTopology(list, list)
                                   : downloadNewAgent(command, commandSize, list);
     int64_t nodeId = -1;
     EXPECT_EQ(getAgentIntValue(kAgentNodeId, &nodeId), kAgentValueOk);

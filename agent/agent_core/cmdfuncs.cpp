@@ -1,0 +1,495 @@
+// The scheduled commands: catalog, unknown files upload, server pings, node id, topology,
+// parameters and the self-update.
+#include "agent_core/cmdfuncs.h"
+
+#include <errno.h>
+#include <malloc.h>
+#include <sys/stat.h>
+
+#include <atomic>
+#include <cinttypes>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+#include "agent_core/cache/agent.h"
+#include "agent_core/cache/lat.h"
+#include "agent_core/cache/srvs.h"
+#include "agent_core/cache/uat.h"
+#include "agent_core/communication/catalog.h"
+#include "agent_core/communication/comm_init.h"
+#include "agent_core/communication/service.h"
+#include "agent_core/communication/service_call.h"
+#include "agent_core/communication/slm.h"
+#include "agent_core/data/inventory_record.h"
+#include "agent_core/slm_conf.h"
+#include "agent_core/support/bytes.h"
+#include "agent_core/support/file_handle.h"
+#include "agent_core/support/shell_runner.h"
+#include "agent_core/support/slm_thread.h"
+#include "agent_core/support/trace.h"
+#include "agent_core/verifySign.h"
+#include "service/threads.h"
+#include "service/unix/base_dir.h"
+
+namespace slm {
+namespace {
+
+using List = std::unique_ptr<SlmList, void (*)(SlmList*)>;
+
+List makeList(size_t recordSize) { return List(createList(recordSize), deleteList); }
+
+// Read by the monitor thread when it queues an upload; written by the parameters command.
+std::atomic<int32_t> uploadMinimumSeconds{kDefaultUploadMinimumSeconds};
+
+// The parameters command's own memory, on the commands thread only.
+bool parametersFirstRun = true;
+int32_t savedMaxUpdatePeriod = 0;
+
+// Answers meaning that the server does not know the agent or its division: plug in again.
+bool unknownToServer(int result) {
+  if (result != kServiceUnknownAgent && result != kServiceUnknownDivision) return false;
+  (void)setAgentIntValue(kAgentPluggedIn, 0);
+  return true;
+}
+
+// The descriptive texts of an upload record carry no data on this system: one blank each.
+void blankTexts(InventoryRecord* record) {
+  strcpy(record->text1, " ");
+  strcpy(record->text2, " ");
+  strcpy(record->text3, " ");
+  strcpy(record->text4, " ");
+}
+
+void uploadRecordOf(const UnknownFileEntry& entry, InventoryRecord* record) {
+  *record = InventoryRecord{};
+  memcpy(record->name, entry.name, sizeof record->name);
+  record->size = entry.size;
+  record->first = static_cast<uint32_t>(entry.attribute1);
+  record->second = static_cast<uint32_t>(entry.attribute2);
+  copyBounded(record->directory, sizeof record->directory - 1, entry.path);
+  blankTexts(record);
+}
+
+// Makes sure the temporary directory exists. False after the failure's message.
+bool temporaryDirectoryReady() {
+  struct stat status;
+  if (stat(tempDir, &status) == 0) {
+    SLM_TRACE(2, "OK - Directory %s exists (errno=%d)", tempDir, 0);
+    return true;
+  }
+  if (errno != ENOENT) {
+    SLM_TRACE(2, "OK - Directory %s exists (errno=%d)", tempDir, errno);
+    return true;
+  }
+  SLM_TRACE(3, "OK - Directory %s doesn't exist, need to create (errno=%d)", tempDir, errno);
+  if (mkdir(tempDir, 0700) == 0) {
+    SLM_TRACE(2, "OK - Directory %s created (errno=%d)", tempDir, 0);
+    return true;
+  }
+  if (errno == EEXIST) {
+    SLM_TRACE(2, "WARNING - Stat says directory doesn't %s exists but mkdir says it does (errno=%d)",
+              tempDir, errno);
+    return true;
+  }
+  SLM_TRACE(0, "ERROR - Could'nt create directory %s, %s %d", tempDir, "error: ", errno);
+  return false;
+}
+
+// Downloads the entry's file and its signature into `directory` and checks one against the other.
+// The signature file goes away in every case.
+bool signedDownload(ServerAddress entry, const char* directory) {
+  char filePath[kPathSize];
+  char signaturePath[kPathSize];
+  copyBounded(filePath, sizeof filePath - 1, directory);
+  copyBounded(signaturePath, sizeof signaturePath - 1, directory);  // both are cut as slmGetFile would
+  if (slmGetFile(&entry, filePath, sizeof filePath) != kDownloadDone) {
+    SLM_TRACE(0, "ERROR - Check for new agent");
+    return false;
+  }
+  size_t pathLength = strlen(entry.path);
+  copyBounded(entry.path + pathLength, sizeof entry.path - 1 - pathLength, ".sign");
+  if (slmGetFile(&entry, signaturePath, sizeof signaturePath) != kDownloadDone) {
+    SLM_TRACE(0, "ERROR - Check for new agent");
+    remove(signaturePath);
+    return false;
+  }
+  uint8_t signature[kSignatureSize + 1];
+  size_t got = 0;
+  {
+    FileHandle file(fopen(signaturePath, "rb"));
+    if (file == nullptr) {
+      SLM_TRACE(0, "ERROR - Opening signature file %s error", signaturePath);
+      remove(signaturePath);
+      return false;
+    }
+    got = fread(signature, 1, sizeof signature, file.get());
+  }
+  remove(signaturePath);
+  if (got != kSignatureSize) {
+    SLM_TRACE(0, "ERROR - Signature file %s error", signaturePath);
+    return false;
+  }
+  FileHandle file(fopen(filePath, "rb"));
+  if (file == nullptr) {
+    SLM_TRACE(0, "ERROR - Opening file %s error", filePath);
+    return false;
+  }
+  if (verifySignature(file.get(), signature) != kSignatureValid) {
+    SLM_TRACE(0, "ERROR - Signature check failed for %s, %s", filePath, signaturePath);
+    return false;
+  }
+  return true;
+}
+
+// Brings the agent back after an installer that failed. 0, or -1 when it cannot be.
+int recoverFromUpdate() {
+  int loaded = loadConfigurationFile(conf_file);
+  if (loaded != kConfigurationLoaded) {
+    SLM_TRACE(0, "ERROR - Main loading '%s' not loaded", kConfFileName);
+  } else if (initAgentInfo() != kAgentValueOk) {
+    SLM_TRACE(0, "ERROR - Init the agent info");
+  } else if (initCommunication() != kCommOk) {
+    SLM_TRACE(0, "ERROR - Main during communication init");
+  } else {
+    slmAgentStartThreads();
+    deleteConfigurationVariables();
+    return kCommandRequeue;
+  }
+  deleteConfigurationVariables();
+  clearAgentInfo();
+  stopTrace();
+  return kCommandFatal;
+}
+
+}  // namespace
+
+int32_t getUploadMinimumTime() { return uploadMinimumSeconds.load(); }
+
+int slmAgentDownloadCatalogCommand(Command*) {
+  int64_t updateTime = getLATLastUpdateTime();
+  List components = makeList(sizeof(ComponentRecord));
+  List files = makeList(sizeof(FileRecord));
+  if (components == nullptr || files == nullptr) return kCommandRequeue;
+  int result = downloadCatalog(&updateTime, components.get(), files.get());
+  int outcome = kCommandRequeue;
+  if (result == kServiceOk) {
+    if (updateCatalog(components.get(), files.get()) == kLatOk) {
+      setLATLastUpdateTime(updateTime);
+      char text[24];
+      snprintf(text, sizeof text, "%" PRId64, updateTime);
+      SLM_TRACE(1, "OK - Catalog stored, update time: %s", text);
+      outcome = kCommandRequeueToo;
+    } else {
+      SLM_TRACE(0, "ERROR - Storing catalog");
+    }
+  } else if (result == kServiceFailed) {
+    SLM_TRACE(0, "ERROR - Catalog not received");
+  } else if (result == kServiceObsoleteScan) {
+    SLM_TRACE(0, "ERROR - Catalog not sent; incomplete service from server");
+  } else if (unknownToServer(result)) {
+    SLM_TRACE(0, "ERROR - Catalog not received");
+  } else {
+    SLM_TRACE(0, "ERROR - Catalog download error");
+  }
+  // A full catalog passes through the lists once; their memory goes back to the system.
+  components.reset();
+  files.reset();
+  malloc_trim(0);
+  return outcome;
+}
+
+int slmAgentUploadFilesCommand(Command* command) {
+  List records = makeList(sizeof(InventoryRecord));
+  if (records == nullptr) {
+    SLM_TRACE(0, "ERROR - Upload creating list");
+    return kCommandRequeue;
+  }
+  bool cleaned = false;
+  if (getNumberOfUploads() > kUploadsBeforeCleaning) {
+    if (cleanUnknownTable() != kUatOk) {
+      SLM_TRACE(0, "ERROR - Cleaning the unknown table.");
+      return kCommandRequeue;
+    }
+    cleaned = true;
+  }
+  UnknownFileEntry entry{};
+  int walked = copyNextUpdatedInstance(&entry, 1);
+  for (; walked == kUatOk; walked = copyNextUpdatedInstance(&entry, 0)) {
+    if (!cleaned && !isUnknownFileOnDisk(entry)) {
+      if (delUnknownFileEntry(&entry) != kUatOk) {
+        SLM_TRACE(0, "ERROR - Removing unknown files from UAT");
+        return kCommandRequeue;
+      }
+      continue;
+    }
+    InventoryRecord record;
+    uploadRecordOf(entry, &record);
+    if (append(records.get(), &record) != kListOk) {
+      SLM_TRACE(0, "ERROR - Upload filling list");
+      return kCommandRequeue;
+    }
+  }
+  if (walked != kUatNoMore) {
+    SLM_TRACE(0, "ERROR - Retrieving an unknown file from UAT");
+    return kCommandRequeue;
+  }
+  if (entries(records.get()) == 0) {
+    SLM_TRACE(2, "OK - Upload uneeded");
+    return kCommandDone;
+  }
+  // Entries recorded while the upload runs are sent again next time rather than lost.
+  const AgentTime noted = getNowWithOffset(0);
+  int result = uploadUnidentifiedList(records.get());
+  if (result == kServiceOk) {
+    setLastUploadTime(noted);
+    setNumberOfUploads(getNumberOfUploads() + 1);
+    SLM_TRACE(2, "OK - Upload successfull, %d files, time %d",
+              static_cast<int>(entries(records.get())), noted);
+  } else if (result == kServiceFailed) {
+    SLM_TRACE(0, "ERROR - Upload failed");
+    command->start = getNowWithOffset(kUploadRetrySeconds);
+    command->end = command->start + kUploadWindowSeconds;
+    command->period = 0;
+    return kCommandRequeue;
+  } else if (result == kServiceObsoleteScan) {
+    SLM_TRACE(0, "ERROR - Upload not successfully stored by server");
+  } else if (unknownToServer(result)) {
+    SLM_TRACE(0, "ERROR - Unknown angent or division");
+  }
+  return kCommandDone;
+}
+
+int slmAgentCheckServersStatusCommand(Command*) {
+  if (readLockSrvsCache() != kSrvsOk) {
+    SLM_TRACE(0, "ERROR - Servers ping failed");
+    return kCommandRequeue;
+  }
+  int answered = 0;
+  ServerHandle handle = nullptr;
+  ServerInfo info{};
+  int walked = kSrvsOk;
+  while ((walked = getNextServer(&handle, kNotRespondingServers, &info)) == kSrvsOk) {
+    if (pingRTServer(&info.address) == kPingAnswered) {
+      serverIsActive(handle);
+      ++answered;
+    } else {
+      serverNotResponding(handle);
+    }
+  }
+  releaseLockSrvsCache();
+  if (walked == kSrvsFailed) {
+    SLM_TRACE(0, "ERROR - Servers ping failed");
+    return kCommandRequeue;
+  }
+  if (answered > 0) {
+    SLM_TRACE(2, "OK - Pinged %d servers", answered);
+  } else {
+    SLM_TRACE(2, "OK - No inactive servers to ping");
+  }
+  return kCommandRequeueToo;
+}
+
+int slmAgentGetNodeCommand(Command*) {
+  ServerInfo info{};
+  int found = kSrvsFailed;
+  if (readLockSrvsCache() == kSrvsOk) {
+    ServerHandle handle = nullptr;
+    found = getNextServer(&handle, kAnyServer, &info);
+    releaseLockSrvsCache();
+  }
+  if (found != kSrvsOk) {
+    SLM_TRACE(0, "ERROR - Getting server");
+    return kCommandRequeue;
+  }
+  int result = plugIn(&info.address);
+  if (result != kServiceOk) {
+    (void)unknownToServer(result);
+    return kCommandRequeue;
+  }
+  // The plug-in stored the node id it was given; a node not yet assigned is asked for again.
+  int64_t node = 0;
+  if (getAgentIntValue(kAgentNodeId, &node) != kAgentValueOk || node <= 0) {
+    return kCommandRequeueToo;
+  }
+  return kCommandDone;
+}
+
+int slmAgentDownloadTopologyCommand(Command*) {
+  List division = makeList(sizeof(ServerAddress));
+  List enterprise = makeList(sizeof(ServerAddress));
+  if (division == nullptr || enterprise == nullptr) {
+    SLM_TRACE(0, "ERROR - Download topology unable to create list");
+    return kCommandRequeue;
+  }
+  int result = downloadTopology(division.get(), enterprise.get());
+  if (result != kServiceOk) {
+    (void)unknownToServer(result);
+    SLM_TRACE(0, "ERROR - Download topology service failed");
+    return kCommandRequeue;
+  }
+  int merged = kSrvsFailed;
+  if (writeLockSrvsCache() == kSrvsOk) {
+    merged = updateServerCache(nullptr, division.get(), enterprise.get());
+    releaseLockSrvsCache();
+  }
+  if (merged != kSrvsOk) {
+    SLM_TRACE(0, "ERROR - Topology update failed");
+    return kCommandRequeue;
+  }
+  SLM_TRACE(1, "OK - Topology updated: %d division server(s), %d enterprise server(s)",
+            static_cast<int>(entries(division.get())), static_cast<int>(entries(enterprise.get())));
+  return kCommandRequeueToo;
+}
+
+int slmAgentDownloadParametersCommand(Command* command) {
+  if (parametersFirstRun) {
+    srand(static_cast<unsigned>(getNowWithOffset(0)) * 1000u);
+    if (loadParameter(kParameterMaxUpdatePeriod, &savedMaxUpdatePeriod) != kParameterOk) {
+      savedMaxUpdatePeriod = 0;
+    }
+  }
+  int32_t words[kParameterWords] = {};
+  int result = downloadParameters(words);
+  if (result != kServiceOk) {
+    SLM_TRACE(0, "ERROR - No parameters downloaded");
+    (void)unknownToServer(result);
+    if (result == kServiceUnknownAgent) SLM_TRACE(0, "ERROR - Agent unknown: plug-in needed");
+    return kCommandRequeueToo;
+  }
+
+  // Words 2 and 3: the scan start in server milliseconds; 4 and 5: the scan date rule.
+  const uint64_t startBits =
+      static_cast<uint32_t>(words[2]) | static_cast<uint64_t>(static_cast<uint32_t>(words[3])) << 32;
+  const AgentTime scanStart = static_cast<AgentTime>(static_cast<int64_t>(startBits) / 1000);
+  uint8_t block[kAgentScanRuleSize];
+  putFixed32(block, static_cast<uint32_t>(scanStart));
+  (void)setAgentStructValue(kAgentScanStart, block);
+  putFixed32(block, static_cast<uint32_t>(words[4]));
+  putFixed32(block + 4, static_cast<uint32_t>(words[5]));
+  (void)setAgentStructValue(kAgentScanRule, block);
+  const int32_t inventoryIds[] = {kAgentMaxDelaySeconds, kAgentPacketSize, kAgentAttempts,
+                                  kAgentTimeThresholdSeconds, kAgentDelayFactor};
+  for (int i = 0; i < 5; ++i) (void)setAgentIntValue(inventoryIds[i], words[6 + i]);
+
+  if (writeLockSrvsCache() == kSrvsOk) {
+    if (getScope() != words[1]) (void)setScope(words[1]);
+    releaseLockSrvsCache();
+  }
+  if (inv_thread != nullptr && setSlmThreadStatus(inv_thread, SLM_THREAD_BUSY) != kSlmThreadOk) {
+    SLM_TRACE(0, "WARNING - Inventory thread busy");
+  }
+  (void)setCommandPeriod(slmAgentCheckServersStatusCommand, words[11]);
+  (void)setCommandPeriod(slmAgentDownloadCatalogCommand, words[13]);
+  (void)setCommandPeriod(slmAgentDownloadTopologyCommand, words[14]);
+  // This command is not in the queue while it runs: its own period changes in hand.
+  if (words[12] >= kMinimumParametersPeriod) command->period = words[12];
+  if (words[15] < 1) {
+    SLM_TRACE(0, "ERROR - Bad upload minimum time %d", words[15]);
+  } else {
+    uploadMinimumSeconds.store(words[15]);
+  }
+
+  const int32_t maxPeriod = words[17];
+  if (words[kParameterUpdateEnableWord] != 1) {
+    if (isCommandQueued(slmAgentCheckForNewAgentCommand)) {
+      (void)dequeueCommand(slmAgentCheckForNewAgentCommand);
+    }
+    savedMaxUpdatePeriod = -1;
+    return kCommandRequeueToo;
+  }
+  // The same maximum again keeps the period drawn for it.
+  if (maxPeriod == savedMaxUpdatePeriod && !parametersFirstRun) return kCommandRequeueToo;
+  (void)saveParameter(kParameterMaxUpdatePeriod, maxPeriod);
+  savedMaxUpdatePeriod = maxPeriod;
+  const int32_t period = slm_rand(maxPeriod);
+  if (isCommandQueued(slmAgentCheckForNewAgentCommand)) {
+    (void)setCommandPeriod(slmAgentCheckForNewAgentCommand, period);
+  } else {
+    const AgentTime now = getNowWithOffset(0);
+    const Command update{slmAgentCheckForNewAgentCommand, now, 0, period};
+    if (pushCommand(&update, now) != kQueueOk) {
+      SLM_TRACE(0, "ERROR - Command update agent not queued");
+    }
+  }
+  SLM_TRACE(2, "OK - New agent period for update %d (max %d)", period, maxPeriod);
+  parametersFirstRun = false;
+  return kCommandRequeueToo;
+}
+
+int slmAgentCheckForNewAgentCommand(Command*) {
+  List files = makeList(sizeof(ServerAddress));
+  if (files == nullptr) {
+    SLM_TRACE(0, "ERROR - Check for new agent creating list");
+    return kCommandRequeue;
+  }
+  if (!temporaryDirectoryReady()) return kCommandRequeue;
+
+  char commandLine[kNewAgentCommandSize];
+  copyBounded(commandLine, sizeof commandLine - 1, tempDir);
+  int result = downloadNewAgent(commandLine, sizeof commandLine, files.get());
+  if (result == kServiceNoNewerAgent) {
+    SLM_TRACE(2, "OK - No new agents found");
+    return kCommandRequeueToo;
+  }
+  if (result != kServiceOk) {
+    (void)unknownToServer(result);
+    SLM_TRACE(0, "ERROR - Check for new agent");
+    return kCommandRequeue;
+  }
+
+  char directory[kPathSize + 1];
+  snprintf(directory, sizeof directory, "%s/", tempDir);
+  // The program is the command line's first word; its name is what follows the last "/" in it.
+  char program[kNewAgentCommandSize];
+  copyBounded(program, sizeof program - 1, commandLine);
+  if (char* blank = strchr(program, ' ')) *blank = '\0';
+  const char* slash = strrchr(program, '/');
+  if (slash == nullptr) {
+    SLM_TRACE(0, "ERROR - Bad program path '%s'", program);
+    return kCommandRequeue;
+  }
+  const char* programName = slash + 1;
+
+  if (initSlmRSAContext() != kRsaContextReady) {
+    SLM_TRACE(0, "ERROR - Unable to set the context");
+    return kCommandRequeue;
+  }
+  for (void* item = getNext(files.get(), nullptr); item != nullptr;
+       item = getNext(files.get(), item)) {
+    // Nothing is installed unless every file passed.
+    if (!signedDownload(*static_cast<const ServerAddress*>(item), directory)) {
+      disposeSlmRSAContext();
+      return kCommandRequeue;
+    }
+  }
+  disposeSlmRSAContext();
+  files.reset();
+
+  slmAgentStopThreads(1);
+  closeCommunication();
+  clearAgentInfo();
+  // A restarted agent must not look for an update at once.
+  (void)saveParameter(kParameterMaxUpdatePeriod, 0);
+  (void)saveParameter(kParameterSecondsToUpdate, -1);
+
+  SLM_TRACE(0, "WARNING - Launching \"%s\" for new agent installation", commandLine);
+  char chmod[kPathSize + kNewAgentCommandSize];
+  snprintf(chmod, sizeof chmod, "chmod +x %s%s", directory, programName);
+  int chmodStatus = runShellCommand(chmod);
+  SLM_TRACE(1, "Executed command: %s; exit %d", chmod, chmodStatus);
+  SLM_TRACE(1, "Update command: %s", commandLine);
+  stopTrace();
+  int status = runShellCommand(commandLine);
+  restartTrace();
+  if (status == 0) {
+    SLM_TRACE(0, "Exiting.....");
+    stopTrace();
+    return kCommandFatal;
+  }
+  SLM_TRACE(0, "ERROR - Launching %s, error: %d", commandLine, status);
+  return recoverFromUpdate();
+}
+
+}  // namespace slm
