@@ -38,7 +38,9 @@ namespace {
 
 using List = std::unique_ptr<SlmList, void (*)(SlmList*)>;
 
-List makeList(size_t recordSize) { return List(createList(recordSize), deleteList); }
+List makeList(size_t recordSize) {
+  return List(createList(recordSize), deleteList);
+}
 
 // Read by the monitor thread when it queues an upload; written by the parameters command.
 std::atomic<int32_t> uploadMinimumSeconds{kDefaultUploadMinimumSeconds};
@@ -89,7 +91,8 @@ bool temporaryDirectoryReady() {
     return true;
   }
   if (errno == EEXIST) {
-    SLM_TRACE(2, "WARNING - Stat says directory doesn't %s exists but mkdir says it does (errno=%d)",
+    SLM_TRACE(2,
+              "WARNING - Stat says directory doesn't %s exists but mkdir says it does (errno=%d)",
               tempDir, errno);
     return true;
   }
@@ -103,7 +106,8 @@ bool signedDownload(ServerAddress entry, const char* directory) {
   char filePath[kPathSize];
   char signaturePath[kPathSize];
   copyBounded(filePath, sizeof filePath - 1, directory);
-  copyBounded(signaturePath, sizeof signaturePath - 1, directory);  // both are cut as slmGetFile would
+  copyBounded(signaturePath, sizeof signaturePath - 1,
+              directory);  // both are cut as slmGetFile would
   if (slmGetFile(&entry, filePath, sizeof filePath) != kDownloadDone) {
     SLM_TRACE(0, "ERROR - Check for new agent");
     return false;
@@ -165,7 +169,9 @@ int recoverFromUpdate() {
 
 }  // namespace
 
-int32_t getUploadMinimumTime() { return uploadMinimumSeconds.load(); }
+int32_t getUploadMinimumTime() {
+  return uploadMinimumSeconds.load();
+}
 
 int slmAgentDownloadCatalogCommand(Command*) {
   int64_t updateTime = getLATLastUpdateTime();
@@ -360,8 +366,8 @@ int slmAgentDownloadParametersCommand(Command* command) {
   }
 
   // Words 2 and 3: the scan start in server milliseconds; 4 and 5: the scan date rule.
-  const uint64_t startBits =
-      static_cast<uint32_t>(words[2]) | static_cast<uint64_t>(static_cast<uint32_t>(words[3])) << 32;
+  const uint64_t startBits = static_cast<uint32_t>(words[2]) |
+                             static_cast<uint64_t>(static_cast<uint32_t>(words[3])) << 32;
   const AgentTime scanStart = static_cast<AgentTime>(static_cast<int64_t>(startBits) / 1000);
   uint8_t block[kAgentScanRuleSize];
   putFixed32(block, static_cast<uint32_t>(scanStart));

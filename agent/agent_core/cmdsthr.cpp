@@ -67,8 +67,7 @@ int32_t findSlot(CommandFunction function, bool traceSearch) {
     if (queue.slots[slot] == nullptr) continue;
     CommandFunction actual = queue.slots[slot]->command.function;
     if (traceSearch) {
-      SLM_TRACE(3, "finding command %d, actual %d", commandNumber(function),
-                commandNumber(actual));
+      SLM_TRACE(3, "finding command %d, actual %d", commandNumber(function), commandNumber(actual));
     }
     if (actual == function) return slot;
   }

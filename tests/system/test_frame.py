@@ -79,7 +79,8 @@ def test_daemon_traces_and_stops_in_order(agent_root):
     # The configured level applies only after the configuration is read, so the loading line of
     # level 1 is not there.
     assert "- Loading configuration file" not in "".join(texts)
-    assert texts.index("OK - Starting agent...") < texts.index("Commands thread ALIVE")
+    assert (texts.index("OK - Starting agent...") < texts.index(" - Starting commands thread") <
+            texts.index(" - Stopping commands thread") < texts.index("CMDS Thread stopped"))
     assert texts[-1] == "OK - Agent stopped"
 
 
@@ -100,7 +101,10 @@ def test_idle_daemon_main_thread_sleeps_until_sigterm(agent_root):
     assert messages(agent_root.trace_text())[-1] == "OK - Agent stopped"
 
 
-LEVEL_0_TRACE = ["Commands thread ALIVE", "OK - Agent stopped"]
+# With no server at the configured port the commands thread's plug-in fails at once.
+PLUG_IN_FAILED = "ERROR - Error init http request, service: 2"
+LEVEL_0_TRACE = ["CMDS - No self update to do (time: 0)", "ERROR - no http handle", PLUG_IN_FAILED,
+                 "OK - Agent stopped"]
 
 
 @pytest.mark.parametrize("level, expected", [
@@ -113,7 +117,9 @@ LEVEL_0_TRACE = ["Commands thread ALIVE", "OK - Agent stopped"]
 ])
 def test_daemon_honours_trace_level(agent_root, level, expected):
     agent_root.write_configuration(trace_level=level)
-    agent_root.stop_daemon(agent_root.start_daemon())
+    pid = agent_root.start_daemon()
+    assert wait_for(lambda: PLUG_IN_FAILED in agent_root.trace_text())
+    agent_root.stop_daemon(pid)
     texts = messages(agent_root.trace_text())
     if isinstance(expected, list):
         assert texts == expected

@@ -7,7 +7,9 @@
 namespace slm {
 namespace {
 
-int systemShell(const char* commandLine) { return system(commandLine); }
+int systemShell(const char* commandLine) {
+  return system(commandLine);
+}
 
 std::atomic<ShellRunner> runner{systemShell};
 
@@ -17,6 +19,8 @@ void setShellRunner(ShellRunner replacement) {
   runner.store(replacement != nullptr ? replacement : systemShell);
 }
 
-int runShellCommand(const char* commandLine) { return runner.load()(commandLine); }
+int runShellCommand(const char* commandLine) {
+  return runner.load()(commandLine);
+}
 
 }  // namespace slm
