@@ -48,6 +48,9 @@ int abandonService(HttpHandle* handle, int result);
 template <int kSize>
 class PayloadToken {
  public:
+  // Only the first byte is cleared: a token area is filled a few bytes at a time, and a catalog
+  // answer reads seven tokens a line.
+  PayloadToken() { area_[0] = '\0'; }
   // The tokenizer's result: kTokenFoundA, kTokenFoundB or a stream error.
   int read(HttpHandle* handle, const TokenDesc* delimA, const TokenDesc* delimB,
            int mode = kTokenConsume) {
@@ -57,7 +60,7 @@ class PayloadToken {
   const char* text() const { return area_; }
 
  private:
-  char area_[kSize] = "";
+  char area_[kSize];
   TokenBuffer buffer_{area_, 0, kSize};
 };
 

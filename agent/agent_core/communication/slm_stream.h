@@ -99,7 +99,8 @@ int writeBufferStr(BufferedStream* stream, const char* data, int len, int grow);
 // bytes delivered before a refill failed, or that refill's result when none were.
 int readBufferStr(BufferedStream* stream, char* data, int len);
 // Finds the first occurrence of `delimA` or `delimB` in the unread bytes and delivers the bytes
-// before it into `out` (zeroed first, not terminated beyond that). At one position the delimiter
+// before it into `out`, terminated when there is room (an empty text until something is
+// delivered). At one position the delimiter
 // that ends first wins, B on a tie. kTokenConsume moves the position past token and delimiter,
 // kTokenPeek leaves it, any other mode moves it past the token only. Returns kTokenFoundB or
 // kTokenFoundA; kStreamNoRoom when the token is longer than `out` or the buffered bytes need more
