@@ -488,7 +488,9 @@ int slmAgentCheckForNewAgentCommand(Command*) {
   SLM_TRACE(1, "Update command: %s", commandLine);
   stopTrace();
   int status = runShellCommand(commandLine);
-  restartTrace();
+  // A restart finds the stopped trace still recorded and leaves it be; the trace goes on where it
+  // stopped, so that what follows the installer is not lost.
+  if (restartTrace() != 1) (void)resumeTrace();
   if (status == 0) {
     SLM_TRACE(0, "Exiting.....");
     stopTrace();

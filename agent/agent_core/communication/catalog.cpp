@@ -148,6 +148,11 @@ int downloadCatalog(int64_t* lastUpdateTime, SlmList* components, SlmList* files
   if (handle == nullptr) return kServiceFailed;
 
   Token time;
+  if (time.read(handle, &crlf_tk, &response_tag_tk, kTokenPeek) == kTokenFoundB) {
+    // No catalog: a refusal (an unknown agent, say) is passed on, anything else is a failure.
+    int result = endSlmService(handle);
+    return result == kServiceOk ? kServiceFailed : result;
+  }
   if (time.read(handle, &crlf_tk, &response_tag_tk) != kTokenFoundA) {
     return abandonService(handle, kServiceFailed);
   }

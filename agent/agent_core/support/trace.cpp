@@ -140,6 +140,16 @@ void stopTrace() {
   closeStream();
 }
 
+int resumeTrace() {
+  TraceLock lock;
+  if (trace.stream == nullptr || !trace.closed || trace.toStdout) return -1;
+  FILE* stream = fopen(trace.fileName, "a+");
+  if (stream == nullptr) return errno;
+  trace.stream = stream;
+  trace.closed = false;
+  return 1;
+}
+
 int restartTrace() {
   TraceLock lock;
   // A stopped trace still has its (closed) stream recorded, so only a trace turned off by level -1

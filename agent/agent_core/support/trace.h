@@ -23,6 +23,10 @@ void outputTrace(const char* file, int line, const char* format, ...)
 void stopTrace();
 // 1 when the file was reopened, -1 when a stream is still recorded, else the system error number.
 int restartTrace();
+// Reopens a stopped trace's file for appending, with its level and size limit as they were: the
+// trace of an agent that goes on after its installer ran. 1 when reopened, -1 when the trace is
+// not stopped, else the system error number.
+int resumeTrace();
 
 }  // namespace slm
 

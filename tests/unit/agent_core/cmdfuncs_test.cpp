@@ -1,0 +1,289 @@
+#include "agent_core/cmdfuncs.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "agent_core/cache/agent.h"
+#include "agent_core/cache/lat.h"
+#include "agent_core/cache/srvs.h"
+#include "agent_core/cache/uat.h"
+#include "agent_core/cmdsthr.h"
+#include "agent_core/data/slm_time.h"
+#include "agent_core/support/bytes.h"
+#include "agent_core/support/shell_runner.h"
+#include "service/threads.h"
+#include "service/unix/base_dir.h"
+#include "support/service_sandbox.h"
+
+namespace slm {
+namespace {
+
+constexpr AgentTime kNow = 1700000000;
+
+// What the shell was asked to run, and the status it answers with.
+std::vector<std::string> shellLines;
+int shellStatus = 0;
+int recordingShell(const char* line) {
+  shellLines.push_back(line);
+  return shellStatus;
+}
+
+// The agent's caches and command queue as the commands thread finds them, against the
+// reference server.
+class Commands : public test::ServiceSandbox {
+ protected:
+  void SetUp() override {
+    ServiceSandbox::SetUp();
+    root_.makeDirs("var/qsam/log");
+    ASSERT_EQ(createComponentsCache(), kLatOk);
+    ASSERT_EQ(createUATCache(), kUatOk);
+    ASSERT_EQ(slmAgentInitCommands(), kQueueOk);
+    ASSERT_EQ(setAgentIntValue(kAgentPluggedIn, 1), kAgentValueOk);
+    shellLines.clear();
+    shellStatus = 0;
+    setShellRunner(recordingShell);
+  }
+  void TearDown() override {
+    setShellRunner(nullptr);
+    slmAgentCleanCommands();
+    deleteUATCache();
+    deleteComponentsCache();
+    ServiceSandbox::TearDown();
+  }
+  static int64_t plugged() {
+    int64_t value = -1;
+    EXPECT_EQ(getAgentIntValue(kAgentPluggedIn, &value), kAgentValueOk);
+    return value;
+  }
+  static void addUnknown(const char* name, int64_t size, const char* path) {
+    UnknownFileEntry entry{};
+    strcpy(entry.name, name);
+    strcpy(entry.path, path);
+    entry.size = size;
+    entry.lastUpdateTime = kNow - 5;
+    ASSERT_EQ(addUnknownFileEntry(&entry), kUatOk);
+  }
+  std::string uploadedNames() const {
+    std::string body = server_->lastRequestBody("7");
+    std::string names;
+    for (size_t at = body.find("<files>\r\n"); at != std::string::npos;) {
+      at = body.find("\r\n", at) + 2;
+      if (body.compare(at, 8, "</files>") == 0) break;
+      names += (names.empty() ? "" : " ") + body.substr(at, body.find('|', at) - at);
+    }
+    return names;
+  }
+
+  Command command_{nullptr, kNow, 0, 86400};
+};
+
+TEST_F(Commands, CatalogIsMergedAndAnUnknownAgentMustPlugInAgain) {
+  serve(R"({"require_plugin": false, "catalog": {"update_time": 1700000000000,
+      "components": [[12, 1, 0, 2]], "files": [["App.exe", 4096, 1, 2, [12]]]}})");
+  EXPECT_EQ(slmAgentDownloadCatalogCommand(&command_), kCommandRequeueToo);
+  EXPECT_EQ(getLATLastUpdateTime(), 1700000000000);
+  EXPECT_TRUE(traced("OK - Catalog stored, update time: 1700000000000"));
+  FileRecord key{}, found{};
+  strcpy(key.name, "app.exe");
+  key.size = 4096;
+  EXPECT_EQ(findFileEntry(&key, &found, nullptr, nullptr), kLatOk);
+
+  serve(R"({"services": {"catalog": {"result": -1}}})");
+  EXPECT_EQ(slmAgentDownloadCatalogCommand(&command_), kCommandRequeue);
+  EXPECT_TRUE(traced("ERROR - Catalog not received"));
+  EXPECT_EQ(plugged(), 0);
+  EXPECT_EQ(getLATLastUpdateTime(), 1700000000000);
+  expectConforming();
+}
+
+TEST_F(Commands, UploadSendsWhatIsOnDiskOnceAndRetriesSoonAfterAFailure) {
+  root_.makeDirs("opt/app");
+  root_.writeFile("opt/app/kept", "x");
+  addUnknown("kept", 1, "/opt/app");
+  addUnknown("gone", 2, "/opt/app");
+  serve(R"({"require_plugin": false, "services": {"upload": {"status": 1, "count": 1}}})");
+
+  command_ = Command{slmAgentUploadFilesCommand, kNow, kNow + 20, 0};
+  EXPECT_EQ(slmAgentUploadFilesCommand(&command_), kCommandRequeue);
+  EXPECT_TRUE(traced("ERROR - Upload failed"));
+  EXPECT_EQ(command_.start, kNow + 10);
+  EXPECT_EQ(command_.end, kNow + 30);
+  EXPECT_EQ(getUnknownFilesNumber(), 1);  // the vanished file is dropped on the way
+
+  clock_.advance(10);
+  EXPECT_EQ(slmAgentUploadFilesCommand(&command_), kCommandDone);
+  EXPECT_EQ(uploadedNames(), "kept");
+  EXPECT_EQ(getLastUploadTime(), kNow + 10);
+  EXPECT_EQ(getNumberOfUploads(), 1);
+  EXPECT_EQ(slmAgentUploadFilesCommand(&command_), kCommandDone);
+  EXPECT_TRUE(traced("OK - Upload uneeded"));
+  expectConforming();
+}
+
+TEST_F(Commands, TopologyFillsBothScopes) {
+  serve(R"({"require_plugin": false, "topology": {"division": [["127.0.0.1", "/", "self"],
+      "d2|/p|8080"], "enterprise": ["e1|/e|80"]}})");
+  EXPECT_EQ(slmAgentDownloadTopologyCommand(&command_), kCommandRequeueToo);
+  EXPECT_TRUE(traced("OK - Topology updated: 2 division server(s), 1 enterprise server(s)"));
+  ASSERT_EQ(readLockSrvsCache(), kSrvsOk);
+  EXPECT_EQ(countScopeServers(kScopeDivision), 1);  // the preferred server stays where it is
+  EXPECT_EQ(countScopeServers(kScopeEnterprise), 1);
+  releaseLockSrvsCache();
+  expectConforming();
+}
+
+TEST_F(Commands, ParametersGoToTheAgentTheQueueAndTheUpdateCommand) {
+  const std::string words = R"("scope": 1, "scan_start_ms": 1700000000999, "scan_rule_type": 2,
+      "scan_rule_value": 3, "max_delay": 600, "packet_size": 10, "attempts": 4,
+      "time_threshold": 61, "delay_factor": 5, "ping_period": 1800, "parameters_period": 20,
+      "catalog_period": 7200, "topology_period": 14400, "upload_min_time": 120)";
+  serve(R"({"require_plugin": false, "parameters": {)" + words +
+        R"(, "update_enabled": "yes", "max_update_period": 1000}})");
+  command_ = Command{slmAgentDownloadParametersCommand, kNow, 0, 86400};
+  EXPECT_EQ(slmAgentDownloadParametersCommand(&command_), kCommandRequeueToo);
+  uint8_t block[8];
+  ASSERT_EQ(getAgentStructValue(kAgentScanStart, block), kAgentValueOk);
+  EXPECT_EQ(static_cast<AgentTime>(getFixed32(block)), kNow);
+  ASSERT_EQ(getAgentStructValue(kAgentScanRule, block), kAgentValueOk);
+  EXPECT_EQ(getFixed32(block) * 10 + getFixed32(block + 4), 23u);
+  int64_t delay = 0, factor = 0;
+  ASSERT_EQ(getAgentIntValue(kAgentMaxDelaySeconds, &delay), kAgentValueOk);
+  ASSERT_EQ(getAgentIntValue(kAgentDelayFactor, &factor), kAgentValueOk);
+  EXPECT_EQ(delay * 10 + factor, 6005);
+  EXPECT_EQ(getScope(), 1);
+  EXPECT_EQ(getUploadMinimumTime(), 120);
+  EXPECT_EQ(command_.period, 86400);  // 20 seconds is below its own minimum
+  EXPECT_FALSE(traced("WARNING - Command not found to change period"));
+  EXPECT_TRUE(traced("OK - New agent period for update"));
+  EXPECT_TRUE(isCommandQueued(slmAgentCheckForNewAgentCommand));
+  int32_t saved = 0;
+  ASSERT_EQ(loadParameter(kParameterMaxUpdatePeriod, &saved), kParameterOk);
+  EXPECT_EQ(saved, 1000);
+
+  // The same maximum again draws no new period; a disabled update leaves the queue.
+  restartTrace();
+  EXPECT_EQ(slmAgentDownloadParametersCommand(&command_), kCommandRequeueToo);
+  EXPECT_FALSE(traced("OK - New agent period for update"));
+  serve(R"({"require_plugin": false, "parameters": {)" + words +
+        R"(, "update_enabled": "no", "parameters_period": 45}})");
+  EXPECT_EQ(slmAgentDownloadParametersCommand(&command_), kCommandRequeueToo);
+  EXPECT_FALSE(isCommandQueued(slmAgentCheckForNewAgentCommand));
+  EXPECT_EQ(command_.period, 45);
+
+  serve(R"({"services": {"parameters": {"result": -1}}})");
+  EXPECT_EQ(slmAgentDownloadParametersCommand(&command_), kCommandRequeueToo);
+  EXPECT_TRUE(traced("ERROR - Agent unknown: plug-in needed"));
+  EXPECT_EQ(plugged(), 0);
+}
+
+TEST_F(Commands, GetNodeStaysQueuedUntilANodeComes) {
+  serve(R"({"plugin": {"withhold_node": 1, "first_result": 0}})");
+  ASSERT_EQ(setAgentIntValue(kAgentNodeId, 0), kAgentValueOk);
+  EXPECT_EQ(slmAgentGetNodeCommand(&command_), kCommandRequeueToo);
+  EXPECT_EQ(slmAgentGetNodeCommand(&command_), kCommandDone);
+  int64_t node = 0;
+  ASSERT_EQ(getAgentIntValue(kAgentNodeId, &node), kAgentValueOk);
+  EXPECT_EQ(node, 1001);
+}
+
+TEST_F(Commands, ServersThatDoNotRespondArePingedBack) {
+  serve(R"({})");
+  ServerHandle handle = nullptr;
+  ServerInfo info{};
+  ASSERT_EQ(readLockSrvsCache(), kSrvsOk);
+  ASSERT_EQ(getNextServer(&handle, kAnyServer, &info), kSrvsOk);
+  serverNotResponding(handle);
+  releaseLockSrvsCache();
+  EXPECT_EQ(slmAgentCheckServersStatusCommand(&command_), kCommandRequeueToo);
+  EXPECT_TRUE(traced("OK - Pinged 1 servers"));
+  EXPECT_EQ(testActive(handle), 1);
+  EXPECT_EQ(slmAgentCheckServersStatusCommand(&command_), kCommandRequeueToo);
+  EXPECT_TRUE(traced("OK - No inactive servers to ping"));
+}
+
+class SelfUpdate : public Commands {
+ protected:
+  void SetUp() override {
+    Commands::SetUp();
+    root_.makeDirs("tmp");
+    copyBounded(tempDir, kPathSize - 1, root_.file("tmp/qsam").c_str());
+    copyBounded(conf_file, kPathSize - 1, root_.file("etc/kvdagent.ini").c_str());
+    root_.writeFile("served/pkg/install.sh", "#!/bin/sh\n");
+    root_.writeFile("served/pkg/kvdagent", std::string(3000, 'k'));
+    // The agent threads a failed installation restarts.
+    setWorkerFunctions(WorkerSlot::kCommands, {});
+    setWorkerFunctions(WorkerSlot::kInventory, {nullptr, idleBody, nullptr, nullptr});
+    // As in the running daemon, the configuration is read again only by a failed installation.
+    deleteConfigurationVariables();
+  }
+  void TearDown() override {
+    slmAgentStopThreads(0);
+    setWorkerFunctions(WorkerSlot::kInventory, {});
+    setWorkerFunctions(WorkerSlot::kCommands, {slmAgentInitCommands, slmAgentCommandsFunction,
+                                               nullptr, slmAgentCleanCommands});
+    tempDir[0] = conf_file[0] = '\0';
+    Commands::TearDown();
+  }
+  static int idleBody() {
+    sleepSlmThread(inv_thread, -1);
+    return 0;
+  }
+  // Offers the two files with `command`, signed or not.
+  void offer(const std::string& command, bool sign = true) {
+    serve(R"({"require_plugin": false, "new_agent": {"command": ")" + command +
+          R"(", "files": ["/pkg/kvdagent", "/pkg/install.sh"]}, "downloads": {"root": ")" +
+          root_.file("served") + R"(", "sign": )" + (sign ? "true" : "false") + "}}");
+  }
+};
+
+TEST_F(SelfUpdate, VerifiedFilesAreInstalledAndTheAgentGoes) {
+  const std::string installer = root_.file("tmp/qsam/install.sh");
+  offer(installer + " -q");
+  EXPECT_EQ(slmAgentCheckForNewAgentCommand(&command_), kCommandFatal);
+  EXPECT_EQ(shellLines, (std::vector<std::string>{"chmod +x " + installer, installer + " -q"}));
+  EXPECT_EQ(test::readFile(root_.file("tmp/qsam/kvdagent")), std::string(3000, 'k'));
+  int32_t update = 0, maximum = 7;
+  ASSERT_EQ(loadParameter(kParameterSecondsToUpdate, &update), kParameterOk);
+  ASSERT_EQ(loadParameter(kParameterMaxUpdatePeriod, &maximum), kParameterOk);
+  EXPECT_EQ(update * 10 + maximum, -10);
+  EXPECT_TRUE(traced("Exiting....."));
+  // The agent information is gone with the agent.
+  int64_t id = 0;
+  EXPECT_EQ(getAgentIntValue(kAgentId, &id), kAgentValueFailed);
+  startTrace(root_.file("trace.log").c_str());
+}
+
+TEST_F(SelfUpdate, AFailedInstallerBringsTheAgentBack) {
+  offer(root_.file("tmp/qsam/install.sh"));
+  shellStatus = 256;
+  EXPECT_EQ(slmAgentCheckForNewAgentCommand(&command_), kCommandRequeue);
+  EXPECT_TRUE(traced("ERROR - Launching " + root_.file("tmp/qsam/install.sh") + ", error: 256"));
+  int64_t id = 0;
+  ASSERT_EQ(getAgentIntValue(kAgentId, &id), kAgentValueOk);
+  EXPECT_EQ(id, 4711);
+  EXPECT_NE(inv_thread, nullptr);
+}
+
+TEST_F(SelfUpdate, NothingRunsUnlessEveryFileIsSigned) {
+  offer(root_.file("tmp/qsam/install.sh"), false);
+  EXPECT_EQ(slmAgentCheckForNewAgentCommand(&command_), kCommandRequeue);
+  EXPECT_TRUE(traced("ERROR - Check for new agent"));
+  root_.writeFile("served/pkg/kvdagent.sign", std::string(63, 's'));
+  root_.writeFile("served/pkg/install.sh.sign", std::string(64, 's'));
+  offer(root_.file("tmp/qsam/install.sh"), false);
+  EXPECT_EQ(slmAgentCheckForNewAgentCommand(&command_), kCommandRequeue);
+  EXPECT_TRUE(traced("ERROR - Signature file " + root_.file("tmp/qsam/kvdagent.sign") + " error"));
+  offer("install.sh -q");
+  EXPECT_EQ(slmAgentCheckForNewAgentCommand(&command_), kCommandRequeue);
+  EXPECT_TRUE(traced("ERROR - Bad program path 'install.sh'"));
+  EXPECT_EQ(shellLines, std::vector<std::string>{});
+  serve(R"({"require_plugin": false})");
+  EXPECT_EQ(slmAgentCheckForNewAgentCommand(&command_), kCommandRequeueToo);
+  EXPECT_TRUE(traced("OK - No new agents found"));
+}
+
+}  // namespace
+}  // namespace slm
