@@ -2,6 +2,7 @@
 #include "service/threads.h"
 
 #include "agent_core/cmdsthr.h"
+#include "agent_core/monitor.h"
 #include "agent_core/support/trace.h"
 
 namespace slm {
@@ -42,7 +43,7 @@ Worker workers[] = {
      "Error creating monitor thread",
      "Error starting monitor thread",
      " - Stopping monitor thread",
-     {}},
+     {slmAgentInitMonitor, slmAgentMonitorFunction, slmAgentStopMonitor, slmAgentCleanMonitor}},
 };
 
 Worker& worker(WorkerSlot slot) {

@@ -103,8 +103,10 @@ def test_idle_daemon_main_thread_sleeps_until_sigterm(agent_root):
 
 # With no server at the configured port the commands thread's plug-in fails at once.
 PLUG_IN_FAILED = "ERROR - Error init http request, service: 2"
+# Without a usable driver the monitor does not start. The commands thread runs beside the start-up,
+# so the order of these lines varies; the stop line comes last.
 LEVEL_0_TRACE = ["CMDS - No self update to do (time: 0)", "ERROR - no http handle", PLUG_IN_FAILED,
-                 "OK - Agent stopped"]
+                 "Found driver status -1 exiting", "Error creating monitor thread"]
 
 
 @pytest.mark.parametrize("level, expected", [
@@ -122,7 +124,7 @@ def test_daemon_honours_trace_level(agent_root, level, expected):
     agent_root.stop_daemon(pid)
     texts = messages(agent_root.trace_text())
     if isinstance(expected, list):
-        assert texts == expected
+        assert sorted(texts[:-1]) == sorted(expected) and texts[-1] == "OK - Agent stopped"
     else:
         assert expected in texts
 
