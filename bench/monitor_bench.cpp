@@ -1,0 +1,200 @@
+// The process event monitor's work per event: read, file status, catalog lookup and
+// acknowledgement, through a device that hands out events as fast as the monitor takes them, with
+// catalogs of 10k, 100k and 1M files; beside it the same loop on fork events, which are
+// acknowledged without a status or a lookup. Each benchmark runs the real monitor loop on its own
+// thread over a batch of events and reports the 50th and 99th percentile of the time between one
+// read and the next. The larger catalogs run only with SLM_BENCH_FULL=1.
+#include <benchmark/benchmark.h>
+#include <errno.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "agent_core/cache/agent.h"
+#include "agent_core/cache/lat.h"
+#include "agent_core/cache/uat.h"
+#include "agent_core/cmdsthr.h"
+#include "agent_core/monitor.h"
+#include "agent_core/slm_conf.h"
+#include "agent_core/support/slm_list.h"
+#include "agent_core/support/unix_common.h"
+#include "kernel/unix/agent/driver_api.h"
+#include "support/temp_root.h"
+
+namespace slm {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr int kEventsPerBatch = 20000;
+constexpr int kProgramsOnDisk = 16;
+
+bool fullRun() {
+  const char* full = getenv("SLM_BENCH_FULL");
+  return full != nullptr && strcmp(full, "1") == 0;
+}
+
+// A device with a fixed round of events: every read returns the next one and notes the time, the
+// read after the batch fails and so ends the monitor.
+struct BenchDevice {
+  std::vector<std::string> events;
+  std::vector<Clock::time_point> readTimes;
+  size_t next = 0;
+};
+BenchDevice device;
+
+int benchOpen(const char*, int) {
+  return 42;
+}
+int benchIoctl(int, unsigned long) {
+  return 0;
+}
+ssize_t benchRead(int, void* buffer, size_t size) {
+  device.readTimes.push_back(Clock::now());
+  if (device.next >= static_cast<size_t>(kEventsPerBatch)) {
+    errno = EIO;
+    return -1;
+  }
+  const std::string& event = device.events[device.next++ % device.events.size()];
+  memcpy(buffer, event.data(), std::min(size, event.size()));
+  return static_cast<ssize_t>(event.size());
+}
+ssize_t benchWrite(int, const void*, size_t size) {
+  return static_cast<ssize_t>(size);
+}
+int benchClose(int) {
+  return 0;
+}
+const DeviceCalls kBenchCalls{benchOpen, benchIoctl, benchRead, benchWrite, benchClose};
+
+// The agent state the monitor needs, in a temporary root holding a few programs; the catalog knows
+// half of them beside `files` synthetic entries.
+class MonitorWorld {
+ public:
+  explicit MonitorWorld(int64_t files) {
+    setAgentRoot(root_.path().c_str());
+    root_.makeDirs("var/qsam/cache");
+    root_.makeDirs("usr/bin");
+    root_.writeFile("etc/kvdagent.ini", "agentid=1\ndivisionid=2\ntag=t\ncustomer=c\n");
+    if (loadConfigurationFile(root_.file("etc/kvdagent.ini").c_str()) != kConfigurationLoaded ||
+        initAgentInfo() != kAgentValueOk || createComponentsCache() != kLatOk ||
+        createUATCache() != kUatOk || slmAgentInitCommands() != kQueueOk) {
+      fprintf(stderr, "monitor benchmark: the agent state could not be built\n");
+      abort();
+    }
+    (void)setAgentIntValue(kAgentDriverStatus, 0);
+    SlmList* list = createList(sizeof(FileRecord));
+    SlmList* components = createList(sizeof(ComponentRecord));
+    for (int i = 0; i < kProgramsOnDisk; ++i) {
+      std::string name = "program" + std::to_string(i);
+      root_.writeFile("usr/bin/" + name, std::string(1000 + 37 * i, 'x'));
+      paths_.push_back("/usr/bin/" + name);
+      if (i % 2 == 1) continue;
+      FileRecord record{};
+      name.copy(record.name, sizeof record.name - 1);
+      record.size = 1000 + 37 * i;
+      (void)append(list, &record);
+    }
+    for (int64_t i = 0; i < files; ++i) {
+      FileRecord record{};
+      snprintf(record.name, sizeof record.name, "catalog%07lld.bin", static_cast<long long>(i));
+      record.size = 1024 + (i * 7919) % (50 * 1024 * 1024);
+      (void)append(list, &record);
+      if (entries(list) == 100000) {
+        (void)updateCatalog(components, list);
+        deleteList(list);
+        list = createList(sizeof(FileRecord));
+      }
+    }
+    (void)updateCatalog(components, list);
+    deleteList(list);
+    deleteList(components);
+  }
+  ~MonitorWorld() {
+    slmAgentCleanCommands();
+    remove(root_.file("var/qsam/cache/catalog.dat").c_str());
+    deleteUATCache();
+    deleteComponentsCache();
+    clearAgentInfo();
+    deleteConfigurationVariables();
+    setAgentRoot("");
+  }
+  const std::vector<std::string>& paths() const { return paths_; }
+
+ private:
+  test::TempDir root_;
+  std::vector<std::string> paths_;
+};
+
+std::string encoded(const DriverEvent& event) {
+  uint8_t bytes[kEventRecordSize];
+  encodeDriverEvent(event, bytes);
+  return std::string(reinterpret_cast<char*>(bytes), sizeof bytes);
+}
+
+// Runs the monitor over one batch of the world's programs started (or forked) and reports the
+// percentiles of the per-event times.
+void BM_MonitorEvent(benchmark::State& state, bool lookups) {
+  MonitorWorld world(state.range(0));
+  device = BenchDevice{};
+  for (size_t i = 0; i < world.paths().size(); ++i) {
+    DriverEvent event;
+    event.kind = kEventStart;
+    event.forkFlag = lookups ? 0 : 1;
+    world.paths()[i].copy(event.path, kEventPathSize - 1);
+    device.events.push_back(encoded(event));
+  }
+  setDeviceCalls(&kBenchCalls);
+  (void)setSlmDeviceFileName("/var/qsam/kvdkagent");
+  std::vector<double> micros;
+  for (auto _ : state) {
+    device.next = 0;
+    device.readTimes.clear();
+    device.readTimes.reserve(kEventsPerBatch + 2);
+    benchmark::DoNotOptimize(slmAgentMonitorFunction());
+    (void)setAgentIntValue(kAgentDriverStatus, 0);
+    for (size_t i = 1; i + 1 < device.readTimes.size(); ++i) {
+      micros.push_back(
+          std::chrono::duration<double, std::micro>(device.readTimes[i] - device.readTimes[i - 1])
+              .count());
+    }
+  }
+  setDeviceCalls(nullptr);
+  cleanSlmDeviceFileName();
+  std::sort(micros.begin(), micros.end());
+  auto percentile = [&](double p) {
+    return micros.empty() ? 0.0 : micros[static_cast<size_t>(p * (micros.size() - 1))];
+  };
+  state.counters["p50_us"] = percentile(0.50);
+  state.counters["p99_us"] = percentile(0.99);
+  state.SetItemsProcessed(static_cast<int64_t>(micros.size()));
+}
+
+const bool registered = [] {
+  std::vector<int64_t> sizes = {10000};
+  if (fullRun()) sizes.insert(sizes.end(), {100000, 1000000});
+  for (int64_t files : sizes) {
+    benchmark::RegisterBenchmark("monitor_event/start_with_lookup",
+                                 [](benchmark::State& state) { BM_MonitorEvent(state, true); })
+        ->ArgName("files")
+        ->Arg(files)
+        ->Iterations(3)
+        ->Unit(benchmark::kMillisecond);
+    benchmark::RegisterBenchmark("monitor_event/fork_no_lookup",
+                                 [](benchmark::State& state) { BM_MonitorEvent(state, false); })
+        ->ArgName("files")
+        ->Arg(files)
+        ->Iterations(3)
+        ->Unit(benchmark::kMillisecond);
+  }
+  return true;
+}();
+
+}  // namespace
+}  // namespace slm
