@@ -1,7 +1,10 @@
 // The one way the agent runs a shell command line (the self-update's "chmod +x " and installer,
 // the kernel module loader): through a replaceable runner, the system shell unless a test installs
-// another.
+// another. The agent knows which of its children are shells it started, so that the built-in exec
+// monitor lets them and what they start run without waiting for the agent.
 #pragma once
+
+#include <sys/types.h>
 
 namespace slm {
 
@@ -12,5 +15,8 @@ using ShellRunner = int (*)(const char* commandLine);
 // Installs `runner`; null restores the system shell.
 void setShellRunner(ShellRunner runner);
 int runShellCommand(const char* commandLine);
+
+// Whether a shell started by runShellCommand is running now; any thread may ask.
+bool agentShellRunning();
 
 }  // namespace slm
