@@ -6,6 +6,9 @@
 // read and the next. The larger catalogs run only with SLM_BENCH_FULL=1.
 #include <benchmark/benchmark.h>
 #include <errno.h>
+#include <spawn.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
 
 #include <algorithm>
 #include <chrono>
@@ -13,7 +16,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "agent_core/cache/agent.h"
@@ -23,8 +28,11 @@
 #include "agent_core/monitor.h"
 #include "agent_core/slm_conf.h"
 #include "agent_core/support/slm_list.h"
+#include "agent_core/support/slm_thread.h"
 #include "agent_core/support/unix_common.h"
+#include "kernel/linux/agent/exec_monitor.h"
 #include "kernel/unix/agent/driver_api.h"
+#include "service/threads.h"
 #include "support/temp_root.h"
 
 namespace slm {
@@ -126,6 +134,7 @@ class MonitorWorld {
     setAgentRoot("");
   }
   const std::vector<std::string>& paths() const { return paths_; }
+  std::string real(const std::string& path) const { return root_.file(path.substr(1)); }
 
  private:
   test::TempDir root_;
@@ -176,6 +185,81 @@ void BM_MonitorEvent(benchmark::State& state, bool lookups) {
   state.SetItemsProcessed(static_cast<int64_t>(micros.size()));
 }
 
+constexpr int kExecs = 2000;
+
+// Per-start times of `kExecs` starts of `program`, in microseconds, sorted.
+std::vector<double> startTimes(const std::string& program) {
+  std::vector<double> micros;
+  char* argv[] = {const_cast<char*>(program.c_str()), nullptr};
+  for (int i = 0; i < kExecs; ++i) {
+    Clock::time_point begin = Clock::now();
+    pid_t child = -1;
+    int status = 0;
+    if (posix_spawn(&child, program.c_str(), nullptr, nullptr, argv, nullptr) == 0) {
+      waitpid(child, &status, 0);
+    }
+    micros.push_back(std::chrono::duration<double, std::micro>(Clock::now() - begin).count());
+  }
+  std::sort(micros.begin(), micros.end());
+  return micros;
+}
+
+double at(const std::vector<double>& sorted, double p) {
+  return sorted[static_cast<size_t>(p * (sorted.size() - 1))];
+}
+
+// Starts of a catalogued program in the sandbox, first unwatched, then watched by the agent's
+// monitor thread on the built-in exec monitor.
+void BM_WatchedStart(benchmark::State& state) {
+  if (!execMonitorSupported()) {
+    state.SkipWithError("exec permission events are not available (root and fanotify needed)");
+    return;
+  }
+  MonitorWorld world(state.range(0));
+  const std::string program = world.real(world.paths()[0]);
+  std::filesystem::copy_file("/bin/true", program,
+                             std::filesystem::copy_options::overwrite_existing);
+  chmod(program.c_str(), 0755);
+  // The catalog knows the program by its new size.
+  FileRecord known{};
+  strcpy(known.name, "program0");
+  known.size = static_cast<int64_t>(std::filesystem::file_size(program));
+  SlmList* files = createList(sizeof(FileRecord));
+  SlmList* components = createList(sizeof(ComponentRecord));
+  (void)append(files, &known);
+  (void)updateCatalog(components, files);
+  deleteList(files);
+  deleteList(components);
+
+  for (auto _ : state) {
+    std::vector<double> unwatched = startTimes(program);
+    setDeviceCalls(&builtinExecMonitorCalls());
+    (void)setSlmDeviceFileName("built-in");
+    (void)setAgentIntValue(kAgentDriverStatus, 0);
+    mon_thread = createSlmThread(slmAgentInitMonitor, slmAgentMonitorFunction, slmAgentStopMonitor,
+                                 slmAgentCleanMonitor);
+    if (mon_thread == nullptr || startSlmThread(mon_thread) != kSlmThreadOk) {
+      state.SkipWithError("the monitor thread did not start");
+      break;
+    }
+    // The first start waits until the monitor has its marks.
+    while (execMonitorCounts().answered == 0) (void)startTimes(program).size();
+    std::vector<double> watched = startTimes(program);
+    stopSlmThread(mon_thread);
+    cleanSlmThread(mon_thread);
+    mon_thread = nullptr;
+    setDeviceCalls(nullptr);
+    cleanSlmDeviceFileName();
+    state.counters["unwatched_p50_us"] = at(unwatched, 0.50);
+    state.counters["unwatched_p99_us"] = at(unwatched, 0.99);
+    state.counters["watched_p50_us"] = at(watched, 0.50);
+    state.counters["watched_p99_us"] = at(watched, 0.99);
+    state.counters["added_p50_us"] = at(watched, 0.50) - at(unwatched, 0.50);
+    state.counters["added_p99_us"] = at(watched, 0.99) - at(unwatched, 0.99);
+    state.counters["by_watchdog"] = static_cast<double>(execMonitorCounts().byWatchdog);
+  }
+}
+
 const bool registered = [] {
   std::vector<int64_t> sizes = {10000};
   if (fullRun()) sizes.insert(sizes.end(), {100000, 1000000});
@@ -192,6 +276,15 @@ const bool registered = [] {
         ->Arg(files)
         ->Iterations(3)
         ->Unit(benchmark::kMillisecond);
+  }
+  // Thousands of real program starts: the full run only.
+  if (fullRun()) {
+    benchmark::RegisterBenchmark("monitor_exec/start", BM_WatchedStart)
+        ->ArgName("files")
+        ->Arg(1000000)
+        ->Iterations(1)
+        ->Unit(benchmark::kMillisecond)
+        ->UseRealTime();
   }
   return true;
 }();
