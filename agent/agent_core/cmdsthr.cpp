@@ -233,7 +233,13 @@ int pushCommand(const Command* command, AgentTime lastExecution) {
   ++queue.count;
   SLM_TRACE(2, "CMD PUSH - free element %d, command %d, last exec %d", slot,
             commandNumber(command->function), lastExecution);
-  return unlockQueue() ? kQueueOk : kQueueLockFailed;
+  if (!unlockQueue()) return kQueueLockFailed;
+  // A command queued by another thread (an upload after an unknown program, say) may be due
+  // before the commands thread means to wake: it recomputes its wait.
+  if (cmd_thread != nullptr && isItMe(cmd_thread->osThread) != kIsMe) {
+    (void)setSlmThreadStatus(cmd_thread, SLM_THREAD_BUSY);
+  }
+  return kQueueOk;
 }
 
 int dequeueCommand(CommandFunction function) {
