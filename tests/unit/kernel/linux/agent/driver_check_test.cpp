@@ -36,34 +36,27 @@ Recorder recorder;
 int recordShell(const char* line) {
   recorder.commands.push_back(line);
   if (recorder.shellStatus == 0 && !recorder.registers.empty()) {
-    std::string devices = test::readFile(recorder.devicesFile) + recorder.registers;
-    if (FILE* file = fopen(recorder.devicesFile.c_str(), "w")) {
-      fputs(devices.c_str(), file);
+    if (FILE* file = fopen(recorder.devicesFile.c_str(), "a")) {
+      fputs(recorder.registers.c_str(), file);
       fclose(file);
     }
   }
   return recorder.shellStatus;
 }
-int recordOpen(const char* path, int) {
-  recorder.device.push_back(std::string("open ") + path);
-  return 7;
-}
-int recordIoctl(int, unsigned long request) {
-  recorder.device.push_back("ioctl " + std::to_string(request));
-  return 0;
-}
-ssize_t refuseTransfer(int, void*, size_t) {
-  return -1;
-}
-ssize_t refuseWrite(int, const void*, size_t) {
-  return -1;
-}
-int recordClose(int) {
-  recorder.device.push_back("close");
-  return 0;
-}
-const DeviceCalls kScriptedDevice{recordOpen, recordIoctl, refuseTransfer, refuseWrite,
-                                  recordClose};
+// Driver management only opens, switches off and closes a device: it never reads or writes.
+const DeviceCalls kScriptedDevice{[](const char* path, int) {
+                                    recorder.device.push_back(std::string("open ") + path);
+                                    return 7;
+                                  },
+                                  [](int, unsigned long request) {
+                                    recorder.device.push_back("ioctl " + std::to_string(request));
+                                    return 0;
+                                  },
+                                  nullptr, nullptr,
+                                  [](int) {
+                                    recorder.device.push_back("close");
+                                    return 0;
+                                  }};
 
 // A temporary root with module directory, fake /proc files, a recording shell and a scripted
 // device, and the reference server as the preferred server.
@@ -117,8 +110,10 @@ class DriverCheck : public test::ServiceSandbox {
   void serveDownloads() {
     serve(R"({"downloads": {"root": ")" + root_.file("served") + R"(", "sign": true}})");
   }
+  // "" leaves the key out.
   void configure(const std::string& driverConfFile) {
-    loadConfiguration(kConfiguration + "driver_conf_file=" + driverConfFile + "\n");
+    loadConfiguration(kConfiguration +
+                      (driverConfFile.empty() ? "" : "driver_conf_file=" + driverConfFile + "\n"));
   }
   static int64_t status() {
     int64_t value = -9;
@@ -170,8 +165,11 @@ TEST_F(DriverCheck, ReusesTheRecordedDriverWhileTheSystemIsUnchanged) {
 TEST_F(DriverCheck, InstallsTheDriverListedForAChangedSystem) {
   if (geteuid() != 0) GTEST_SKIP() << kNeedsRoot;
   recordDriver("kvdkagent-old", false);
-  writeProc(" 61 kvdkagent-old\n 10 misc\n 62 kvdkagent-older\n",
-            "kvdkagent-old 16384 0 - Live 0x0\n");
+  // Only lines of a number and a name that starts with "kvdkagent-" are agent drivers.
+  writeProc(
+      "Character devices:\n 61 kvdkagent-old\n 10 misc\nx 60 kvdkagent-x\n"
+      "  7 other-kvdkagent-\n\nBlock devices:\n 62   kvdkagent-older  extra\n 63 kvdkagent\n",
+      "kvdkagent-old 16384 0 - Live 0x0\n");
   root_.writeFile("lib/modules/kvdkagent-old.o", "old");
   root_.writeFile("lib/modules/kvdkagent-older.o", "older");
   std::string module(3000, 'k');
@@ -230,33 +228,32 @@ TEST_F(DriverCheck, RecordsTheStepThatFailed) {
 
   struct Case {
     const char* confFile;  // "" leaves the key out
-    bool procDevices;
+    char procDevices;      // 'f' a file, 'd' a directory, '-' none
     int shellStatus;
     int64_t status;
     const char* traced;
   } cases[] = {
-      {"/a/drivers.conf", true, 0, kDriverStatusNoConfiguration,
+      {"/a/drivers.conf", 'f', 0, kDriverStatusNoConfiguration,
        "No KE drivers available for this system"},
-      {"/a/missing.conf", true, 0, kDriverStatusNoConfiguration,
+      {"/a/missing.conf", 'f', 0, kDriverStatusNoConfiguration,
        "ERROR - Kernel driver configuration from from runtime 127.0.0.1"},
-      {"/b/drivers.conf", true, 0, kDriverStatusNotDownloaded,
+      {"/b/drivers.conf", 'f', 0, kDriverStatusNotDownloaded,
        "Error occured downloading KE '/b/kvdkagent-b.o'"},
-      {"", true, 0, kDriverStatusNotDownloaded,
+      {"", 'f', 0, kDriverStatusNotDownloaded,
        "ERROR - Kernel drivers cannot be downloaded from runtime 127.0.0.1"},
-      {"/c/drivers.conf", true, 256, kDriverStatusNotActivated,
+      {"/c/drivers.conf", 'f', 256, kDriverStatusNotActivated,
        "Driver 'kvdkagent-c' cannot be activated"},
-      {"/c/drivers.conf", false, 0, kDriverStatusNotActivated, "Could not delete old drivers"},
+      {"/c/drivers.conf", '-', 0, kDriverStatusNotActivated, "Could not delete old drivers"},
+      {"/c/drivers.conf", 'd', 0, kDriverStatusNotActivated,
+       "/proc/devices is not a regular file, st_mode: "},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(std::string(c.confFile) + " " + c.traced);
     remove(cachePath(kPluginDatName).c_str());
     writeProc("  1 mem\n", "");
-    if (!c.procDevices) remove(root_.file("proc/devices").c_str());
-    if (*c.confFile == '\0') {
-      loadConfiguration(kConfiguration);
-    } else {
-      configure(c.confFile);
-    }
+    if (c.procDevices != 'f') remove(root_.file("proc/devices").c_str());
+    if (c.procDevices == 'd') root_.makeDirs("proc/devices");
+    configure(c.confFile);
     recorder.shellStatus = c.shellStatus;
     ASSERT_EQ(setAgentIntValue(kAgentDriverStatus, -1), kAgentValueOk);
     restartTrace();
@@ -288,14 +285,12 @@ TEST_F(DriverCheck, FindsTheModulesOfTheFirstMatchingLine) {
       {"1.1.1.51,linux,*,*,*,*=/m/a.o\n", "-"},  // case counts
       {"1.1.1.51,*,*,*,*,NOT=/m/a.o\n", "-"},    // an SMP kernel
       {"1.1.1.51,*,*,*,*=/m/a.o\n", "-"},        // five patterns
-      {"1.1.1.51,*,*,*,*,*,*=/m/a.o\n", "-"},    // seven
       {"1.1.1.51,*,*,*,*,*\n", "-"},             // no "="
       {" 1.1.1.51 , Linux ,\t2.4. 20 , x86,*,YES = /m/a.o , /m/b.o \r\n", "/m/a.o /m/b.o"},
       {"1.1.1.51,Linux,2.4.20|,*,*,*=/m/a.o,,/m/b.o\n", "/m/a.o /m/b.o"},
       {"1.1.1.51,Solaris,*,*,*,*=/m/s.o\n1.1.1.51,*,*,x86,*,*=/m/first.o\n"
        "1.1.1.51,*,*,*,*,*=/m/second.o\n",
        "/m/first.o"},
-      {"", "-"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.text);
@@ -311,42 +306,6 @@ TEST_F(DriverCheck, FindsTheModulesOfTheFirstMatchingLine) {
     EXPECT_EQ(found, *c.modules == '-' ? kKernelExtensionsNotFound : kKernelExtensionsFound);
     EXPECT_EQ(listed, *c.modules == '-' ? "" : c.modules);
   }
-  SlmList* modules = createList(kServerPathSize);
-  EXPECT_EQ(findKernelExtensions(tuple, root_.file("absent.conf").c_str(), modules),
-            kKernelExtensionsNotFound);
-  deleteList(modules);
-}
-
-TEST_F(DriverCheck, ListsTheAgentDriversOfProcDevices) {
-  auto listed = [](std::string* out) {
-    *out = "";
-    return apply_to_drivers(
-        [](DriverEntry* entry, void* text) {
-          *static_cast<std::string*>(text) += entry->name + (":" + std::to_string(entry->major)) +
-                                              (entry->deviceFile[0] == '\0' ? " " : "! ");
-          return kDriverOk;
-        },
-        out);
-  };
-  std::string out;
-  root_.writeFile("proc/devices",
-                  "Character devices:\n  1 mem\n 61 kvdkagent-a\n 10 misc\nx 62 kvdkagent-x\n"
-                  "  7 other-kvdkagent-\n\nBlock devices:\n 62   kvdkagent-b  extra\n"
-                  " 63 kvdkagent\n");
-  EXPECT_EQ(listed(&out), kDriverOk);
-  EXPECT_EQ(out, "kvdkagent-a:61 kvdkagent-b:62 ");
-  EXPECT_TRUE(traced("Found 2 drivers"));
-
-  root_.writeFile("proc/devices", "  1 mem\n");
-  EXPECT_EQ(listed(&out), kDriverOk);
-  EXPECT_EQ(out, "");
-
-  remove(root_.file("proc/devices").c_str());
-  EXPECT_EQ(listed(&out), kDriverFailed);
-  EXPECT_TRUE(traced("Unable to open /proc/devices, errno: 2"));
-  root_.makeDirs("proc/devices");
-  EXPECT_EQ(listed(&out), kDriverFailed);
-  EXPECT_TRUE(traced("/proc/devices is not a regular file, st_mode: 16877"));
 }
 
 TEST_F(DriverCheck, LoadsAModuleOnlyWhenTheKernelLacksIt) {
@@ -402,10 +361,7 @@ TEST_F(DriverCheck, ReplacesDeviceFilesAndNamesModuleFiles) {
     EXPECT_EQ(deviceNode(), "c 600 " + std::to_string(major) + ":0");
   }
   EXPECT_EQ(removeDeviceFile(&entry), kDriverOk);
-  EXPECT_EQ(deviceNode(), "");
   EXPECT_EQ(removeDeviceFile(&entry), kDriverFailed);
-  copyBounded(entry.deviceFile, kPathSize - 1, root_.file("no/such/dir/node").c_str());
-  EXPECT_EQ(createDeviceFile(&entry), kDriverFailed);
 
   char name[kPathSize];
   ASSERT_EQ(generate_driver_file_name(name, kDriverFileNameSize, "kvdkagent-z"), kDriverOk);
@@ -419,7 +375,6 @@ TEST_F(DriverCheck, ReplacesDeviceFilesAndNamesModuleFiles) {
   EXPECT_TRUE(traced("Filename too long (" + std::to_string(kDriverFileNameSize) + " characters)"));
   root_.writeFile("lib/modules/kvdkagent-z.o", "z");
   EXPECT_EQ(removeDriverFile("kvdkagent-z"), kDriverOk);
-  EXPECT_FALSE(test::fileExists(root_.file("lib/modules/kvdkagent-z.o")));
   EXPECT_EQ(removeDriverFile("kvdkagent-z"), kDriverFailed);
 }
 
