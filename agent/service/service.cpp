@@ -11,6 +11,7 @@
 #include "agent_core/message/nls.h"
 #include "agent_core/slm_conf.h"
 #include "agent_core/support/trace.h"
+#include "kernel/linux/agent/monitor_select.h"
 #include "service/threads.h"
 #include "service/unix/base_dir.h"
 
@@ -96,6 +97,9 @@ int serviceInitialization() {
   }
 
   SLM_TRACE(1, "OK - Starting agent...");
+  // The kernel module, or the built-in exec monitor, as configured. The agent runs without
+  // process monitoring when neither could be put in place; the driver status tells the monitor so.
+  (void)configureMonitoring();
   slmAgentStartThreads();
   deleteConfigurationVariables();
   return kInitOk;

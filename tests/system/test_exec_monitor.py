@@ -59,7 +59,7 @@ def test_builtin_monitor_identifies_records_and_lets_programs_run(agent_root, se
     agent_root.write_configuration(trace_level="2", port=str(instance.port), path="/",
                                    exec_monitor="builtin")
     pid = agent_root.start_daemon()
-    assert wait_for(lambda: "OK - Starting agent..." in agent_root.trace_text())
+    assert wait_for(lambda: " - Starting commands thread" in agent_root.trace_text())
     if BUILTIN not in agent_root.trace_text():
         agent_root.stop_daemon(pid)
         pytest.skip("exec permission events are not available (root and fanotify needed)")
@@ -92,7 +92,8 @@ def test_auto_falls_back_to_the_builtin_monitor_and_module_does_not(agent_root, 
     # No server, no module for this kernel: the module path fails at once.
     agent_root.write_configuration(trace_level="1", exec_monitor=choice)
     pid = agent_root.start_daemon()
-    assert wait_for(lambda: "OK - Starting agent..." in agent_root.trace_text())
+    # The monitor is chosen after the start-up line, before the threads start.
+    assert wait_for(lambda: " - Starting commands thread" in agent_root.trace_text())
     texts = agent_root.trace_text()
     agent_root.stop_daemon(pid)
     if choice == "auto" and "not available on this kernel" in texts:

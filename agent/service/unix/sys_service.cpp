@@ -12,6 +12,8 @@
 #include <csignal>
 #include <cstdio>
 
+#include "kernel/linux/agent/driver_check.h"
+#include "kernel/unix/agent/driver_api.h"
 #include "service/service.h"
 
 namespace slm {
@@ -93,6 +95,7 @@ int serviceMain() {
   waitForStop();
 
   serviceFinalization();
+  cleanSlmDeviceFileName();
   pthread_mutex_unlock(&mutex);
   pthread_mutex_destroy(&mutex);
   sem_destroy(&stopPosted);
@@ -103,10 +106,8 @@ int serviceMain() {
 
 namespace slm {
 
-// The kernel-driver management that deactivates old drivers is not part of this build, so a removal
-// run cannot succeed yet and reports the failure.
 int serviceRemove() {
-  return kExitFailure;
+  return dectivateOldKvdDrivers() != kDriverFailed ? kExitOk : kExitFailure;
 }
 
 }  // namespace slm
