@@ -90,6 +90,7 @@ class MonitorWorld {
     root_.makeDirs("var/qsam/cache");
     root_.makeDirs("usr/bin");
     root_.writeFile("etc/kvdagent.ini", "agentid=1\ndivisionid=2\ntag=t\ncustomer=c\n");
+    deleteConfigurationVariables();  // whatever an earlier benchmark left loaded
     if (loadConfigurationFile(root_.file("etc/kvdagent.ini").c_str()) != kConfigurationLoaded ||
         initAgentInfo() != kAgentValueOk || createComponentsCache() != kLatOk ||
         createUATCache() != kUatOk || slmAgentInitCommands() != kQueueOk) {

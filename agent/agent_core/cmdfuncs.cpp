@@ -299,13 +299,7 @@ int slmAgentCheckServersStatusCommand(Command*) {
 
 int slmAgentGetNodeCommand(Command*) {
   ServerInfo info{};
-  int found = kSrvsFailed;
-  if (readLockSrvsCache() == kSrvsOk) {
-    ServerHandle handle = nullptr;
-    found = getNextServer(&handle, kAnyServer, &info);
-    releaseLockSrvsCache();
-  }
-  if (found != kSrvsOk) {
+  if (firstServer(kAnyServer, &info) != kSrvsOk) {
     SLM_TRACE(0, "ERROR - Getting server");
     return kCommandRequeue;
   }

@@ -63,6 +63,10 @@ void setWorkerFunctions(WorkerSlot slot, const WorkerFunctions& functions) {
   worker(slot).functions = functions;
 }
 
+WorkerFunctions workerFunctions(WorkerSlot slot) {
+  return worker(slot).functions;
+}
+
 int slmAgentStartThreads() {
   for (Worker& w : workers) {
     // A worker still running is left as it is: the self-update restarts the others from the

@@ -24,6 +24,7 @@ struct WorkerFunctions {
 
 // Sets the functions of one worker; a null body leaves the worker out.
 void setWorkerFunctions(WorkerSlot slot, const WorkerFunctions& functions);
+WorkerFunctions workerFunctions(WorkerSlot slot);
 
 // Creates and starts every registered worker in order; a failure is traced and the next worker is
 // still started. Always 0.

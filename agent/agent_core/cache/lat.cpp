@@ -66,13 +66,7 @@ int failStore(FILE* file, const char* message, bool keepFile = false) {
 // Writes the name of the preferred server, taken under the server cache's read lock.
 bool preferredServerName(char* name) {
   ServerInfo info{};
-  int found = kSrvsFailed;
-  if (readLockSrvsCache() == kSrvsOk) {
-    ServerHandle handle = nullptr;
-    found = getNextServer(&handle, kAnyServer, &info);
-    releaseLockSrvsCache();
-  }
-  if (found != kSrvsOk) return false;
+  if (firstServer(kAnyServer, &info) != kSrvsOk) return false;
   copyBounded(name, kCacheServerNameSize - 1, info.address.host);
   return true;
 }
@@ -96,12 +90,26 @@ void decodeComponentRecord(const uint8_t* in, ComponentRecord* record) {
   memcpy(record->attributes, in + kComponentAttributesOffset, 3);
 }
 
-void encodeFileRecord(const FileRecord& record, uint8_t* out) {
-  memcpy(out + kFileNameOffset, record.name, kFileNameSize);
-  putFixed64(out + kFileSizeOffset, static_cast<uint64_t>(record.size));
-  putFixed32(out + kFileAttribute1Offset, static_cast<uint32_t>(record.attribute1));
-  putFixed32(out + kFileAttribute2Offset, static_cast<uint32_t>(record.attribute2));
+void encodeFileKey(const char* name, int64_t size, uint32_t first, uint32_t second, uint8_t* out) {
+  memcpy(out + kFileNameOffset, name, kFileNameSize);
+  putFixed64(out + kFileSizeOffset, static_cast<uint64_t>(size));
+  putFixed32(out + kFileAttribute1Offset, first);
+  putFixed32(out + kFileAttribute2Offset, second);
   putFixed32(out + kFilePaddingOffset, 0);
+}
+
+void decodeFileKey(const uint8_t* in, char* name, int64_t* size, uint32_t* first,
+                   uint32_t* second) {
+  memcpy(name, in + kFileNameOffset, kFileNameSize);
+  name[kFileNameSize - 1] = '\0';
+  *size = static_cast<int64_t>(getFixed64(in + kFileSizeOffset));
+  *first = getFixed32(in + kFileAttribute1Offset);
+  *second = getFixed32(in + kFileAttribute2Offset);
+}
+
+void encodeFileRecord(const FileRecord& record, uint8_t* out) {
+  encodeFileKey(record.name, record.size, static_cast<uint32_t>(record.attribute1),
+                static_cast<uint32_t>(record.attribute2), out);
   for (int32_t i = 0; i < kMaxFileComponents; ++i) {
     putFixed64(out + kFileComponentIdsOffset + 8 * i,
                static_cast<uint64_t>(record.componentIds[i]));
@@ -110,11 +118,10 @@ void encodeFileRecord(const FileRecord& record, uint8_t* out) {
 }
 
 void decodeFileRecord(const uint8_t* in, FileRecord* record) {
-  memcpy(record->name, in + kFileNameOffset, kFileNameSize);
-  record->name[kFileNameSize - 1] = '\0';
-  record->size = static_cast<int64_t>(getFixed64(in + kFileSizeOffset));
-  record->attribute1 = static_cast<int32_t>(getFixed32(in + kFileAttribute1Offset));
-  record->attribute2 = static_cast<int32_t>(getFixed32(in + kFileAttribute2Offset));
+  uint32_t first = 0, second = 0;
+  decodeFileKey(in, record->name, &record->size, &first, &second);
+  record->attribute1 = static_cast<int32_t>(first);
+  record->attribute2 = static_cast<int32_t>(second);
   for (int32_t i = 0; i < kMaxFileComponents; ++i) {
     record->componentIds[i] =
         static_cast<int64_t>(getFixed64(in + kFileComponentIdsOffset + 8 * i));

@@ -63,6 +63,12 @@ static_assert(kFilePaddingOffset + 4 == kFileComponentIdsOffset);
 static_assert(kFileComponentIdsOffset + 8 * kMaxFileComponents == kFileComponentCountOffset);
 static_assert(kFileComponentCountOffset + 4 == kFileRecordSize);
 
+// The leading kFileKeySize bytes that a file record, an unknown file entry and an inventory record
+// share: the name's 256 bytes as held, the size, two 32-bit words, then zeros.
+void encodeFileKey(const char* name, int64_t size, uint32_t first, uint32_t second, uint8_t* out);
+// The name comes out terminated in its last byte.
+void decodeFileKey(const uint8_t* in, char* name, int64_t* size, uint32_t* first, uint32_t* second);
+
 void encodeComponentRecord(const ComponentRecord& record, uint8_t* out);
 void decodeComponentRecord(const uint8_t* in, ComponentRecord* record);
 // The padding comes out as zeros; the name's 256 bytes are written as they are held.

@@ -485,6 +485,14 @@ int getNextServer(ServerHandle* handle, int filter, ServerInfo* info) {
   }
 }
 
+int firstServer(int filter, ServerInfo* info) {
+  if (readLockSrvsCache() != kSrvsOk) return kSrvsFailed;
+  ServerHandle handle = nullptr;
+  int found = getNextServer(&handle, filter, info);
+  releaseLockSrvsCache();
+  return found;
+}
+
 int serverIsActive(ServerHandle handle) {
   if (handle == nullptr) return kSrvsFailed;
   ATOMIC_INT_INCR(&handle->active);

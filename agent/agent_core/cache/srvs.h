@@ -133,6 +133,11 @@ constexpr int kNotRespondingServers = 2;
 // with *handle and *info set to the next server that passes `filter`; kSrvsNotFound at the end.
 [[nodiscard]] int getNextServer(ServerHandle* handle, int filter, ServerInfo* info);
 
+// The first server of the walk that passes `filter` (normally the preferred server), its
+// information copied out under the cache's read lock. kSrvsOk, kSrvsNotFound, or kSrvsFailed when
+// the lock cannot be taken.
+[[nodiscard]] int firstServer(int filter, ServerInfo* info);
+
 // Record the outcome of a contact with the server.
 int serverIsActive(ServerHandle handle);
 int serverNotResponding(ServerHandle handle);

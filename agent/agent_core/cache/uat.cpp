@@ -91,21 +91,17 @@ bool writeAll(FILE* file, const uint8_t* bytes, size_t size) {
 }  // namespace
 
 void encodeUnknownFileEntry(const UnknownFileEntry& entry, uint8_t* out) {
-  memcpy(out + kFileNameOffset, entry.name, kFileNameSize);
-  putFixed64(out + kFileSizeOffset, static_cast<uint64_t>(entry.size));
-  putFixed32(out + kFileAttribute1Offset, static_cast<uint32_t>(entry.attribute1));
-  putFixed32(out + kFileAttribute2Offset, static_cast<uint32_t>(entry.attribute2));
-  putFixed32(out + kFilePaddingOffset, 0);
+  encodeFileKey(entry.name, entry.size, static_cast<uint32_t>(entry.attribute1),
+                static_cast<uint32_t>(entry.attribute2), out);
   memcpy(out + kUnknownPathOffset, entry.path, kUnknownPathSize);
   putFixed32(out + kUnknownTimeOffset, static_cast<uint32_t>(entry.lastUpdateTime));
 }
 
 void decodeUnknownFileEntry(const uint8_t* in, UnknownFileEntry* entry) {
-  memcpy(entry->name, in + kFileNameOffset, kFileNameSize);
-  entry->name[kFileNameSize - 1] = '\0';
-  entry->size = static_cast<int64_t>(getFixed64(in + kFileSizeOffset));
-  entry->attribute1 = static_cast<int32_t>(getFixed32(in + kFileAttribute1Offset));
-  entry->attribute2 = static_cast<int32_t>(getFixed32(in + kFileAttribute2Offset));
+  uint32_t first = 0, second = 0;
+  decodeFileKey(in, entry->name, &entry->size, &first, &second);
+  entry->attribute1 = static_cast<int32_t>(first);
+  entry->attribute2 = static_cast<int32_t>(second);
   memcpy(entry->path, in + kUnknownPathOffset, kUnknownPathSize);
   entry->path[kUnknownPathSize - 1] = '\0';
   entry->lastUpdateTime = static_cast<AgentTime>(getFixed32(in + kUnknownTimeOffset));
@@ -322,13 +318,9 @@ int writeUnknownFileList() {
   }
   char serverName[kCacheServerNameSize] = "";
   ServerInfo info{};
-  int found = kSrvsFailed;
-  if (readLockSrvsCache() == kSrvsOk) {
-    ServerHandle handle = nullptr;
-    found = getNextServer(&handle, kAnyServer, &info);
-    releaseLockSrvsCache();
+  if (firstServer(kAnyServer, &info) != kSrvsOk) {
+    return failWrite(file, "ERROR - Getting preferred server");
   }
-  if (found != kSrvsOk) return failWrite(file, "ERROR - Getting preferred server");
   copyBounded(serverName, kCacheServerNameSize - 1, info.address.host);
   putText(bytes, kCacheServerNameSize, serverName);
   if (!writeAll(file, bytes, kCacheServerNameSize)) {

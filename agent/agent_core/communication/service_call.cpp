@@ -36,13 +36,7 @@ std::string int32Text(int64_t value) {
 
 int preferredServer(ServerAddress* server) {
   ServerInfo info{};
-  int found = kSrvsFailed;
-  if (readLockSrvsCache() == kSrvsOk) {
-    ServerHandle handle = nullptr;
-    found = getNextServer(&handle, kAnyServer, &info);
-    releaseLockSrvsCache();
-  }
-  if (found != kSrvsOk) {
+  if (firstServer(kAnyServer, &info) != kSrvsOk) {
     SLM_TRACE(0, "ERROR - No preferred server info retrieved");
     return kServiceFailed;
   }

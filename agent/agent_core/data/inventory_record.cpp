@@ -16,10 +16,7 @@ void getField(const uint8_t* in, size_t size, char* field) {
 }  // namespace
 
 void encodeInventoryRecord(const InventoryRecord& record, uint8_t* out) {
-  memcpy(out + kFileNameOffset, record.name, kFileNameSize);
-  putFixed64(out + kFileSizeOffset, static_cast<uint64_t>(record.size));
-  putFixed32(out + kFileAttribute1Offset, record.first);
-  putFixed32(out + kFileAttribute2Offset, record.second);
+  encodeFileKey(record.name, record.size, record.first, record.second, out);
   putFixed32(out + kInventoryReservedOffset, record.reserved);
   memcpy(out + kInventoryDirectoryOffset, record.directory, kInventoryDirectorySize);
   memcpy(out + kInventoryText1Offset, record.text1, kInventoryText1Size);
@@ -29,10 +26,7 @@ void encodeInventoryRecord(const InventoryRecord& record, uint8_t* out) {
 }
 
 void decodeInventoryRecord(const uint8_t* in, InventoryRecord* record) {
-  getField(in + kFileNameOffset, kFileNameSize, record->name);
-  record->size = static_cast<int64_t>(getFixed64(in + kFileSizeOffset));
-  record->first = getFixed32(in + kFileAttribute1Offset);
-  record->second = getFixed32(in + kFileAttribute2Offset);
+  decodeFileKey(in, record->name, &record->size, &record->first, &record->second);
   record->reserved = getFixed32(in + kInventoryReservedOffset);
   getField(in + kInventoryDirectoryOffset, kInventoryDirectorySize, record->directory);
   getField(in + kInventoryText1Offset, kInventoryText1Size, record->text1);

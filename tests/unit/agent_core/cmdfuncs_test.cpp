@@ -213,20 +213,24 @@ class SelfUpdate : public Commands {
     copyBounded(conf_file, kPathSize - 1, root_.file("etc/kvdagent.ini").c_str());
     root_.writeFile("served/pkg/install.sh", "#!/bin/sh\n");
     root_.writeFile("served/pkg/kvdagent", std::string(3000, 'k'));
-    // The agent threads a failed installation restarts.
+    // The agent threads a failed installation restarts: an idle inventory thread only.
+    for (int i = 0; i < 3; ++i) saved_[i] = workerFunctions(kSlots[i]);
     setWorkerFunctions(WorkerSlot::kCommands, {});
+    setWorkerFunctions(WorkerSlot::kMonitor, {});
     setWorkerFunctions(WorkerSlot::kInventory, {nullptr, idleBody, nullptr, nullptr});
     // As in the running daemon, the configuration is read again only by a failed installation.
     deleteConfigurationVariables();
   }
   void TearDown() override {
     slmAgentStopThreads(0);
-    setWorkerFunctions(WorkerSlot::kInventory, {});
-    setWorkerFunctions(WorkerSlot::kCommands, {slmAgentInitCommands, slmAgentCommandsFunction,
-                                               nullptr, slmAgentCleanCommands});
+    for (int i = 0; i < 3; ++i) setWorkerFunctions(kSlots[i], saved_[i]);
     tempDir[0] = conf_file[0] = '\0';
     Commands::TearDown();
   }
+  static constexpr WorkerSlot kSlots[3] = {WorkerSlot::kCommands, WorkerSlot::kInventory,
+                                           WorkerSlot::kMonitor};
+  WorkerFunctions saved_[3];
+
   static int idleBody() {
     sleepSlmThread(inv_thread, -1);
     return 0;

@@ -147,16 +147,16 @@ TEST_F(Monitor, EveryEventIsAcknowledgedAndOnlyUnknownProgramsAreRecorded) {
   EXPECT_TRUE(isCommandQueued(slmAgentUploadFilesCommand));
   ASSERT_EQ(dequeueCommand(slmAgentUploadFilesCommand), kQueueOk);
   EXPECT_FALSE(isCommandQueued(slmAgentUploadFilesCommand));  // queued once only
+
+  // A stop while a read waits ends the thread without touching the status.
+  stop();
+  EXPECT_EQ(driverStatus(), 0);
+  // What the monitor traced after its last acknowledgement is in the trace once it has ended.
   EXPECT_TRUE(traced(" - Found 'known' in catalog"));
   EXPECT_TRUE(traced(" - Upload already scheduled"));
   EXPECT_TRUE(traced(" - Application 'scratch' in temporary path '/var/TMP' not added to UAT"));
   EXPECT_TRUE(traced(" - Process -294967296 end"));
   EXPECT_TRUE(traced(" - Swapping pids, dummy: 7 real 4000000000"));
-  EXPECT_EQ(driverStatus(), 0);
-
-  // A stop while a read waits ends the thread without touching the status.
-  stop();
-  EXPECT_EQ(driverStatus(), 0);
   EXPECT_EQ(device_.ioctls(),
             (std::vector<unsigned long>{kDriverEnableRequest, kDriverDisableRequest}));
 }

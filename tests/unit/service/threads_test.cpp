@@ -40,18 +40,24 @@ int failingInit() {
 
 class SlmThreadWorkers : public ::testing::Test {
  protected:
+  // Each test sets the workers it needs; the agent's own come back afterwards.
   void SetUp() override {
     trace_ = dir_.file("trace.log");
     startTrace(trace_.c_str());
     setTraceLevel(1);
+    for (int i = 0; i < 3; ++i) {
+      saved_[i] = workerFunctions(kSlots[i]);
+      setWorkerFunctions(kSlots[i], {});
+    }
   }
   void TearDown() override {
     slmAgentStopThreads(0);
-    for (WorkerSlot slot : {WorkerSlot::kCommands, WorkerSlot::kInventory, WorkerSlot::kMonitor}) {
-      setWorkerFunctions(slot, {});
-    }
+    for (int i = 0; i < 3; ++i) setWorkerFunctions(kSlots[i], saved_[i]);
     setTraceLevel(-1);
   }
+  static constexpr WorkerSlot kSlots[3] = {WorkerSlot::kCommands, WorkerSlot::kInventory,
+                                           WorkerSlot::kMonitor};
+  WorkerFunctions saved_[3];
 
   // The message texts of the trace, in order.
   std::vector<std::string> messages() const {

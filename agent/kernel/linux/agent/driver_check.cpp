@@ -156,13 +156,7 @@ int configureSlmDriver() {
   ServerAddress context{};
   {
     ServerInfo info{};
-    int found = kSrvsFailed;
-    if (readLockSrvsCache() == kSrvsOk) {
-      ServerHandle handle = nullptr;
-      found = getNextServer(&handle, kActiveServers, &info);
-      releaseLockSrvsCache();
-    }
-    if (found != kSrvsOk) {
+    if (firstServer(kActiveServers, &info) != kSrvsOk) {
       SLM_TRACE(0, "ERROR - No preferred server");
       return kDriverNotConfigured;
     }
