@@ -50,14 +50,21 @@ int createCache() {
     SLM_TRACE(0, "ERROR - Creating components cache");
     return kCacheNotCreated;
   }
+  // A cache made before a later one failed is freed unwritten: its file stays as it was read.
   if (createUATCache() != kUatOk) {
     SLM_TRACE(0, "ERROR - Creating UAT cache");
+    discardComponentsCache();
     return kCacheNotCreated;
   }
   ServerInfo configured;
-  if (!readConfiguredServer(&configured)) return kCacheNotCreated;
-  if (createServersCache(&configured) != kSrvsOk) {
+  bool created = readConfiguredServer(&configured);
+  if (created && createServersCache(&configured) != kSrvsOk) {
     SLM_TRACE(0, "ERROR - Creating Servers cache");
+    created = false;
+  }
+  if (!created) {
+    discardUATCache();
+    discardComponentsCache();
     return kCacheNotCreated;
   }
   SLM_TRACE(1, "OK - Cache created");

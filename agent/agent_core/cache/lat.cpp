@@ -193,6 +193,10 @@ void deleteComponentsCache() {
   freeCatalog();
 }
 
+void discardComponentsCache() {
+  freeCatalog();
+}
+
 int loadCatalogFile(SlmList* components, SlmList* files) {
   cacheFilePath(kCatalogFileName, lat.path);
   FILE* opened = nullptr;

@@ -103,6 +103,8 @@ constexpr int kLatNotFound = 2;
 [[nodiscard]] int createComponentsCacheWithBuckets(int32_t fileBuckets);
 // Stores the catalog (its result is not looked at) and frees the tables and the lock.
 void deleteComponentsCache();
+// Frees the tables and the lock without storing: a start-up that failed after the cache was made.
+void discardComponentsCache();
 
 // Reads "catalog.dat" into a list of ComponentRecord and a list of FileRecord, and its time into
 // the last update time. kLatOk; kCacheFileMissing (6) when there is no file; kLatFailed for a bad

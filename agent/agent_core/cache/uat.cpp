@@ -152,6 +152,10 @@ void deleteUATCache() {
   if (writeUnknownFileList() != kUatOk) {
     SLM_TRACE(0, "ERROR - Writing unknown file list to file %s", uat.path);
   }
+  discardUATCache();
+}
+
+void discardUATCache() {
   deleteHashTable(uat.table);
   deleteMutex(uat.mutex);
   uat.table = nullptr;

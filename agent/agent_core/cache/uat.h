@@ -58,6 +58,8 @@ constexpr int kUatNoMore = 7;  // the walk has no further entry
 [[nodiscard]] int createUATCache();
 // Writes "uat.dat" and frees the table and the mutex.
 void deleteUATCache();
+// Frees the table and the mutex without writing: a start-up that failed after the table was made.
+void discardUATCache();
 
 // kUatOk: added. kUatKnown: the table holds the same file already and stays as it was (the
 // earlier entry keeps its time and path). kUatFailed: mutex or memory.
