@@ -41,7 +41,6 @@ constexpr size_t kElf32PhnumOffset = 44;
 constexpr size_t kElf64PhoffOffset = 32;
 constexpr size_t kElf64PhentsizeOffset = 54;
 constexpr size_t kElf64PhnumOffset = 56;
-constexpr size_t kElf64HeaderBytes = 64;
 constexpr size_t kProgramHeaderTypeBytes = 4;
 constexpr size_t kProgramHeaderChunkBytes = 4096;
 
@@ -68,27 +67,34 @@ ssize_t readFully(int fd, uint8_t* buffer, size_t size, off_t offset) {
   return static_cast<ssize_t>(done);
 }
 
-// Reads the program header table of a type-3 file only as far as its first program interpreter.
-bool hasProgramInterpreter(int fd, bool elf32) {
-  uint8_t header[kElf64HeaderBytes];
+// Whether the program header table of a type-3 file holds a program interpreter. The table is
+// taken from the bytes already read when they hold it, else read in chunks up to the first hit.
+bool hasProgramInterpreter(const uint8_t* prefix, size_t available, int fd, bool elf32) {
   const size_t needed = elf32 ? kElf32PhnumOffset + 2 : kElf64PhnumOffset + 2;
-  if (readFully(fd, header, needed, 0) < static_cast<ssize_t>(needed)) return false;
+  if (available < needed) return false;
   const uint64_t offset =
-      elf32 ? getFixed32(header + kElf32PhoffOffset) : getFixed64(header + kElf64PhoffOffset);
+      elf32 ? getFixed32(prefix + kElf32PhoffOffset) : getFixed64(prefix + kElf64PhoffOffset);
   const size_t entrySize =
-      getFixed16(header + (elf32 ? kElf32PhentsizeOffset : kElf64PhentsizeOffset));
-  const size_t count = getFixed16(header + (elf32 ? kElf32PhnumOffset : kElf64PhnumOffset));
+      getFixed16(prefix + (elf32 ? kElf32PhentsizeOffset : kElf64PhentsizeOffset));
+  const size_t count = getFixed16(prefix + (elf32 ? kElf32PhnumOffset : kElf64PhnumOffset));
   if (entrySize < kProgramHeaderTypeBytes || entrySize > kProgramHeaderChunkBytes) return false;
   if (offset > static_cast<uint64_t>(INT64_MAX) - count * entrySize) return false;
   uint8_t chunk[kProgramHeaderChunkBytes];
   const size_t perChunk = kProgramHeaderChunkBytes / entrySize;
   for (size_t first = 0; first < count; first += perChunk) {
     const size_t entries = std::min(perChunk, count - first);
-    const ssize_t got =
-        readFully(fd, chunk, entries * entrySize, static_cast<off_t>(offset + first * entrySize));
+    const uint64_t at = offset + first * entrySize;
+    const uint8_t* table = chunk;
+    ssize_t got = 0;
+    if (at + entries * entrySize <= available) {
+      table = prefix + at;
+      got = static_cast<ssize_t>(entries * entrySize);
+    } else if (fd >= 0) {
+      got = readFully(fd, chunk, entries * entrySize, static_cast<off_t>(at));
+    }
     for (size_t i = 0; i < entries; ++i) {
       if (static_cast<ssize_t>((i + 1) * entrySize) > got) return false;
-      if (getFixed32(chunk + i * entrySize) == kElfProgramInterpreter) return true;
+      if (getFixed32(table + i * entrySize) == kElfProgramInterpreter) return true;
     }
   }
   return false;
@@ -160,16 +166,19 @@ int appendRecord(SlmList* list, const char* path, size_t nameOffset, off_t size)
 
 // Reads the header of the open file and records it when a predicate knows it. Closes `fd`.
 int testOpenFile(SlmList* list, const char* path, size_t nameOffset, int fd, off_t size) {
-  uint8_t header[kExecHeaderBytes];
-  const ssize_t got = readFully(fd, header, sizeof header, 0);
+  uint8_t header[kExecPrefixBytes];
+  ssize_t got;
+  do {
+    got = read(fd, header, sizeof header);
+  } while (got < 0 && errno == EINTR);
   bool executable = false;
-  if (got == static_cast<ssize_t>(sizeof header)) {
+  if (got >= static_cast<ssize_t>(kExecHeaderBytes)) {
     for (size_t i = 0; i < fileExecPredicateCount && !executable; ++i) {
-      executable = fileExecPredicates[i](header, fd) == kIsExecutable;
+      executable = fileExecPredicates[i](header, static_cast<size_t>(got), fd) == kIsExecutable;
     }
   }
   close(fd);
-  if (got != static_cast<ssize_t>(sizeof header)) return kSearchUnreadable;
+  if (got < static_cast<ssize_t>(kExecHeaderBytes)) return kSearchUnreadable;
   return executable ? appendRecord(list, path, nameOffset, size) : kSearchOk;
 }
 
@@ -234,7 +243,9 @@ int walkEntry(Walk& walk, int parentFd, size_t nameOffset, size_t length, unsign
     if (fd < 0) return kSearchUnreadable;
     return walkDirectory(walk, fd, length);
   }
-  if (S_ISREG(status.st_mode) && hasExecuteBit(status)) {
+  // A file shorter than a header cannot be an executable: it is not opened.
+  if (S_ISREG(status.st_mode) && hasExecuteBit(status) &&
+      status.st_size >= static_cast<off_t>(kExecHeaderBytes)) {
     int fd = openat(parentFd, name, O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY);
     if (fd < 0) return kSearchUnreadable;
     return testOpenFile(walk.list, path, nameOffset, fd, status.st_size);
@@ -252,7 +263,7 @@ bool isWalkedFileSystem(uint32_t type) {
          std::end(kWalkedFileSystems);
 }
 
-int elfExecPred(const uint8_t* header, int fd) {
+int elfExecPred(const uint8_t* header, size_t available, int fd) {
   if (memcmp(header, kElfMagic, sizeof kElfMagic) != 0) return kNotExecutable;
   const bool elf32 = header[kElfClassOffset] == kElfClass32;
   const uint16_t type = getFixed16(header + kElfTypeOffset);
@@ -261,7 +272,9 @@ int elfExecPred(const uint8_t* header, int fd) {
       elf32 ? machine == kElfMachine386 : machine == kElfMachineIa64 || machine == kElfMachineX8664;
   if (!supported) return kNotExecutable;
   if (type == kElfTypeExecutable) return kIsExecutable;
-  if (type == kElfTypeShared && fd >= 0 && hasProgramInterpreter(fd, elf32)) return kIsExecutable;
+  if (type == kElfTypeShared && hasProgramInterpreter(header, available, fd, elf32)) {
+    return kIsExecutable;
+  }
   return kNotExecutable;
 }
 

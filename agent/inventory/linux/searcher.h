@@ -52,9 +52,13 @@ constexpr size_t kExecHeaderBytes = 20;
 constexpr int kNotExecutable = 0;
 constexpr int kIsExecutable = 1;
 
-// Answers kIsExecutable or kNotExecutable from the first kExecHeaderBytes of a file; `fd` (or -1)
-// lets a predicate read further where the header alone cannot decide.
-using FileExecPredicate = int (*)(const uint8_t* header, int fd);
+// How many leading bytes are read at once: a position-independent executable's program header
+// table usually follows its header within them, so one read decides most files.
+constexpr size_t kExecPrefixBytes = 256;
+
+// Answers kIsExecutable or kNotExecutable from the first `available` (at least kExecHeaderBytes)
+// bytes of a file; `fd` (or -1) lets a predicate read further where they cannot decide.
+using FileExecPredicate = int (*)(const uint8_t* header, size_t available, int fd);
 
 constexpr uint8_t kElfClass32 = 1;
 constexpr uint16_t kElfTypeExecutable = 2;
@@ -67,7 +71,7 @@ constexpr uint32_t kElfProgramInterpreter = 3;  // program header type PT_INTERP
 // An ELF executable for a supported processor: class 1 with machine 386, any other class with IA-64
 // or x86-64. Type 2 counts; type 3 counts only when its program headers hold a program
 // interpreter (position-independent executables, not shared libraries), read through `fd`.
-int elfExecPred(const uint8_t* header, int fd);
+int elfExecPred(const uint8_t* header, size_t available, int fd);
 
 // Tried in order until one answers kIsExecutable.
 extern const FileExecPredicate fileExecPredicates[];

@@ -44,6 +44,14 @@ std::string elf(int elfClass, int type, int machine, bool interpreter = false) {
   return out;
 }
 
+// The same with 400 bytes between the header and the program header table, beyond the first read.
+std::string farTableElf(bool interpreter) {
+  std::string out = elf(2, 3, 62, interpreter);
+  out.insert(64, std::string(400, '\0'));
+  out.replace(32, 8, test::le64(64 + 400));
+  return out;
+}
+
 // A scratch root on a walked file system, or none (the tests then skip).
 class ScanRoot : public ::testing::Test {
  protected:
@@ -119,6 +127,8 @@ TEST_F(ScanRoot, RecordsExactlyTheExecutablesOfSupportedProcessors) {
       {"no-exec-bits", elf(2, 2, 62), 0644, false},
       {"short", elf(2, 2, 62).substr(0, 19), 0755, false},
       {"twenty", elf(2, 2, 62).substr(0, 20), 0755, true},
+      {"far-table-pie", farTableElf(true), 0755, true},
+      {"far-table-lib", farTableElf(false), 0755, false},
       {"pie-cut-table", elf(2, 3, 62, true).substr(0, 64 + 56 + 2), 0755, false},
       {"script", "#!/bin/sh\necho hello, world\n", 0755, false},
       {"empty", "", 0755, false},
