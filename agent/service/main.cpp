@@ -1,8 +1,10 @@
 // Entry point: command-line options, the directory check every use starts with, and the choice
 // between the daemon, the version and help texts, the removal run and the on-demand runs.
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 
+#include "agent_core/invthr.h"
 #include "agent_core/message/format_msg.h"
 #include "agent_core/message/messages.h"
 #include "agent_core/message/nls.h"
@@ -17,8 +19,8 @@ namespace {
 constexpr const char* kProductName = "Orvane Agent";
 constexpr size_t kProgramNameChars = 255;
 
-constexpr int kOnDemandPlugIn = 1;
-constexpr int kOnDemandInventory = 2;
+// The trace level of the on-demand runs.
+constexpr int32_t kOnDemandTraceLevel = 3;
 
 char programName[kProgramNameChars + 1];
 MessageCatalogue* user_msg_cat = nullptr;
@@ -60,9 +62,9 @@ int runOnDemand(const char* argument) {
   buildFilePath(conf_file, confDir, kConfFileName);
   int mode = onDemandMode(argument);
   buildFilePath(log_file, logDir, onDemandTraceName(mode));
-  // The plug-in and inventory runs belong to the inventory subsystem, which this build lacks.
-  fprintf(stderr, "On-demand runs are not available in this build of %s.\n", kProductName);
-  return kExitFailure;
+  int result =
+      slmAgentInventoryOnDemand(mode, log_file, kOnDemandTraceLevel, conf_file, user_msg_cat);
+  return result == kOnDemandOk ? kExitOk : kExitFailure;
 }
 
 int runOption(const char* argument) {

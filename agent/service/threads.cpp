@@ -2,6 +2,7 @@
 #include "service/threads.h"
 
 #include "agent_core/cmdsthr.h"
+#include "agent_core/invthr.h"
 #include "agent_core/monitor.h"
 #include "agent_core/support/trace.h"
 
@@ -37,7 +38,8 @@ Worker workers[] = {
      "Error creating inventory thread",
      "Error starting inventory thread",
      " - Stopping inventory thread",
-     {}},
+     {slmAgentInitInventory, slmAgentInventoryFunction, slmAgentInventoryStop,
+      slmAgentCleanupInventory}},
     {&mon_thread,
      " - Starting monitor thread",
      "Error creating monitor thread",

@@ -80,6 +80,16 @@ std::string RuntimeServerProcess::lastRequestBody(const std::string& serviceId) 
   return blank == std::string::npos ? "" : raw.substr(blank + 4);
 }
 
+std::vector<std::string> RuntimeServerProcess::rows(const std::string& select) const {
+  std::istringstream text(
+      query("for row in db.execute(sys.argv[2]):\n"
+            "    print(\"|\".join(str(c) for c in row))\n",
+            select));
+  std::vector<std::string> lines;
+  for (std::string line; std::getline(text, line);) lines.push_back(line);
+  return lines;
+}
+
 std::vector<std::string> RuntimeServerProcess::violations() const {
   std::istringstream text(
       query("for kind, detail in db.execute(\"SELECT kind, detail FROM violations ORDER BY id\"):\n"

@@ -25,6 +25,8 @@ class RuntimeServerProcess {
   std::string lastRequest(const std::string& serviceId) const;
   // The body of that request: what follows the blank line.
   std::string lastRequestBody(const std::string& serviceId) const;
+  // The rows of an SQL query on the database, one line each, columns joined by "|".
+  std::vector<std::string> rows(const std::string& select) const;
   // "kind: detail" for every violation recorded so far.
   std::vector<std::string> violations() const;
 

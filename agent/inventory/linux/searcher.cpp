@@ -1,0 +1,354 @@
+// The disk walk. One path buffer (as seen from the root) is extended and restored in place; the
+// system calls go relative to the open directory, so the kernel never walks the long path again.
+#include "inventory/linux/searcher.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <sys/vfs.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+
+#include "agent_core/data/inventory_record.h"
+#include "agent_core/message/nls.h"
+#include "agent_core/support/bytes.h"
+#include "agent_core/support/trace.h"
+#include "agent_core/support/unix_common.h"
+
+namespace slm {
+namespace {
+
+std::atomic<int> stopped{0};
+
+// The top-level directories that are never entered. Every path below the root begins with "//",
+// so these name /proc and /xfn (and any top-level name that begins with them).
+constexpr const char* kExcludedPrefixes[] = {"//xfn", "//proc"};
+
+// ELF header fields read by the predicate.
+constexpr uint8_t kElfMagic[] = {0x7F, 'E', 'L', 'F'};
+constexpr size_t kElfClassOffset = 4;
+constexpr size_t kElfTypeOffset = 16;
+constexpr size_t kElfMachineOffset = 18;
+// Where the program header table is described, for the 32- and the 64-bit layout.
+constexpr size_t kElf32PhoffOffset = 28;
+constexpr size_t kElf32PhentsizeOffset = 42;
+constexpr size_t kElf32PhnumOffset = 44;
+constexpr size_t kElf64PhoffOffset = 32;
+constexpr size_t kElf64PhentsizeOffset = 54;
+constexpr size_t kElf64PhnumOffset = 56;
+constexpr size_t kProgramHeaderTypeBytes = 4;
+constexpr size_t kProgramHeaderChunkBytes = 4096;
+
+constexpr int kIoprioWhoProcess = 1;  // with a thread id: that thread alone
+constexpr int kIoprioClassIdle = 3;
+constexpr int kIoprioClassShift = 13;
+constexpr int kLowestCpuPriority = 19;
+
+// The fixed text fields of a scanned record hold a single blank.
+constexpr char kBlankField[] = " ";
+
+uint16_t getFixed16(const uint8_t* src) {
+  return static_cast<uint16_t>(src[0] | (src[1] << 8));
+}
+
+ssize_t readFully(int fd, uint8_t* buffer, size_t size, off_t offset) {
+  size_t done = 0;
+  while (done < size) {
+    ssize_t n = pread(fd, buffer + done, size - done, offset + static_cast<off_t>(done));
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) break;
+    done += static_cast<size_t>(n);
+  }
+  return static_cast<ssize_t>(done);
+}
+
+// Whether the program header table of a type-3 file holds a program interpreter. The table is
+// taken from the bytes already read when they hold it, else read in chunks up to the first hit.
+bool hasProgramInterpreter(const uint8_t* prefix, size_t available, int fd, bool elf32) {
+  const size_t needed = elf32 ? kElf32PhnumOffset + 2 : kElf64PhnumOffset + 2;
+  if (available < needed) return false;
+  const uint64_t offset =
+      elf32 ? getFixed32(prefix + kElf32PhoffOffset) : getFixed64(prefix + kElf64PhoffOffset);
+  const size_t entrySize =
+      getFixed16(prefix + (elf32 ? kElf32PhentsizeOffset : kElf64PhentsizeOffset));
+  const size_t count = getFixed16(prefix + (elf32 ? kElf32PhnumOffset : kElf64PhnumOffset));
+  if (entrySize < kProgramHeaderTypeBytes || entrySize > kProgramHeaderChunkBytes) return false;
+  if (offset > static_cast<uint64_t>(INT64_MAX) - count * entrySize) return false;
+  uint8_t chunk[kProgramHeaderChunkBytes];
+  const size_t perChunk = kProgramHeaderChunkBytes / entrySize;
+  for (size_t first = 0; first < count; first += perChunk) {
+    const size_t entries = std::min(perChunk, count - first);
+    const uint64_t at = offset + first * entrySize;
+    const uint8_t* table = chunk;
+    ssize_t got = 0;
+    if (at + entries * entrySize <= available) {
+      table = prefix + at;
+      got = static_cast<ssize_t>(entries * entrySize);
+    } else if (fd >= 0) {
+      got = readFully(fd, chunk, entries * entrySize, static_cast<off_t>(at));
+    }
+    for (size_t i = 0; i < entries; ++i) {
+      if (static_cast<ssize_t>((i + 1) * entrySize) > got) return false;
+      if (getFixed32(table + i * entrySize) == kElfProgramInterpreter) return true;
+    }
+  }
+  return false;
+}
+
+bool isExcludedPath(const char* path) {
+  for (const char* prefix : kExcludedPrefixes) {
+    if (strstr(path, prefix) != nullptr) return true;
+  }
+  return false;
+}
+
+// The walk's state beside the path buffer: the devices already checked.
+struct Walk {
+  SlmList* list;
+  char* path;
+  FileSystemCheck check;
+  static constexpr size_t kDeviceSlots = 32;
+  dev_t devices[kDeviceSlots];
+  bool walked[kDeviceSlots];
+  size_t deviceCount = 0;
+  size_t lastDevice = 0;
+};
+
+// Whether the device of an entry is on a walked file system. A device is asked about once (the
+// type of a file system cannot change below it); a failed statfs decides for the path alone.
+bool deviceWalked(Walk& walk, dev_t device) {
+  if (walk.deviceCount > 0 && walk.devices[walk.lastDevice] == device) {
+    return walk.walked[walk.lastDevice];
+  }
+  for (size_t i = 0; i < walk.deviceCount; ++i) {
+    if (walk.devices[i] == device) {
+      walk.lastDevice = i;
+      return walk.walked[i];
+    }
+  }
+  struct statfs info;
+  char rooted[2 * kSearchPathSize];
+  if (statfs(rootedPath(walk.path, rooted, sizeof rooted), &info) != 0) return false;
+  const bool walked = isWalkedFileSystem(static_cast<uint32_t>(info.f_type));
+  if (walk.deviceCount < Walk::kDeviceSlots) {
+    walk.lastDevice = walk.deviceCount++;
+    walk.devices[walk.lastDevice] = device;
+    walk.walked[walk.lastDevice] = walked;
+  }
+  return walked;
+}
+
+// Fills the record of the file at `path` and appends it; `nameOffset` is where its name begins.
+int appendRecord(SlmList* list, const char* path, size_t nameOffset, off_t size) {
+  InventoryRecord record{};
+  const char* name = path + nameOffset;
+  const size_t nameLength = strlen(name);
+  // An ASCII name is the same in every code set the agent runs with: no conversion needed.
+  if (std::all_of(name, name + nameLength, [](char c) { return (c & 0x80) == 0; })) {
+    copyBounded(record.name, kFileNameSize - 1, name);
+  } else {
+    (void)convertToUtf8(nullptr, name, record.name, kFileNameSize);
+  }
+  // The record carries the 32-bit size, sign-extended, as the inventory transfer has always had.
+  record.size = static_cast<int32_t>(size);
+  copyBounded(record.directory, sizeof record.directory - 1, kBlankField);
+  copyBounded(record.text1, sizeof record.text1 - 1, kBlankField);
+  copyBounded(record.text2, sizeof record.text2 - 1, kBlankField);
+  copyBounded(record.text3, sizeof record.text3 - 1, kBlankField);
+  copyBounded(record.text4, sizeof record.text4 - 1, kBlankField);
+  return append(list, &record) == kListOk ? kSearchOk : kSearchNoMemory;
+}
+
+// Reads the header of the open file and records it when a predicate knows it. Closes `fd`.
+int testOpenFile(SlmList* list, const char* path, size_t nameOffset, int fd, off_t size) {
+  uint8_t header[kExecPrefixBytes];
+  ssize_t got;
+  do {
+    got = read(fd, header, sizeof header);
+  } while (got < 0 && errno == EINTR);
+  bool executable = false;
+  if (got >= static_cast<ssize_t>(kExecHeaderBytes)) {
+    for (size_t i = 0; i < fileExecPredicateCount && !executable; ++i) {
+      executable = fileExecPredicates[i](header, static_cast<size_t>(got), fd) == kIsExecutable;
+    }
+  }
+  close(fd);
+  if (got < static_cast<ssize_t>(kExecHeaderBytes)) return kSearchUnreadable;
+  return executable ? appendRecord(list, path, nameOffset, size) : kSearchOk;
+}
+
+bool hasExecuteBit(const struct stat& status) {
+  return (status.st_mode & (S_IXUSR | S_IXGRP | S_IXOTH)) != 0;
+}
+
+int walkEntry(Walk& walk, int parentFd, size_t nameOffset, size_t length, unsigned char type);
+
+// Walks the open directory whose path fills the first `length` characters of the buffer. Closes
+// `fd`; the buffer holds the directory's path again on return.
+int walkDirectory(Walk& walk, int fd, size_t length) {
+  DIR* directory = fdopendir(fd);
+  if (directory == nullptr) {
+    close(fd);
+    return kSearchUnreadable;
+  }
+  char* path = walk.path;
+  path[length] = '/';
+  path[length + 1] = '\0';
+  const size_t nameOffset = length + 1;
+  int result = kSearchOk;
+  for (dirent* entry = readdir(directory); entry != nullptr; entry = readdir(directory)) {
+    const char* name = entry->d_name;
+    if (name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'))) continue;
+    const size_t nameLength = strlen(name);
+    if (nameOffset + nameLength > kSearchPathMaxChars) continue;
+    memcpy(path + nameOffset, name, nameLength + 1);
+    result = walkEntry(walk, dirfd(directory), nameOffset, nameOffset + nameLength, entry->d_type);
+    if (result == kSearchNoMemory || result == kSearchStopped) break;
+    result = kSearchOk;
+  }
+  path[length] = '\0';
+  closedir(directory);
+  return result;
+}
+
+// One entry of an open directory: its path fills the buffer up to `length`, its name begins at
+// `nameOffset`.
+int walkEntry(Walk& walk, int parentFd, size_t nameOffset, size_t length, unsigned char type) {
+  const char* path = walk.path;
+  const bool valid = walk.check == FileSystemCheck::kEveryPath ? isValidPath(path) == kPathValid
+                                                               : !isExcludedPath(path);
+  if (!valid) {
+    SLM_TRACE(3, "The path = %s is not valid", path);
+    return kSearchOk;
+  }
+  // Links, devices, pipes and sockets are never recorded: the directory entry says enough.
+  if (type == DT_LNK || type == DT_CHR || type == DT_BLK || type == DT_FIFO || type == DT_SOCK) {
+    return kSearchOk;
+  }
+  const char* name = path + nameOffset;
+  struct stat status;
+  if (fstatat(parentFd, name, &status, AT_SYMLINK_NOFOLLOW) != 0) return kSearchUnreadable;
+  if (walk.check == FileSystemCheck::kOncePerDevice && !deviceWalked(walk, status.st_dev)) {
+    SLM_TRACE(3, "The path = %s is not valid", path);
+    return kSearchOk;
+  }
+  if (S_ISDIR(status.st_mode)) {
+    if (length + 1 > kSearchPathMaxChars) return kSearchPathTooLong;
+    int fd = openat(parentFd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0) return kSearchUnreadable;
+    return walkDirectory(walk, fd, length);
+  }
+  // A file shorter than a header cannot be an executable: it is not opened.
+  if (S_ISREG(status.st_mode) && hasExecuteBit(status) &&
+      status.st_size >= static_cast<off_t>(kExecHeaderBytes)) {
+    int fd = openat(parentFd, name, O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY);
+    if (fd < 0) return kSearchUnreadable;
+    return testOpenFile(walk.list, path, nameOffset, fd, status.st_size);
+  }
+  return kSearchOk;
+}
+
+}  // namespace
+
+const FileExecPredicate fileExecPredicates[] = {elfExecPred};
+const size_t fileExecPredicateCount = std::size(fileExecPredicates);
+
+bool isWalkedFileSystem(uint32_t type) {
+  return std::find(std::begin(kWalkedFileSystems), std::end(kWalkedFileSystems), type) !=
+         std::end(kWalkedFileSystems);
+}
+
+int elfExecPred(const uint8_t* header, size_t available, int fd) {
+  if (memcmp(header, kElfMagic, sizeof kElfMagic) != 0) return kNotExecutable;
+  const bool elf32 = header[kElfClassOffset] == kElfClass32;
+  const uint16_t type = getFixed16(header + kElfTypeOffset);
+  const uint16_t machine = getFixed16(header + kElfMachineOffset);
+  const bool supported =
+      elf32 ? machine == kElfMachine386 : machine == kElfMachineIa64 || machine == kElfMachineX8664;
+  if (!supported) return kNotExecutable;
+  if (type == kElfTypeExecutable) return kIsExecutable;
+  if (type == kElfTypeShared && hasProgramInterpreter(header, available, fd, elf32)) {
+    return kIsExecutable;
+  }
+  return kNotExecutable;
+}
+
+int isValidPath(const char* path) {
+  if (isExcludedPath(path)) return kPathNotValid;
+  struct statfs info;
+  char rooted[2 * kSearchPathSize];
+  if (statfs(rootedPath(path, rooted, sizeof rooted), &info) != 0) return kPathNotValid;
+  return isWalkedFileSystem(static_cast<uint32_t>(info.f_type)) ? kPathValid : kPathNotValid;
+}
+
+int processFile(SlmList* list, char* path, const struct stat& fileStatus) {
+  char rooted[2 * kSearchPathSize];
+  int fd = open(rootedPath(path, rooted, sizeof rooted), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+  if (fd < 0) return kSearchUnreadable;
+  const char* slash = strrchr(path, '/');
+  if (slash == nullptr) {
+    close(fd);
+    return kSearchUnreadable;
+  }
+  return testOpenFile(list, path, static_cast<size_t>(slash - path) + 1, fd, fileStatus.st_size);
+}
+
+int analyzePath(SlmList* list, char* path, FileSystemCheck check) {
+  if (isValidPath(path) != kPathValid) {
+    SLM_TRACE(3, "The path = %s is not valid", path);
+    return kSearchOk;
+  }
+  char rooted[2 * kSearchPathSize];
+  rootedPath(path, rooted, sizeof rooted);
+  struct stat status;
+  if (lstat(rooted, &status) != 0) return kSearchUnreadable;
+  Walk walk{list, path, check, {}, {}};
+  // The start was checked by its path: its device is known to be walked.
+  walk.devices[0] = status.st_dev;
+  walk.walked[0] = true;
+  walk.deviceCount = 1;
+  if (S_ISDIR(status.st_mode)) {
+    const size_t length = strlen(path);
+    if (length + 1 > kSearchPathMaxChars) return kSearchPathTooLong;
+    int fd = open(rooted, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0) return kSearchUnreadable;
+    return walkDirectory(walk, fd, length);
+  }
+  if (S_ISREG(status.st_mode) && hasExecuteBit(status)) return processFile(list, path, status);
+  return kSearchOk;
+}
+
+int createInventoryList(SlmList* list) {
+  char path[kSearchPathSize] = "/";
+  return analyzePath(list, path);
+}
+
+void stopInventoryListCreation() {
+  stopped.store(1);
+}
+
+bool inventoryListCreationStopped() {
+  return stopped.load() != 0;
+}
+
+int lowerScanPriority() {
+  const pid_t self = gettid();
+  int result = 0;
+  if (syscall(SYS_ioprio_set, kIoprioWhoProcess, self, kIoprioClassIdle << kIoprioClassShift) !=
+      0) {
+    result = errno;
+    SLM_TRACE(1, "WARNING - Idle I/O priority not set, error %d", result);
+  }
+  if (setpriority(PRIO_PROCESS, static_cast<id_t>(self), kLowestCpuPriority) != 0) {
+    if (result == 0) result = errno;
+    SLM_TRACE(1, "WARNING - Lowest CPU priority not set, error %d", errno);
+  }
+  return result;
+}
+
+}  // namespace slm

@@ -1,0 +1,115 @@
+// The disk walk of the inventory: from the root it enters the local disk file systems of known
+// types and appends one InventoryRecord to a list for every executable program it finds. Symbolic
+// links are never followed. Runs on the inventory thread (or an on-demand run); the list is private
+// to the caller until the walk ends.
+#pragma once
+
+#include <sys/stat.h>
+
+#include <cstddef>
+#include <cstdint>
+
+#include "agent_core/support/slm_list.h"
+
+namespace slm {
+
+// The walk's path buffer: paths as seen from the agent root, at most 4095 characters.
+constexpr size_t kSearchPathSize = 4096;
+constexpr size_t kSearchPathMaxChars = kSearchPathSize - 1;
+
+constexpr int kSearchOk = 0;
+constexpr int kSearchPathTooLong = 1;
+constexpr int kSearchNoMemory = 2;
+constexpr int kSearchUnreadable = 3;
+constexpr int kSearchStopped = 4;  // passed up like kSearchNoMemory; nothing in the walk makes it
+
+constexpr int kPathValid = 0;
+constexpr int kPathNotValid = 5;
+
+// File-system types (as statfs reports them) that are walked: the local disk file systems.
+constexpr uint32_t kExtFileSystem = 0xEF53;
+constexpr uint32_t kExtOldFileSystem = 0xEF51;
+constexpr uint32_t kJfsFileSystem = 0x3153464A;
+constexpr uint32_t kReiserFileSystem = 0x52654973;
+constexpr uint32_t kXfsFileSystem = 0x58465342;
+constexpr uint32_t kVxFileSystem = 0xA501FCF5;
+// The disk file systems of current distributions.
+constexpr uint32_t kBtrFileSystem = 0x9123683E;
+constexpr uint32_t kF2FileSystem = 0xF2F52010;
+constexpr uint32_t kBcacheFileSystem = 0xCA451A4E;
+constexpr uint32_t kZfsFileSystem = 0x2FC12FC1;
+constexpr uint32_t kWalkedFileSystems[] = {
+    kExtFileSystem, kExtOldFileSystem, kJfsFileSystem, kReiserFileSystem, kXfsFileSystem,
+    kVxFileSystem,  kBtrFileSystem,    kF2FileSystem,  kBcacheFileSystem, kZfsFileSystem};
+
+// Whether a file-system type is one of the walked ones.
+bool isWalkedFileSystem(uint32_t type);
+
+// ---- Executable headers.
+
+// How many leading bytes of a candidate file every predicate gets.
+constexpr size_t kExecHeaderBytes = 20;
+constexpr int kNotExecutable = 0;
+constexpr int kIsExecutable = 1;
+
+// How many leading bytes are read at once: a position-independent executable's program header
+// table usually follows its header within them, so one read decides most files.
+constexpr size_t kExecPrefixBytes = 256;
+
+// Answers kIsExecutable or kNotExecutable from the first `available` (at least kExecHeaderBytes)
+// bytes of a file; `fd` (or -1) lets a predicate read further where they cannot decide.
+using FileExecPredicate = int (*)(const uint8_t* header, size_t available, int fd);
+
+constexpr uint8_t kElfClass32 = 1;
+constexpr uint16_t kElfTypeExecutable = 2;
+constexpr uint16_t kElfTypeShared = 3;
+constexpr uint16_t kElfMachine386 = 3;
+constexpr uint16_t kElfMachineIa64 = 50;
+constexpr uint16_t kElfMachineX8664 = 62;
+constexpr uint32_t kElfProgramInterpreter = 3;  // program header type PT_INTERP
+
+// An ELF executable for a supported processor: class 1 with machine 386, any other class with IA-64
+// or x86-64. Type 2 counts; type 3 counts only when its program headers hold a program
+// interpreter (position-independent executables, not shared libraries), read through `fd`.
+int elfExecPred(const uint8_t* header, size_t available, int fd);
+
+// Tried in order until one answers kIsExecutable.
+extern const FileExecPredicate fileExecPredicates[];
+extern const size_t fileExecPredicateCount;
+
+// ---- The walk.
+
+// How the file-system type is checked: once for each device the walk meets (from the lstat
+// result), or, as a reference, by a statfs of every path.
+enum class FileSystemCheck { kOncePerDevice, kEveryPath };
+
+// Walks from the root. kSearchOk when the walk finished (unreadable parts are skipped),
+// kSearchNoMemory when a record could not be appended, kSearchPathTooLong or kSearchUnreadable
+// only for the root itself.
+[[nodiscard]] int createInventoryList(SlmList* list);
+
+// Walks `path` (a kSearchPathSize buffer holding a path as seen from the root), recursively; the
+// buffer is extended in place and holds `path` again afterwards. Results as createInventoryList;
+// kSearchPathTooLong for a directory whose path has 4095 characters.
+[[nodiscard]] int analyzePath(SlmList* list, char* path,
+                              FileSystemCheck check = FileSystemCheck::kOncePerDevice);
+
+// kPathValid when `path` lies on a walked file-system type and is not below the top-level
+// directories /proc or /xfn; kPathNotValid otherwise, or when statfs fails.
+[[nodiscard]] int isValidPath(const char* path);
+
+// Tests the file at `path` (as seen from the root, lstat result `fileStatus`) and appends its
+// record when it is an executable. kSearchOk (recorded or not an executable), kSearchNoMemory,
+// kSearchUnreadable (cannot be opened, shorter than the header, or no "/" in the path).
+[[nodiscard]] int processFile(SlmList* list, char* path, const struct stat& fileStatus);
+
+// Sets the stop flag. A walk that has begun still runs to its end: the inventory is stopped
+// between the scan and the sending instead.
+void stopInventoryListCreation();
+bool inventoryListCreationStopped();
+
+// Puts the calling thread (only it) at idle I/O priority and the lowest CPU priority, so that a
+// scan does not slow the machine or the agent's other threads. 0, or the first errno.
+int lowerScanPriority();
+
+}  // namespace slm

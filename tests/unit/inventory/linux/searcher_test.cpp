@@ -1,0 +1,275 @@
+#include "inventory/linux/searcher.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <sys/vfs.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "agent_core/data/inventory_record.h"
+#include "agent_core/support/unix_common.h"
+#include "support/agent_sandbox.h"
+
+namespace slm {
+namespace {
+
+using test::bytes;
+
+// A hand-made ELF file: the header of `elfClass` with `type` and `machine`, and a program header
+// table of two entries whose second is a program interpreter when `interpreter` is set.
+std::string elf(int elfClass, int type, int machine, bool interpreter = false) {
+  const bool is32 = elfClass == 1;
+  const size_t headerSize = is32 ? 52 : 64;
+  const size_t entrySize = is32 ? 32 : 56;
+  std::string out(headerSize + 2 * entrySize, '\0');
+  out.replace(0, 5, bytes({0x7F, 'E', 'L', 'F', elfClass}));
+  out[5] = 1;
+  out.replace(16, 4, bytes({type, 0, machine, 0}));
+  if (is32) {
+    out.replace(28, 4, test::le32(static_cast<uint32_t>(headerSize)));
+    out.replace(42, 4, bytes({static_cast<int>(entrySize), 0, 2, 0}));
+  } else {
+    out.replace(32, 8, test::le64(headerSize));
+    out.replace(54, 4, bytes({static_cast<int>(entrySize), 0, 2, 0}));
+  }
+  out.replace(headerSize, 4, test::le32(6));  // PT_PHDR
+  out.replace(headerSize + entrySize, 4, test::le32(interpreter ? 3 : 1));
+  return out;
+}
+
+// The same with 400 bytes between the header and the program header table, beyond the first read.
+std::string farTableElf(bool interpreter) {
+  std::string out = elf(2, 3, 62, interpreter);
+  out.insert(64, std::string(400, '\0'));
+  out.replace(32, 8, test::le64(64 + 400));
+  return out;
+}
+
+// A scratch root on a walked file system, or none (the tests then skip).
+class ScanRoot : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    struct statfs info;
+    if (statfs(root_.path().c_str(), &info) != 0 ||
+        !isWalkedFileSystem(static_cast<uint32_t>(info.f_type))) {
+      GTEST_SKIP() << root_.path() << " is not on a walked disk file system (type 0x" << std::hex
+                   << info.f_type << "); set TMPDIR to a directory on ext4, XFS or btrfs";
+    }
+    setAgentRoot(root_.path().c_str());
+  }
+  void TearDown() override { setAgentRoot(""); }
+
+  void write(const std::string& relative, const std::string& content, mode_t mode = 0755) {
+    root_.writeFile(relative, content);
+    ASSERT_EQ(chmod(root_.file(relative).c_str(), mode), 0);
+  }
+  void link(const std::string& target, const std::string& relative) {
+    ASSERT_EQ(symlink(target.c_str(), root_.file(relative).c_str()), 0);
+  }
+
+  // The records of a walk from the root, in walk order.
+  std::vector<InventoryRecord> scan(FileSystemCheck check = FileSystemCheck::kOncePerDevice,
+                                    int* result = nullptr) {
+    SlmList* list = createList(sizeof(InventoryRecord));
+    char path[kSearchPathSize] = "/";
+    int walked = analyzePath(list, path, check);
+    if (result != nullptr) *result = walked;
+    EXPECT_STREQ(path, "/");
+    std::vector<InventoryRecord> records;
+    for (void* item = getNext(list, nullptr); item != nullptr; item = getNext(list, item)) {
+      records.push_back(*static_cast<InventoryRecord*>(item));
+    }
+    deleteList(list);
+    return records;
+  }
+  std::set<std::string> scannedNames() {
+    std::set<std::string> names;
+    for (const InventoryRecord& record : scan()) names.insert(record.name);
+    return names;
+  }
+
+  test::TempDir root_;
+};
+
+TEST_F(ScanRoot, RecordsExactlyTheExecutablesOfSupportedProcessors) {
+  struct Case {
+    const char* name;
+    std::string content;
+    mode_t mode;
+    bool recorded;
+  };
+  const Case cases[] = {
+      {"x86", elf(1, 2, 3), 0755, true},
+      {"x86-pie", elf(1, 3, 3, true), 0755, true},
+      {"x86-lib", elf(1, 3, 3), 0755, false},
+      {"x86-rel", elf(1, 1, 3), 0755, false},
+      {"x86-core", elf(1, 4, 3), 0755, false},
+      {"x86-for-x64", elf(1, 2, 62), 0755, false},  // class and machine disagree
+      {"x86-for-ia64", elf(1, 2, 50), 0755, false},
+      {"x64", elf(2, 2, 62), 0700, true},
+      {"x64-pie", elf(2, 3, 62, true), 0010, true},
+      {"x64-lib", elf(2, 3, 62), 0755, false},
+      {"x64-rel", elf(2, 1, 62), 0755, false},
+      {"ia64", elf(2, 2, 50), 0001, true},
+      {"ia64-pie", elf(2, 3, 50, true), 0755, true},
+      {"x64-for-x86", elf(2, 2, 3), 0755, false},
+      {"x64-pie-for-x86", elf(2, 3, 3, true), 0755, false},
+      {"arm64", elf(2, 2, 183), 0755, false},
+      {"arm64-pie", elf(2, 3, 183, true), 0755, false},
+      {"odd-class", elf(7, 2, 62), 0755, true},  // any class but 1 reads as 64-bit
+      {"no-exec-bits", elf(2, 2, 62), 0644, false},
+      {"short", elf(2, 2, 62).substr(0, 19), 0755, false},
+      {"twenty", elf(2, 2, 62).substr(0, 20), 0755, true},
+      {"far-table-pie", farTableElf(true), 0755, true},
+      {"far-table-lib", farTableElf(false), 0755, false},
+      {"pie-cut-table", elf(2, 3, 62, true).substr(0, 64 + 56 + 2), 0755, false},
+      {"script", "#!/bin/sh\necho hello, world\n", 0755, false},
+      {"empty", "", 0755, false},
+  };
+  std::set<std::string> expected;
+  for (const Case& c : cases) {
+    write("opt/bin/" + std::string(c.name), c.content, c.mode);
+    if (c.recorded) expected.insert(c.name);
+  }
+  EXPECT_EQ(scannedNames(), expected);
+}
+
+TEST_F(ScanRoot, FollowsNoLinksAndSkipsTopLevelProcAndXfnOnly) {
+  write("usr/bin/tool", elf(2, 2, 62));
+  link(root_.file("usr/bin/tool"), "usr/bin/tool-link");
+  link(root_.file("usr"), "usr-link");  // a link to a directory is not entered
+  link("usr-link", "loop");
+  write("home/x/proc/inproc", elf(2, 2, 62));
+  write("home/x/xfn/inxfn", elf(2, 2, 62));
+  write("proc/fake", elf(2, 2, 62));
+  write("processes/quirk", elf(2, 2, 62));  // "//proc" is matched as a prefix
+  write("xfn/named", elf(2, 2, 62));
+  write("var/qsam/caf\xe9", elf(2, 2, 62));
+  EXPECT_EQ(scannedNames(), (std::set<std::string>{"tool", "inproc", "inxfn", "caf\xc3\xa9"}));
+}
+
+TEST_F(ScanRoot, FillsTheRecordAsTheInventoryTransferExpects) {
+  const std::string content = elf(2, 2, 62) + std::string(1000, 'x');
+  write("bin/app", content);
+  std::vector<InventoryRecord> records = scan();
+  ASSERT_EQ(records.size(), 1u);
+  uint8_t raw[kInventoryRecordSize];
+  encodeInventoryRecord(records[0], raw);
+  std::string expected = test::field("app", 256) + test::le64(content.size()) +
+                         std::string(12, '\0') + test::field(" ", 401) + test::field(" ", 80) +
+                         test::field(" ", 40) + test::field(" ", 80) + test::field(" ", 83);
+  EXPECT_EQ(std::string(reinterpret_cast<char*>(raw), sizeof raw), expected);
+}
+
+// Creates `name` below the directory `parent` and returns its descriptor.
+int makeDirectoryAt(int parent, const std::string& name) {
+  EXPECT_EQ(mkdirat(parent, name.c_str(), 0755), 0) << name;
+  return openat(parent, name.c_str(), O_RDONLY | O_DIRECTORY);
+}
+
+void writeAt(int parent, const std::string& name, const std::string& content) {
+  int fd = openat(parent, name.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0755);
+  ASSERT_GE(fd, 0) << name;
+  ASSERT_EQ(write(fd, content.data(), content.size()), static_cast<ssize_t>(content.size()));
+  close(fd);
+}
+
+TEST_F(ScanRoot, KeepsPathsWithin4095Characters) {
+  // Seen from the root a path begins "//": the directory below is 1 + 20 * 201 + 72 = 4093
+  // characters long. Such deep trees can only be built relative to an open directory.
+  int fd = open(root_.path().c_str(), O_RDONLY | O_DIRECTORY);
+  for (int i = 0; i < 21; ++i) {
+    int next = makeDirectoryAt(fd, std::string(i < 20 ? 200 : 71, static_cast<char>('a' + i)));
+    close(fd);
+    fd = next;
+  }
+  writeAt(fd, "x", elf(2, 2, 62));   // 4095 characters: recorded
+  writeAt(fd, "yy", elf(2, 2, 62));  // 4096: skipped, its siblings still walked
+  int at4095 = makeDirectoryAt(fd, "d");
+  writeAt(at4095, "z", elf(2, 2, 62));  // its directory has 4095 characters: not entered
+  close(at4095);
+  close(fd);
+  write("top", elf(2, 2, 62));
+  EXPECT_EQ(scannedNames(), (std::set<std::string>{"x", "top"}));
+}
+
+TEST_F(ScanRoot, OneFileSystemCheckPerDeviceGivesTheRecordsOfOnePerPath) {
+  for (int d = 0; d < 20; ++d) {
+    const std::string dir = "tree/d" + std::to_string(d) + "/";
+    for (int f = 0; f < 10; ++f) {
+      write(dir + "exe" + std::to_string(f), elf(2, f % 3 == 0 ? 3 : 2, 62, f % 2 == 0),
+            f % 4 == 0 ? 0644 : 0755);
+    }
+    link("../d0", dir + "up");
+  }
+  write("proc/hidden", elf(2, 2, 62));
+  int onceResult = -1;
+  int everyResult = -1;
+  const std::vector<InventoryRecord> once = scan(FileSystemCheck::kOncePerDevice, &onceResult);
+  const std::vector<InventoryRecord> every = scan(FileSystemCheck::kEveryPath, &everyResult);
+  EXPECT_EQ(onceResult, kSearchOk);
+  EXPECT_EQ(everyResult, kSearchOk);
+  // Five of every ten files are executables: types 2, and 3 with an interpreter, with exec bits.
+  ASSERT_EQ(once.size(), 100u);
+  ASSERT_EQ(every.size(), 100u);
+  for (size_t i = 0; i < once.size(); ++i) {
+    EXPECT_EQ(memcmp(&once[i], &every[i], sizeof once[i]), 0) << once[i].name;
+  }
+}
+
+TEST(Searcher, ValidPathsLieOnWalkedFileSystemsOutsideProcAndXfn) {
+  struct Case {
+    const char* path;
+    int expected;
+  };
+  const Case cases[] = {
+      {"/", kPathNotValid},  // replaced below when / is on a walked file system
+      {"/proc", kPathNotValid},
+      {"/proc/self", kPathNotValid},
+      {"/dev/shm", kPathNotValid},
+      {"/sys", kPathNotValid},
+      {"//proc", kPathNotValid},
+      {"//xfn", kPathNotValid},
+      {"/no/such/path", kPathNotValid},
+  };
+  struct statfs info;
+  ASSERT_EQ(statfs("/", &info), 0);
+  const int rootExpected =
+      isWalkedFileSystem(static_cast<uint32_t>(info.f_type)) ? kPathValid : kPathNotValid;
+  for (const Case& c : cases) {
+    const int expected = std::string(c.path) == "/" ? rootExpected : c.expected;
+    EXPECT_EQ(isValidPath(c.path), expected) << c.path;
+  }
+  for (uint32_t type : {0x9123683Eu, 0xF2F52010u, 0xCA451A4Eu, 0x2FC12FC1u, 0xEF53u}) {
+    EXPECT_TRUE(isWalkedFileSystem(type)) << std::hex << type;
+  }
+  for (uint32_t type : {0x01021994u, 0x6969u, 0x9FA0u, 0x62656572u}) {  // tmpfs nfs proc sysfs
+    EXPECT_FALSE(isWalkedFileSystem(type)) << std::hex << type;
+  }
+}
+
+TEST(Searcher, LowersThePriorityOfTheCallingThreadOnly) {
+  auto priorities = [](pid_t tid) {
+    const long io = syscall(SYS_ioprio_get, 1, tid);
+    return std::make_pair(getpriority(PRIO_PROCESS, static_cast<id_t>(tid)), io >> 13);
+  };
+  const auto before = priorities(gettid());
+  std::pair<int, long> scanning{};
+  std::thread scanner([&] {
+    EXPECT_EQ(lowerScanPriority(), 0);
+    scanning = priorities(gettid());
+  });
+  scanner.join();
+  EXPECT_EQ(scanning, std::make_pair(19, 3L));
+  EXPECT_EQ(priorities(gettid()), before);
+}
+
+}  // namespace
+}  // namespace slm
