@@ -49,8 +49,11 @@ def place_program(root, relative, padding):
 
 
 class Demo:
-    def __init__(self, sandbox):
+    def __init__(self, sandbox, extra_configuration="", check_protocol=True):
         self.sandbox = sandbox
+        self.extra_configuration = extra_configuration  # more kvdagent.ini lines (a proxy, say)
+        # Off behind a proxy, which rewrites the head on the way: the server then judges the proxy.
+        self.check_protocol = check_protocol
         self.root = sandbox / "root"
         self.state = sandbox / "server"
         self.table = []  # (step, what happened)
@@ -130,7 +133,7 @@ class Demo:
     def story(self, port, known, unknown, report):
         (self.root / "etc/kvdagent.ini").write_text(
             "agentid=4711\ndivisionid=12\ntag=demo-node\ncustomer=Demo Customer\n"
-            f"server=127.0.0.1\nport={port}\npath=/\ntrace_level=2\n")
+            f"server=127.0.0.1\nport={port}\npath=/\ntrace_level=2\n" + self.extra_configuration)
         print(f"Sandbox root {self.root}; reference runtime server on 127.0.0.1:{port}.")
         self.start_agent()
         print(f"The agent daemon runs (pid {self.pid}).")
@@ -185,10 +188,11 @@ class Demo:
         self.stop_agent()
         self.table.append(("caches", "written at SIGTERM, read back at a restart"))
         print("Restarted, it read the catalog and the unknown files back, and stopped again.")
-        violations = self.rows("SELECT kind, detail FROM violations")
-        if violations:
-            raise StepFailed(f"the server recorded protocol violations: {violations}")
-        self.table.append(("protocol", "no violation recorded by the server"))
+        if self.check_protocol:
+            violations = self.rows("SELECT kind, detail FROM violations")
+            if violations:
+                raise StepFailed(f"the server recorded protocol violations: {violations}")
+            self.table.append(("protocol", "no violation recorded by the server"))
 
         print()
         width = max(len(step) for step, _ in self.table)
