@@ -1,6 +1,8 @@
 """The demo's story as a test: the real daemon against the reference server from enrolment to an
-inventory delivered and caches read back at a restart, directly and through a forwarding proxy."""
+inventory delivered and caches read back at a restart, directly and through a forwarding proxy;
+and a stop at any moment of a run leaves caches the next start reads."""
 import pathlib
+import random
 import socket
 import subprocess
 import sys
@@ -8,10 +10,12 @@ import time
 
 import pytest
 
-from conftest import AGENT_BIN, SOURCE_DIR
+from conftest import AGENT_BIN, SOURCE_DIR, wait_for
 
 sys.path.insert(0, str(SOURCE_DIR / "scripts"))
+sys.path.insert(0, str(SOURCE_DIR / "tools"))
 import demo_story  # noqa: E402
+from runtime_server.httpd import RuntimeServer  # noqa: E402
 
 
 def free_port() -> int:
@@ -68,3 +72,29 @@ def test_story_through_a_forwarding_proxy(story, tmp_path):
     finally:
         proxy.terminate()
         proxy.wait(timeout=10)
+
+
+def test_sigterm_at_any_moment_leaves_caches_the_next_start_reads(agent_root, tmp_path):
+    scenario = tmp_path / "scenario.json"
+    scenario.write_text('{"catalog": {"generate": {"files": 20000, "components": 5}},'
+                        ' "topology": {"division": [["127.0.0.1", "/", "self"], "d2|/|81"]}}')
+    server = RuntimeServer(str(tmp_path / "server"), str(scenario)).start()
+    try:
+        agent_root.write_configuration(trace_level="1", port=str(server.port), path="/")
+        rng = random.Random(7)
+        cache = agent_root.file("var/qsam/cache")
+        for _ in range(8):
+            pid = agent_root.start_daemon()
+            time.sleep(rng.uniform(0, 2.5))  # a moment of the run, not a wait for something
+            agent_root.stop_daemon(pid)
+            pid = agent_root.start_daemon()
+            assert wait_for(lambda: " - Starting commands thread" in agent_root.trace_text())
+            trace = agent_root.trace_text()
+            agent_root.stop_daemon(pid)
+            # Whatever the stop interrupted, the files it wrote are whole and this server's.
+            assert "is not supported or the runtime server has been changed" not in trace
+            assert f"LAT - The catalog has been read from file {cache}/catalog.dat" in trace
+            assert f"UAT - The unknown file list has been read from file {cache}/uat.dat" in trace
+            assert "SRV CACHE - no Servers file" not in trace
+    finally:
+        server.stop()
