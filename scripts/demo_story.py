@@ -142,8 +142,10 @@ class Demo:
         self.table.append(("enrolment", f"plugged in, node id {node}"))
         print(f"It enrolled with the server and was given node id {node}.")
         wait_for(lambda: "OK - Topology updated" in self.trace(), 30, "the topology")
-        self.table.append(("topology", "1 division and 1 enterprise server in server.dat"))
-        print("It took the topology: its division's server and one enterprise server.")
+        self.table.append(("topology", "its division's server (the preferred one), 1 enterprise"
+                                       " server"))
+        print("It took the topology: its division's server, which is already its preferred server,"
+              " and one enterprise server.")
         wait_for(lambda: "OK - Catalog stored" in self.trace(), 30, "the catalog download")
         self.table.append(("catalog", "1 component, 1 file"))
         print("It downloaded the catalog, which knows one program: editor.")
@@ -171,6 +173,10 @@ class Demo:
         def complete():
             return self.rows("SELECT id, records FROM inventories WHERE complete = 1")
         ((_, records),) = wait_for(complete, 90, "the inventory")
+        # Delivered means taken by the server and the waiting scan file removed: a stop before
+        # that sends it again at the next start, so that nothing is lost.
+        wait_for(lambda: not (self.root / "var/qsam/cache/scan.dat").exists(), 20,
+                 "the removal of the delivered scan")
         self.table.append(("inventory", f"scanned and delivered: {records} executables"))
         print(f"It scanned the sandbox and delivered the inventory: {records} executables.")
 
