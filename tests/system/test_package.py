@@ -1,0 +1,133 @@
+"""The Debian package: built by scripts/package, checked with lintian, installed into a throw-away
+root with dpkg --root (never into the machine itself) and its files checked there."""
+import gzip
+import os
+import pathlib
+import re
+import shutil
+import subprocess
+
+import pytest
+
+from conftest import SOURCE_DIR, wait_for
+
+if os.environ.get("SLM_SANITIZE"):
+    pytest.skip("the package holds the release build; it is tested with the release preset",
+                allow_module_level=True)
+_missing = [tool for tool in ("dpkg", "dpkg-deb", "lintian") if shutil.which(tool) is None]
+if _missing:
+    pytest.skip(f"{', '.join(_missing)} not installed (scripts/setup-deps installs them)",
+                allow_module_level=True)
+
+UPSTREAM_VERSION = re.search(r"project\(kvdagent VERSION ([0-9.]+)",
+                             (SOURCE_DIR / "CMakeLists.txt").read_text()).group(1)
+
+
+@pytest.fixture(scope="module")
+def package() -> pathlib.Path:
+    built = subprocess.run([str(SOURCE_DIR / "scripts/package")], cwd=SOURCE_DIR,
+                           capture_output=True, text=True, timeout=900)
+    assert built.returncode == 0, built.stdout + built.stderr
+    deb = SOURCE_DIR / built.stdout.strip().splitlines()[-1]
+    if not deb.is_file():
+        pytest.skip(f"scripts/package built no package ({deb})")
+    return deb
+
+
+def dpkg(root: pathlib.Path, *args: str) -> None:
+    # Maintainer scripts run outside the root (the root has no shell), with DPKG_ROOT telling them
+    # where the package goes; they then leave the machine's systemd alone.
+    subprocess.run(["dpkg", f"--root={root}", "--force-not-root", "--force-script-chrootless",
+                    *args], check=True, capture_output=True, timeout=120)
+
+
+@pytest.fixture
+def installed(package, tmp_path) -> pathlib.Path:
+    root = tmp_path / "root"
+    (root / "var/lib/dpkg/info").mkdir(parents=True)
+    (root / "var/lib/dpkg/updates").mkdir()
+    (root / "var/lib/dpkg/status").touch()
+    (root / "tmp").mkdir()
+    dpkg(root, "--force-depends", "--install", str(package))
+    return root
+
+
+def run_installed(root: pathlib.Path, *args: str) -> subprocess.CompletedProcess:
+    env = dict(os.environ, KVDAGENT_ROOT=str(root), LANG="C.UTF-8")
+    env.pop("LC_ALL", None)
+    return subprocess.run([str(root / "usr/sbin/kvdagent"), *args], env=env, capture_output=True,
+                          text=True, stdin=subprocess.DEVNULL, timeout=60)
+
+
+def test_lintian_reports_no_error(package):
+    result = subprocess.run(["lintian", str(package)], capture_output=True, text=True, timeout=300)
+    tags = [line for line in result.stdout.splitlines() if re.match(r"[EWI]: ", line)]
+    for line in tags:
+        print(line)  # warnings are reported, not failed
+    assert [line for line in tags if line.startswith("E: ")] == []
+    assert result.returncode == 0, result.stdout + result.stderr
+
+
+def test_installed_files(installed):
+    root = installed
+    binary = root / "usr/sbin/kvdagent"
+    assert os.access(binary, os.X_OK)
+    version = run_installed(root, "-v")
+    assert version.returncode == 0, version
+    assert UPSTREAM_VERSION in version.stdout
+
+    assert (root / "var/qsam").stat().st_mode & 0o7777 == 0o755
+    catalogue = root / "var/qsam/nls/C/kvdagt.cat"
+    assert catalogue.read_bytes() == (SOURCE_DIR / "build/release/nls/C/kvdagt.cat").read_bytes()
+
+    conffiles = (root / "var/lib/dpkg/info/kvdagent.conffiles").read_text().split()
+    assert conffiles == ["/etc/kvdagent.ini"]
+    example = (root / "etc/kvdagent.ini").read_text().splitlines()
+    # Nothing is set until an administrator edits it; every key is named there.
+    assert all(line.startswith("#") for line in example)
+    for key in ("agentid", "divisionid", "tag", "customer", "server", "port", "path",
+                "use_proxy", "trace_level", "trace_size", "driver_conf_file", "exec_monitor"):
+        assert any(line.startswith(f"#{key}=") for line in example), key
+
+    unit = (root / "lib/systemd/system/kvdagent.service").read_text().splitlines()
+    for line in ("Type=forking", "ExecStart=/usr/sbin/kvdagent", "KillSignal=SIGTERM",
+                 "Restart=on-failure", "After=network-online.target",
+                 "WantedBy=multi-user.target"):
+        assert line in unit
+
+    man = gzip.decompress((root / "usr/share/man/man8/kvdagent.8.gz").read_bytes()).decode()
+    assert man.startswith(".TH KVDAGENT 8 ")
+    for section in ("NAME", "SYNOPSIS", "DESCRIPTION", "OPTIONS", "CONFIGURATION", "FILES",
+                    "ENVIRONMENT", '"EXIT STATUS"', "SIGNALS"):
+        assert f"\n.SH {section}\n" in man, section
+    for name in ("copyright", "changelog.Debian.gz"):
+        assert (root / "usr/share/doc/kvdagent" / name).is_file()
+
+
+def test_example_configuration_keeps_the_daemon_from_starting(installed):
+    started = run_installed(installed)
+    assert started.returncode == 0, started
+    trace = installed / "var/qsam/log/traceagt.log"
+    assert wait_for(lambda: trace.exists() and 'Needed tag "agentid" not found' in trace.read_text(
+        errors="replace")), "the daemon did not refuse the example configuration"
+    binary = str(installed / "usr/sbin/kvdagent")
+
+    def running() -> bool:
+        for entry in pathlib.Path("/proc").iterdir():
+            try:
+                if entry.name.isdigit() and os.readlink(entry / "exe") == binary:
+                    return b"Z" not in (entry / "stat").read_bytes().split(b")")[-1][:3]
+            except OSError:
+                continue
+        return False
+
+    assert wait_for(lambda: not running())
+
+
+def test_purge_removes_the_agent_and_what_it_wrote(installed):
+    assert run_installed(installed, "-v").returncode == 0  # creates /var/qsam/log and cache
+    assert (installed / "var/qsam/cache").is_dir()
+    dpkg(installed, "--purge", "kvdagent")
+    for path in ("usr/sbin/kvdagent", "etc/kvdagent.ini", "var/qsam",
+                 "lib/systemd/system/kvdagent.service"):
+        assert not (installed / path).exists(), path
