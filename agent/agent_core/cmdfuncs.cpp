@@ -36,12 +36,6 @@
 namespace slm {
 namespace {
 
-using List = std::unique_ptr<SlmList, void (*)(SlmList*)>;
-
-List makeList(size_t recordSize) {
-  return List(createList(recordSize), deleteList);
-}
-
 // Read by the monitor thread when it queues an upload; written by the parameters command.
 std::atomic<int32_t> uploadMinimumSeconds{kDefaultUploadMinimumSeconds};
 
@@ -175,8 +169,8 @@ int32_t getUploadMinimumTime() {
 
 int slmAgentDownloadCatalogCommand(Command*) {
   int64_t updateTime = getLATLastUpdateTime();
-  List components = makeList(sizeof(ComponentRecord));
-  List files = makeList(sizeof(FileRecord));
+  ListHandle components = makeList(sizeof(ComponentRecord));
+  ListHandle files = makeList(sizeof(FileRecord));
   if (components == nullptr || files == nullptr) return kCommandRequeue;
   int result = downloadCatalog(&updateTime, components.get(), files.get());
   int outcome = kCommandRequeue;
@@ -207,7 +201,7 @@ int slmAgentDownloadCatalogCommand(Command*) {
 }
 
 int slmAgentUploadFilesCommand(Command* command) {
-  List records = makeList(sizeof(InventoryRecord));
+  ListHandle records = makeList(sizeof(InventoryRecord));
   if (records == nullptr) {
     SLM_TRACE(0, "ERROR - Upload creating list");
     return kCommandRequeue;
@@ -317,8 +311,8 @@ int slmAgentGetNodeCommand(Command*) {
 }
 
 int slmAgentDownloadTopologyCommand(Command*) {
-  List division = makeList(sizeof(ServerAddress));
-  List enterprise = makeList(sizeof(ServerAddress));
+  ListHandle division = makeList(sizeof(ServerAddress));
+  ListHandle enterprise = makeList(sizeof(ServerAddress));
   if (division == nullptr || enterprise == nullptr) {
     SLM_TRACE(0, "ERROR - Download topology unable to create list");
     return kCommandRequeue;
@@ -419,7 +413,7 @@ int slmAgentDownloadParametersCommand(Command* command) {
 }
 
 int slmAgentCheckForNewAgentCommand(Command*) {
-  List files = makeList(sizeof(ServerAddress));
+  ListHandle files = makeList(sizeof(ServerAddress));
   if (files == nullptr) {
     SLM_TRACE(0, "ERROR - Check for new agent creating list");
     return kCommandRequeue;

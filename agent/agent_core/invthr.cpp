@@ -44,11 +44,6 @@ CalendarEvent send_schedule;
 // Without these agent values a slow packet is never followed by a pause.
 constexpr int32_t kNoThreshold = INT32_MAX;
 
-struct ListDeleter {
-  void operator()(SlmList* list) const { deleteList(list); }
-};
-using ListHandle = std::unique_ptr<SlmList, ListDeleter>;
-
 void setSendEvent(const CalendarEvent& event) {
   pthread_mutex_lock(&sendMutex);
   send_schedule = event;

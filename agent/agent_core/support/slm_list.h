@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 
 #include "agent_core/support/arena.h"
 
@@ -36,5 +37,15 @@ constexpr int kListNotFound = 4;
 int listRemove(SlmList* list, const void* record);
 int32_t entries(const SlmList* list);
 void deleteList(SlmList* list);
+
+// Owns a list: deletes it when the owner goes.
+struct ListDeleter {
+  void operator()(SlmList* list) const { deleteList(list); }
+};
+using ListHandle = std::unique_ptr<SlmList, ListDeleter>;
+// A new owned list; it holds null when memory is short.
+inline ListHandle makeList(size_t recordSize) {
+  return ListHandle(createList(recordSize));
+}
 
 }  // namespace slm

@@ -42,12 +42,6 @@ constexpr size_t kTuplePatternCount = 6;
 constexpr unsigned kDeviceMinor = 0;
 constexpr mode_t kDeviceMode = 0600;
 
-using ListHandle = std::unique_ptr<SlmList, void (*)(SlmList*)>;
-
-ListHandle makeList(size_t recordSize) {
-  return ListHandle(createList(recordSize), deleteList);
-}
-
 void setDriverStatus(int32_t status) {
   (void)setAgentIntValue(kAgentDriverStatus, status);
 }
