@@ -1,6 +1,7 @@
 """The demo's story as a test: the real daemon against the reference server from enrolment to an
 inventory delivered and caches read back at a restart, directly and through a forwarding proxy;
-and a stop at any moment of a run leaves caches the next start reads."""
+a stop at any moment of a run leaves caches the next start reads; and an inventory that finds the
+server down waits in its scan file and arrives once the server is back."""
 import pathlib
 import random
 import socket
@@ -96,5 +97,32 @@ def test_sigterm_at_any_moment_leaves_caches_the_next_start_reads(agent_root, tm
             assert f"LAT - The catalog has been read from file {cache}/catalog.dat" in trace
             assert f"UAT - The unknown file list has been read from file {cache}/uat.dat" in trace
             assert "SRV CACHE - no Servers file" not in trace
+    finally:
+        server.stop()
+
+
+def test_server_restart_mid_run_the_inventory_waits_and_arrives(agent_root, tmp_path):
+    from test_inventory import Server, place_programs, scheduled_scan
+    expected = place_programs(agent_root)
+    # Many attempts spread over the day until the next scan: one every few seconds.
+    scenario = scheduled_scan(6)
+    scenario["parameters"]["attempts"] = 20000
+    server = Server(tmp_path, scenario).start()
+    try:
+        agent_root.write_configuration(port=str(server.port), path="/", trace_level="2")
+        pid = agent_root.start_daemon()
+        assert wait_for(lambda: server.rows("SELECT id FROM requests WHERE service = '8'"))
+        server.stop()
+        assert wait_for(lambda: "INV - Attempt 1, resending inventory packet 1"
+                        in agent_root.trace_text(), timeout=60), agent_root.trace_text()
+        scan_file = agent_root.file("var/qsam/cache/scan.dat")
+        assert len(scan_file.read_bytes()) == 4 + 960 * len(expected)
+
+        server.start()
+        assert wait_for(server.complete_inventories, timeout=60), agent_root.trace_text()
+        (inventory, _), = server.complete_inventories()
+        assert server.records(inventory) == expected
+        assert wait_for(lambda: not scan_file.exists())
+        agent_root.stop_daemon(pid)
     finally:
         server.stop()
