@@ -21,8 +21,9 @@ struct ArenaBlock;
 struct ArenaSlot;
 
 struct Arena {
-  size_t elementSize;  // the requested size rounded up to a multiple of 4
-  size_t elementsPerBlock;
+  size_t elementSize;       // the requested size rounded up to a multiple of 4
+  size_t elementsPerBlock;  // of a small block; a large block holds what fits
+  size_t heldBytes;         // of all blocks
   ArenaBlock* firstBlock;
   ArenaBlock* currentBlock;  // the last block; slots are taken from it in order
   size_t usedInCurrent;      // slots of the current block ever taken

@@ -5,6 +5,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "agent_core/support/large_pages.h"
+
 namespace slm {
 
 struct HtEntry {
@@ -28,6 +30,28 @@ HtEntry** bucketOf(HashTable* table, int64_t key) {
   return &table->buckets[index];
 }
 
+// A bucket array of a large table (the catalog's files) takes large pages, as its arena does.
+size_t largeBucketBytes(int32_t bucketCount) {
+  const size_t bytes = sizeof(HtEntry*) * static_cast<size_t>(bucketCount);
+  if (bytes < kLargePageBytes) return 0;
+  return (bytes + kLargePageBytes - 1) / kLargePageBytes * kLargePageBytes;
+}
+
+HtEntry** newBuckets(int32_t bucketCount) {
+  const size_t large = largeBucketBytes(bucketCount);
+  if (large != 0) return static_cast<HtEntry**>(allocateLargePages(large));
+  return static_cast<HtEntry**>(calloc(bucketCount, sizeof(HtEntry*)));
+}
+
+void freeBuckets(HtEntry** buckets, int32_t bucketCount) {
+  const size_t large = largeBucketBytes(bucketCount);
+  if (large != 0) {
+    freeLargePages(buckets, large);
+  } else {
+    free(buckets);
+  }
+}
+
 bool matches(const HashTable* table, HtEntry* entry, const void* match, HtCompare compare) {
   if (match == nullptr) return true;
   if (compare != nullptr) return compare(valueOf(entry), match) != 0;
@@ -41,10 +65,10 @@ HashTable* initHashTable(size_t valueSize, int32_t bucketCount, int32_t duplicat
   auto* table = static_cast<HashTable*>(calloc(1, sizeof(HashTable)));
   if (table == nullptr) return nullptr;
   table->arena = initArena(kEntryHeaderBytes + valueSize, 100);
-  table->buckets = static_cast<HtEntry**>(calloc(bucketCount, sizeof(HtEntry*)));
+  table->buckets = newBuckets(bucketCount);
   if (table->arena == nullptr || table->buckets == nullptr) {
     deleteArena(table->arena);
-    free(table->buckets);
+    if (table->buckets != nullptr) freeBuckets(table->buckets, bucketCount);
     free(table);
     return nullptr;
   }
@@ -115,7 +139,7 @@ void resetHashTable(HashTable* table) {
 void deleteHashTable(HashTable* table) {
   if (table == nullptr) return;
   deleteArena(table->arena);
-  free(table->buckets);
+  freeBuckets(table->buckets, table->bucketCount);
   free(table);
 }
 

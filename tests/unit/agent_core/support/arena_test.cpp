@@ -84,5 +84,26 @@ TEST(Arena, WalksSlotsInOrderAndCleanKeepsOnlyTheFirstBlock) {
   deleteArena(arena);
 }
 
+// Past a few megabytes an arena grows by large blocks: the walk still visits every element in the
+// order it was taken, across the change of block size, and a clean drops the large blocks too.
+TEST(Arena, GrowsByLargeBlocksWithoutChangingOrderOrReuse) {
+  Arena* arena = initArena(400, 100);
+  constexpr int32_t kCount = 30000;  // about 12 MiB: several large blocks
+  std::vector<int32_t*> elements;
+  for (int32_t i = 0; i < kCount; ++i) elements.push_back(newValue(arena, i));
+  EXPECT_GT(arena->heldBytes, size_t{12} << 20);
+  std::vector<int32_t> expected(kCount);
+  for (int32_t i = 0; i < kCount; ++i) expected[i] = i;
+  EXPECT_EQ(expected, walk(arena));
+  deleteArenaElement(arena, elements[kCount - 2]);
+  EXPECT_EQ(elements[kCount - 2], newValue(arena, -1));
+  EXPECT_EQ(0, reinterpret_cast<uintptr_t>(elements[kCount - 1]) % kArenaAlignment);
+  cleanArenaSpace(arena);
+  EXPECT_EQ(std::vector<int32_t>{}, walk(arena));
+  for (int32_t i = 0; i < kCount; ++i) newValue(arena, i);
+  EXPECT_EQ(expected, walk(arena));
+  deleteArena(arena);
+}
+
 }  // namespace
 }  // namespace slm
