@@ -54,13 +54,6 @@ int matchKey(const char* line, const char** keyStart) {
   return -1;
 }
 
-// The line end is the newline, the end of the buffer, or a carriage return right before either,
-// so that a file with CR-LF line ends reads the same as one without.
-bool isLineEnd(const char* text) {
-  if (*text == '\r') ++text;
-  return *text == '\n' || *text == '\0';
-}
-
 void storeValue(const char* text, char* value) {
   size_t length = strcspn(text, "\n");
   if (length > kConfigurationValueChars) length = kConfigurationValueChars;
@@ -91,14 +84,16 @@ int loadConfigurationFile(const char* path) {
     if (equals == nullptr || equals < keyStart) continue;
     const char* value = equals + 1;
     while (isBlank(*value)) ++value;
-    if (isLineEnd(value)) return kConfigurationEmptyValue;
+    ConfigurationEntry entry;
+    storeValue(value, entry.value);
+    // Empty is what is left once the trailing blanks, tabs and carriage returns are gone: a value
+    // of nothing but those (a CR-LF line end, or "\r\t" before it) is as empty as none.
+    if (entry.value[0] == '\0') return kConfigurationEmptyValue;
     if (seen[index]) {
       configuration.reset();
       return kConfigurationRefused;
     }
-    ConfigurationEntry entry;
     copyBounded(entry.key, kConfigurationKeyField - 1, kConfigurationKeys[index]);
-    storeValue(value, entry.value);
     try {
       configuration->push_back(entry);
     } catch (const std::bad_alloc&) {

@@ -27,6 +27,12 @@ struct ServersCache {
 
 ServersCache cache;
 
+// The two counts of "server.dat" are read and written as one block; the enterprise count's place
+// in it is taken relative to the block, never by stepping past its end and back.
+constexpr size_t kCountsSize = kServerFileRecordsOffset - kServerFileDivisionCountOffset;
+constexpr size_t kEnterpriseCountInCounts =
+    kServerFileEnterpriseCountOffset - kServerFileDivisionCountOffset;
+
 bool validScope(int32_t scope) {
   return scope >= kScopePreferred && scope <= kScopeEnterprise;
 }
@@ -286,11 +292,10 @@ int loadServerListFile() {
   FileHandle file(raw);
   cache.updateTime = static_cast<uint32_t>(static_cast<uint64_t>(timestamp));
 
-  uint8_t counts[kServerFileRecordsOffset - kServerFileDivisionCountOffset];
+  uint8_t counts[kCountsSize];
   if (fread(counts, 1, sizeof counts, file.get()) != sizeof counts) return kSrvsFailed;
   uint32_t divisionCount = getFixed32(counts);
-  uint32_t enterpriseCount =
-      getFixed32(counts + kServerFileEnterpriseCountOffset - kServerFileDivisionCountOffset);
+  uint32_t enterpriseCount = getFixed32(counts + kEnterpriseCountInCounts);
   if (loadRecords(file.get(), divisionCount, kScopeDivision) != kSrvsOk ||
       loadRecords(file.get(), enterpriseCount, kScopeEnterprise) != kSrvsOk) {
     return kSrvsFailed;
@@ -315,9 +320,9 @@ int storeServerList() {
   }
   uint8_t head[kCacheHeaderSize];
   encodeCacheHeader(header, head);
-  uint8_t counts[kServerFileRecordsOffset - kServerFileDivisionCountOffset];
+  uint8_t counts[kCountsSize];
   putFixed32(counts, static_cast<uint32_t>(countScopeServers(kScopeDivision)));
-  putFixed32(counts + kServerFileEnterpriseCountOffset - kServerFileDivisionCountOffset,
+  putFixed32(counts + kEnterpriseCountInCounts,
              static_cast<uint32_t>(countScopeServers(kScopeEnterprise)));
 
   // The header fields go out one write each, as every cache writer does it.

@@ -69,6 +69,13 @@ TEST_F(Configuration, EmptyValueStopsTheLoadAtItsLine) {
   EXPECT_EQ(load("tag=a\ncustomer = \t\r\nagentid=1\n"), kConfigurationEmptyValue);
   EXPECT_EQ(value("tag"), "a");
   EXPECT_FALSE(value("agentid"));
+  // Values of nothing but carriage returns, blanks and tabs are empty too once trimmed.
+  const std::string blankValues[] = {"tag=\r\t\n", "tag = \r \r\n", std::string("tag=\r\0x\n", 8)};
+  for (const std::string& line : blankValues) {
+    deleteConfigurationVariables();
+    EXPECT_EQ(load(line), kConfigurationEmptyValue);
+    EXPECT_FALSE(value("tag"));
+  }
   deleteConfigurationVariables();
   EXPECT_EQ(load(""), kConfigurationLoaded);  // an empty file is no error
 }

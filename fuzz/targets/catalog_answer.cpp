@@ -1,0 +1,68 @@
+// The catalog answer (downloadCatalog) and its merge into the catalog cache, as the catalog
+// command does it: the update time, the components section, the files section, the trailer.
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+#include "agent_core/cache/lat.h"
+#include "agent_core/communication/catalog.h"
+#include "agent_core/communication/slm.h"
+#include "support/fuzz_root.h"
+#include "support/service_peer.h"
+
+using namespace slm;
+
+namespace {
+
+// A small files table: a fuzz run merges a few records at a time.
+constexpr int32_t kFuzzFileBuckets = 101;
+
+void checkRecords(SlmList* components, SlmList* files) {
+  for (void* item = getNext(components, nullptr); item != nullptr;
+       item = getNext(components, item)) {
+    FUZZ_CHECK(static_cast<const ComponentRecord*>(item)->compId != 0);
+  }
+  for (void* item = getNext(files, nullptr); item != nullptr; item = getNext(files, item)) {
+    const auto* file = static_cast<const FileRecord*>(item);
+    FUZZ_CHECK(file->size != 0);
+    FUZZ_CHECK(file->componentCount >= 0 && file->componentCount <= kMaxFileComponents);
+    FUZZ_CHECK(strnlen(file->name, kFileNameSize) < kFileNameSize);
+  }
+}
+
+// Every merged file is found again, with at most its sixteen components.
+void checkMerged(SlmList* files) {
+  for (void* item = getNext(files, nullptr); item != nullptr; item = getNext(files, item)) {
+    FileRecord found{};
+    ComponentRecord components[kMaxFileComponents];
+    int32_t count = -1;
+    FUZZ_CHECK(findFileEntry(static_cast<const FileRecord*>(item), &found, components, &count) ==
+               kLatOk);
+    FUZZ_CHECK(count >= 0 && count <= kMaxFileComponents);
+  }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  fuzz::ServicePeer& peer = fuzz::ServicePeer::instance();
+  static const bool created = createComponentsCacheWithBuckets(kFuzzFileBuckets) == kLatOk;
+  FUZZ_CHECK(created);
+  SlmList* components = createList(sizeof(ComponentRecord));
+  SlmList* files = createList(sizeof(FileRecord));
+  int64_t updateTime = 0;
+  peer.answerWith(data, size);
+  const int result = downloadCatalog(&updateTime, components, files);
+  FUZZ_CHECK(peer.finish() == 1);
+  FUZZ_CHECK(fuzz::isServiceResult(result));
+  checkRecords(components, files);
+  if (result == kServiceOk) {
+    FUZZ_CHECK(updateTime != 0);
+    FUZZ_CHECK(updateCatalog(components, files) == kLatOk);
+    checkMerged(files);
+    FUZZ_CHECK(resetComponentsCache() == kLatOk);
+  }
+  deleteList(components);
+  deleteList(files);
+  return 0;
+}

@@ -1,0 +1,77 @@
+// The loader of catalog.dat (loadCatalogFile, through createComponentsCache): the cache header,
+// the component count and records, then file records to the end. What was loaded is merged; every
+// loaded file is found again; and storing is stable: a catalog loaded from its own store stores
+// the same bytes again.
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include "agent_core/cache/cache_file.h"
+#include "agent_core/cache/lat.h"
+#include "agent_core/cache/srvs.h"
+#include "support/fuzz_root.h"
+
+using namespace slm;
+
+namespace {
+
+constexpr char kCatalogDat[] = "var/qsam/cache/catalog.dat";
+constexpr int32_t kFuzzFileBuckets = 101;
+
+// Loads the file in place into fresh lists; with `present`, each file loaded must be in the
+// catalog already. Returns the loader's result.
+int loadFile(bool present) {
+  SlmList* components = createList(sizeof(ComponentRecord));
+  SlmList* files = createList(sizeof(FileRecord));
+  const int loaded = loadCatalogFile(components, files);
+  FUZZ_CHECK(loaded == kLatOk || loaded == kLatFailed || loaded == kCacheFileMissing);
+  for (void* item = getNext(files, nullptr); present && item != nullptr;
+       item = getNext(files, item)) {
+    FileRecord found{};
+    ComponentRecord listed[kMaxFileComponents];
+    int32_t count = -1;
+    FUZZ_CHECK(findFileEntry(static_cast<const FileRecord*>(item), &found, listed, &count) ==
+               kLatOk);
+    FUZZ_CHECK(count >= 0 && count <= kMaxFileComponents);
+  }
+  deleteList(components);
+  deleteList(files);
+  return loaded;
+}
+
+// Makes the cache as start-up does (loading the file in place), stores it and frees it.
+std::string createAndStore() {
+  FUZZ_CHECK(createComponentsCacheWithBuckets(kFuzzFileBuckets) == kLatOk);
+  FUZZ_CHECK(storeCatalog() == kLatOk);
+  std::string stored = fuzz::readRootFile(kCatalogDat);
+  FUZZ_CHECK(loadFile(true) == kLatOk);
+  discardComponentsCache();
+  return stored;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  fuzz::initAgentValues();
+  // The catalog names the preferred server in its file.
+  static const bool serversReady = [] {
+    ServerInfo preferred{};
+    snprintf(preferred.address.host, sizeof preferred.address.host, "%s", "fuzz.example");
+    preferred.address.port = 8080;
+    return createServersCache(&preferred) == kSrvsOk;
+  }();
+  FUZZ_CHECK(serversReady);
+
+  // The loader's own result, on a cache made without a file.
+  fuzz::removeRootFile(kCatalogDat);
+  FUZZ_CHECK(createComponentsCacheWithBuckets(kFuzzFileBuckets) == kLatOk);
+  fuzz::writeRootFile(kCatalogDat, data, size);
+  loadFile(false);
+  discardComponentsCache();
+
+  // Start-up with the file, a store, and start-up from that store, which stores the same again.
+  fuzz::writeRootFile(kCatalogDat, data, size);
+  const std::string first = createAndStore();
+  FUZZ_CHECK(createAndStore() == first);
+  return 0;
+}
