@@ -19,13 +19,16 @@ def test_close_after_cuts_the_answer(start_server, tmp_path):
     (tmp_path / "files" / "f.bin").write_bytes(b"z" * 5000)
     srv = start_server({"require_plugin": False,
                         "services": {"3": {"close_after": 40, "count": 1}},
-                        "downloads": {"root": "files", "faults": {"/f.bin": {"close_after": 100}}}})
+                        "downloads": {"root": "files", "faults": {
+                            "/f.bin": {"close_after": 100},
+                            "/none": {"payload": "not|a\r\nfile"}}}})
     cut = exchange(srv.port, service_request("3", ["42", "0"]))
     whole = exchange(srv.port, service_request("3", ["42", "0"]))
     assert len(cut) == 40 and whole.startswith(cut) and len(whole) > 40
     got = exchange(srv.port, download_request("/f.bin"))
     assert len(got) == 100
     assert "Content-Length: 5000" in split_response(got)[1]
+    assert split_response(exchange(srv.port, download_request("/none")))[2] == b"not|a\r\nfile"
 
 
 def test_version_header_wrong_or_missing(start_server):

@@ -148,8 +148,11 @@ class Handler(socketserver.BaseRequestHandler):
         key = "/" + path.split("://", 1)[1].partition("/")[2] if path.startswith("http://") else path
         b = scenario.download_behaviour(key)
         local = downloads.resolve(scenario.downloads["root"], path)
-        status = int(b.get("http_status", 200 if local else 404))
-        if local and 200 <= status < 300:
+        status = int(b.get("http_status", 200 if local or "payload" in b else 404))
+        if "payload" in b and 200 <= status < 300:
+            content = str(b["payload"]).encode("utf-8")
+            size, chunks = len(content), [content]
+        elif local and 200 <= status < 300:
             size = os.path.getsize(local)
             chunks = _file_chunks(local)
         else:
