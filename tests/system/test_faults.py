@@ -248,7 +248,8 @@ def test_sigkill_during_a_catalog_store(tmp_path):
                                                                         "components": 5}}})
     runs = KillRuns("SIGKILL during a catalog store", root, server)
     configure(root, server)
-    whole = f"LAT - The catalog has been read from file {runs.cache}/catalog.dat, 5 comps, 20000 files"
+    whole = (f"LAT - The catalog has been read from file {runs.cache}/catalog.dat, "
+             "5 comps, 20000 files")
     try:
         # The catalog downloaded and stored whole once. Each clean stop tells how long a stop
         # with it takes now; the next kill comes within that time.
@@ -395,7 +396,8 @@ SERVICES = {
     "unknown_files": (3, "unknown_files", ("SRVCS - Upload to server", 1, "OK - Plug"),
                       "OK - Upload successfull"),
     "inventory": (3, "inventory", ("SRVCS - Upload to server", 1, "INV - "), None),
-    "new_agent": (4, "new_agent", ("SRVCS - Agent from server", 1, None), "OK - No new agents found"),
+    "new_agent": (4, "new_agent", ("SRVCS - Agent from server", 1, None),
+                  "OK - No new agents found"),
 }
 KINDS = ("down", "slow", "close", "garbage", "version")
 # Answers the rules make usable: a ping reads only the head of its answer, and a plain download
