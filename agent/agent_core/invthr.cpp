@@ -155,9 +155,10 @@ class RecordSource {
   InventoryRecord record_{};
 };
 
-// Writes "scan.dat"; on a failed write no file is left.
+// Writes "scan.dat" whole or not at all: a failed write leaves the file as it was, which may be
+// an earlier result still waiting to be sent.
 bool writeScanFile(const char* path, SlmList* list, AgentTime scanTime) {
-  FILE* file = fopen(path, "wb");
+  FILE* file = createCacheFile(path);
   if (file == nullptr) {
     SLM_TRACE(0, "ERROR - Some problems opening inventory file");
     return false;
@@ -170,11 +171,12 @@ bool writeScanFile(const char* path, SlmList* list, AgentTime scanTime) {
     encodeInventoryRecord(*static_cast<const InventoryRecord*>(item), raw);
     written = fwrite(raw, 1, sizeof raw, file) == sizeof raw;
   }
-  written = fclose(file) == 0 && written;
   if (!written) {
-    SLM_TRACE(0, "ERROR - Some problems saving inventory file");
-    remove(path);
+    discardCacheFile(file, path);
+  } else {
+    written = commitCacheFile(file, path);
   }
+  if (!written) SLM_TRACE(0, "ERROR - Some problems saving inventory file");
   return written;
 }
 
@@ -489,7 +491,7 @@ int slmAgentInventoryFunction() {
       continue;
     }
     SLM_TRACE(1, "OK - Disks scan completes");
-    resultWaiting = writeScanFile(path, list.get(), scanTime);
+    resultWaiting = writeScanFile(path, list.get(), scanTime) || fileExists(path);
     list.reset();
     const int32_t next = secondsToScan(&scanEvent, rule);
     const AgentTime finished = now() - 1;

@@ -179,6 +179,14 @@ int slmAgentMonitorFunction() {
     queueGetNode();
     return 1;
   }
+  // A stop asked for while the device was being opened found nothing to close. Nobody else closes
+  // it then, and a read would wait until the stop cancels the thread, which the built-in exec
+  // monitor's wait does not survive.
+  int32_t status = SLM_THREAD_RUNNING;
+  if (getSlmThreadStatus(mon_thread, &status) == kSlmThreadOk && status == SLM_THREAD_STOPPED) {
+    closeSlmDriver();
+    return 0;
+  }
   if (enableSlmDriver() != kDriverOk) {
     SLM_TRACE(0, "ERROR - Slm Driver not open");
     setDriverStatus(kDriverStatusNotEnabled);

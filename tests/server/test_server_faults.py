@@ -19,13 +19,16 @@ def test_close_after_cuts_the_answer(start_server, tmp_path):
     (tmp_path / "files" / "f.bin").write_bytes(b"z" * 5000)
     srv = start_server({"require_plugin": False,
                         "services": {"3": {"close_after": 40, "count": 1}},
-                        "downloads": {"root": "files", "faults": {"/f.bin": {"close_after": 100}}}})
+                        "downloads": {"root": "files", "faults": {
+                            "/f.bin": {"close_after": 100},
+                            "/none": {"payload": "not|a\r\nfile"}}}})
     cut = exchange(srv.port, service_request("3", ["42", "0"]))
     whole = exchange(srv.port, service_request("3", ["42", "0"]))
     assert len(cut) == 40 and whole.startswith(cut) and len(whole) > 40
     got = exchange(srv.port, download_request("/f.bin"))
     assert len(got) == 100
     assert "Content-Length: 5000" in split_response(got)[1]
+    assert split_response(exchange(srv.port, download_request("/none")))[2] == b"not|a\r\nfile"
 
 
 def test_version_header_wrong_or_missing(start_server):
@@ -60,3 +63,22 @@ def test_counted_behaviour_then_defaults(start_server):
     # A reload starts the count again.
     srv.reload({"services": {"ping": {"result": -999, "count": 1}}})
     assert exchange(srv.port, service_request("1", [])) == answer("1", b"<response:0,-999:ok>\r\n")
+
+
+def test_close_at_cuts_each_answer_at_its_fraction(start_server):
+    srv = start_server({"services": {"ping": {"close_at": 0.5, "count": 1}}})
+    cut = exchange(srv.port, service_request("1", []))
+    whole = exchange(srv.port, service_request("1", []))
+    assert cut == whole[:len(whole) // 2]
+
+
+def test_skip_then_count_and_upload_kinds_apart(plugged):
+    rec = "a.out|100| |0|0| | | | "
+    inventory = ["42", "true", "1700000100000", "true", "<files>", rec, "</files>"]
+    unknown = ["42", "false", "0", "true", "<files>", rec, "</files>"]
+    srv = plugged({"services": {"inventory": {"result": -999, "skip": 1, "count": 1},
+                                "upload": {"result": 1}}})
+    got = [exchange(srv.port, service_request("7", inventory)) for _ in range(3)]
+    assert got == [answer("7", b"<response:0,%s:ok>\r\n" % r) for r in (b"0", b"-999", b"0")]
+    # The unknown files take the service's own behaviour, not the inventory's.
+    assert exchange(srv.port, service_request("7", unknown)) == answer("7", b"<response:0,1:ok>\r\n")

@@ -70,6 +70,22 @@ void ScriptedDevice::failOpen(int error) {
   openError_ = error;
 }
 
+void ScriptedDevice::holdOpens() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  holdOpens_ = true;
+}
+
+bool ScriptedDevice::waitForHeldOpen() {
+  std::unique_lock<std::mutex> lock(mutex_);
+  return changed_.wait_for(lock, std::chrono::seconds(20), [&] { return openHeld_; });
+}
+
+void ScriptedDevice::releaseOpens() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  holdOpens_ = false;
+  changed_.notify_all();
+}
+
 bool ScriptedDevice::waitForAcks(size_t count) {
   std::unique_lock<std::mutex> lock(mutex_);
   return changed_.wait_for(lock, std::chrono::seconds(20), [&] { return acks_.size() >= count; });
@@ -101,8 +117,12 @@ int ScriptedDevice::reads() const {
 }
 
 int ScriptedDevice::open(const char*) {
-  std::lock_guard<std::mutex> lock(mutex_);
+  std::unique_lock<std::mutex> lock(mutex_);
   ++opens_;
+  openHeld_ = holdOpens_;
+  changed_.notify_all();
+  changed_.wait(lock, [&] { return !holdOpens_; });
+  openHeld_ = false;
   if (openError_ != 0) {
     errno = openError_;
     return -1;

@@ -32,6 +32,10 @@ class ScriptedDevice {
   void interruptNextRead(int times);
   void failWrites(int error);
   void failOpen(int error);
+  // Opens wait until released; waitForHeldOpen waits (with a generous bound) until one waits.
+  void holdOpens();
+  bool waitForHeldOpen();
+  void releaseOpens();
 
   // Waits (with a generous bound) until `count` acknowledgements were written.
   bool waitForAcks(size_t count);
@@ -65,6 +69,8 @@ class ScriptedDevice {
   int closes_ = 0;
   int reads_ = 0;
   bool open_ = false;
+  bool holdOpens_ = false;
+  bool openHeld_ = false;
 };
 
 }  // namespace slm::test

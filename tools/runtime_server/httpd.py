@@ -61,6 +61,14 @@ class RuntimeServer(socketserver.ThreadingMixIn, socketserver.TCPServer):
         if self.verbose:
             print(text, file=sys.stderr, flush=True)
 
+    def handle_error(self, request, client_address):
+        # A client that gave up before a delayed or long answer was written
+        # is what fault scenarios are for: not worth a traceback.
+        if isinstance(sys.exc_info()[1], OSError):
+            self.log("%s:%d went away: %s" % (*client_address[:2], sys.exc_info()[1]))
+            return
+        super().handle_error(request, client_address)
+
 
 def load_scenario(path):
     scenario = Scenario.load(path)
@@ -106,12 +114,16 @@ class Handler(socketserver.BaseRequestHandler):
             self.answer_download(scenario, rid, req.path)
         else:
             server.state.set_answer(rid, 400, None, None)
-            self.send(framing.response_head(400, [("Connection", "close"), ("Content-Length", "0")],
-                                            scenario.header_separator), [], {})
+            head = framing.response_head(400, [("Connection", "close"), ("Content-Length", "0")],
+                                         scenario.header_separator)
+            self.send(head, [], {}, len(head))
 
     def answer_service(self, scenario, rid, service, body):
         server = self.server
-        b = scenario.behaviour(service)
+        kind = None
+        if service == services.UPLOAD:
+            kind = "inventory" if body.fields.get("inventory") == "true" else "unknown_files"
+        b = scenario.behaviour(service, kind)
         ctx = services.Context(scenario, server.state, rid, body, server.port)
         ans = services.answer(service, ctx, b)
         if "payload" in b:
@@ -129,15 +141,18 @@ class Handler(socketserver.BaseRequestHandler):
             ("Service", service),
         ], scenario.header_separator, b.get("http_reason"))
         server.state.set_answer(rid, http_status, ans.status, ans.result)
-        self.send(head, _chain(ans.chunks(), [tail]), b)
+        self.send(head, _chain(ans.chunks(), [tail]), b, len(head) + ans.length + len(tail))
 
     def answer_download(self, scenario, rid, path):
         server = self.server
         key = "/" + path.split("://", 1)[1].partition("/")[2] if path.startswith("http://") else path
         b = scenario.download_behaviour(key)
         local = downloads.resolve(scenario.downloads["root"], path)
-        status = int(b.get("http_status", 200 if local else 404))
-        if local and 200 <= status < 300:
+        status = int(b.get("http_status", 200 if local or "payload" in b else 404))
+        if "payload" in b and 200 <= status < 300:
+            content = str(b["payload"]).encode("utf-8")
+            size, chunks = len(content), [content]
+        elif local and 200 <= status < 300:
             size = os.path.getsize(local)
             chunks = _file_chunks(local)
         else:
@@ -148,13 +163,17 @@ class Handler(socketserver.BaseRequestHandler):
             ("Content-Length", str(size)),
         ], scenario.header_separator, b.get("http_reason"))
         server.state.set_answer(rid, status, None, None)
-        self.send(head, chunks, b)
+        self.send(head, chunks, b, len(head) + size)
 
-    def send(self, head, chunks, behaviour):
+    def send(self, head, chunks, behaviour, total):
+        """Writes the answer of `total` bytes after the behaviour's delay,
+        cut after `close_after` bytes or the `close_at` fraction of it."""
         delay = float(behaviour.get("delay", 0))
         if delay > 0:
             time.sleep(min(delay, MAX_DELAY_SECONDS))
         limit = behaviour.get("close_after")
+        if "close_at" in behaviour:
+            limit = int(float(behaviour["close_at"]) * total)
         out = framing.CappedWriter(self.request, None if limit is None else int(limit))
         out.write(head)
         for chunk in chunks:

@@ -2,7 +2,8 @@
 
 A scenario holds the catalog, topology, parameters and new-agent answer, and
 per-service fault settings (result codes, HTTP status, version header, delay,
-early close, raw payload). Missing keys take the defaults below.
+early close, raw payload), also per kind of upload (inventory packets or
+unknown files). Missing keys take the defaults below.
 """
 
 import json
@@ -16,6 +17,9 @@ SERVICE_NAMES = {
     "ping": "1", "plugin": "2", "catalog": "3", "upload": "7",
     "parameters": "8", "topology": "11", "new_agent": "12",
 }
+# The two kinds of upload (service 7), each of which may have its own
+# behaviour: inventory packets and unknown files.
+UPLOAD_KINDS = {"inventory": "7/inventory", "unknown_files": "7/unknown_files"}
 
 # The seventeen parameter lines in wire order, with the values an agent gets
 # when the scenario names none of them.
@@ -42,7 +46,7 @@ PARAMETER_ORDER = (
 # Keys a per-service (or per-download) behaviour may carry.
 BEHAVIOUR_KEYS = {
     "result", "status", "http_status", "http_reason", "scp_version",
-    "delay", "close_after", "payload", "trailer", "count",
+    "delay", "close_after", "close_at", "payload", "trailer", "skip", "count",
 }
 
 
@@ -52,7 +56,8 @@ class ScenarioError(ValueError):
 
 class Scenario:
     """One loaded scenario. Read-only after construction except for the
-    per-service counters that limit a behaviour to its first N requests."""
+    per-service request counters that let a behaviour skip the first
+    requests or stop after N of them."""
 
     def __init__(self, data=None, base_dir="."):
         data = dict(data or {})
@@ -76,7 +81,7 @@ class Scenario:
         self.read_timeout = float(data.get("read_timeout", 5.0))
         self.header_separator = str(data.get("header_separator", ": "))
         self.trailer_text = str(data.get("trailer_text", "ok>"))
-        self._used = {}
+        self._seen = {}
         self._lock = threading.Lock()
 
     @classmethod
@@ -97,9 +102,14 @@ class Scenario:
         except (ValueError, KeyError, TypeError, AttributeError) as e:
             raise ScenarioError("bad scenario %s: %s: %s" % (path, type(e).__name__, e)) from e
 
-    def behaviour(self, service):
-        """The behaviour for one request of a service; a behaviour with a
-        count applies to that many requests only, then the defaults return."""
+    def behaviour(self, service, kind=None):
+        """The behaviour for one request of a service (and, for an upload,
+        its kind: "inventory" or "unknown_files"); a kind's own behaviour
+        replaces the service's. A behaviour with `skip` leaves that many
+        requests alone first; one with a count then applies to that many
+        requests only, and the defaults return."""
+        if kind is not None and "%s/%s" % (service, kind) in self.services:
+            return self._take(self.services, "%s/%s" % (service, kind))
         return self._take(self.services, service)
 
     def download_behaviour(self, path):
@@ -109,12 +119,12 @@ class Scenario:
         b = table.get(key)
         if not b:
             return {}
-        if "count" in b:
-            with self._lock:
-                used = self._used.get(key, 0)
-                if used >= b["count"]:
-                    return {}
-                self._used[key] = used + 1
+        with self._lock:
+            seen = self._seen.get(key, 0)
+            self._seen[key] = seen + 1
+        applied = seen - int(b.get("skip", 0))
+        if applied < 0 or ("count" in b and applied >= b["count"]):
+            return {}
         return b
 
 
@@ -179,13 +189,15 @@ def _behaviours(value, by_service):
     table = {}
     for key, b in value.items():
         if by_service:
-            key = SERVICE_NAMES.get(key, key)
-            if key not in SERVICE_IDS:
+            key = UPLOAD_KINDS.get(key) or SERVICE_NAMES.get(key, key)
+            if key not in SERVICE_IDS and key not in UPLOAD_KINDS.values():
                 raise ScenarioError("unknown service %r in services" % key)
             if key in table:
                 raise ScenarioError("service %r named twice in services" % key)
         if not isinstance(b, dict) or set(b) - BEHAVIOUR_KEYS:
             raise ScenarioError("bad behaviour for %r: allowed keys %s" % (key, sorted(BEHAVIOUR_KEYS)))
+        if "close_at" in b and not 0 <= float(b["close_at"]) < 1:
+            raise ScenarioError("close_at of %r must lie in [0, 1)" % key)
         table[key] = dict(b)
     return table
 

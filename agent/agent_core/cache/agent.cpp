@@ -223,10 +223,9 @@ void putRawField(uint8_t* dst, const char* field, size_t size) {
   memcpy(dst, field, size);
 }
 
-// Removes a plugin.dat that could not be written completely.
-int discardPluginData(FileHandle file, const char* path) {
-  file.reset();
-  remove(path);
+// Drops a plugin.dat that could not be written completely; the one stored before stays.
+int discardPluginData(FILE* file, const char* path) {
+  discardCacheFile(file, path);
   return kPluginNotStored;
 }
 
@@ -495,23 +494,23 @@ bool writePluginImage(const uint8_t* image, FILE* file, const char* path) {
 int storePluginData() {
   char path[kCachePathSize];
   cacheFilePath(kPluginDatName, path);
-  FileHandle file(fopen(path, "wb"));
+  FILE* file = createCacheFile(path);
   if (file == nullptr) return kPluginNotStored;
   CacheVersion version;
   if (getCacheVersion(kPluginFileId, &version) != kCacheVersionOk) {
     SLM_TRACE(0, "ERROR - Getting the PLUG cache version");
-    return discardPluginData(std::move(file), path);
+    return discardPluginData(file, path);
   }
   // Written from the live record without the lock: driver management stores it at start-up,
   // before the threads that change the record run.
   uint8_t image[kPluginDatSize];
   encodePluginData(version, agent_info, image);
 
-  if (!writePluginImage(image, file.get(), path)) return discardPluginData(std::move(file), path);
+  if (!writePluginImage(image, file, path)) return discardPluginData(file, path);
   // The writes above may only have filled the stream's buffer; the tuple is the last of them.
-  if (fflush(file.get()) != 0) {
+  if (!commitCacheFile(file, path)) {
     SLM_TRACE(0, "ERROR - Writing the slm system tuple to file %s", path);
-    return discardPluginData(std::move(file), path);
+    return kPluginNotStored;
   }
   SLM_TRACE(1, "Data written into file %s", path);
   return kPluginStored;

@@ -28,7 +28,38 @@ int discard(FileHandle file, const char* path) {
   return kCacheFileBad;
 }
 
+// The new file of `path`: its name with kNewCacheFileSuffix, in kNewCachePathSize bytes.
+constexpr size_t kNewCachePathSize = kCachePathSize + sizeof kNewCacheFileSuffix;
+void newFilePath(const char* path, char* out) {
+  size_t length = strlen(copyBounded(out, kCachePathSize - 1, path));
+  copyBounded(out + length, sizeof kNewCacheFileSuffix - 1, kNewCacheFileSuffix);
+}
+
 }  // namespace
+
+FILE* createCacheFile(const char* path) {
+  char newPath[kNewCachePathSize];
+  newFilePath(path, newPath);
+  return fopen(newPath, "wb");
+}
+
+bool commitCacheFile(FILE* file, const char* path) {
+  char newPath[kNewCachePathSize];
+  newFilePath(path, newPath);
+  // The close writes what the stream still buffers: on a full disk it is the close that fails.
+  if (fclose(file) != 0 || rename(newPath, path) != 0) {
+    remove(newPath);
+    return false;
+  }
+  return true;
+}
+
+void discardCacheFile(FILE* file, const char* path) {
+  char newPath[kNewCachePathSize];
+  newFilePath(path, newPath);
+  fclose(file);
+  remove(newPath);
+}
 
 void encodeCacheVersion(const CacheVersion& version, uint8_t* out) {
   putFixed32(out + kCacheMajorOffset, version.majorNumber);

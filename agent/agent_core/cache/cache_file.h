@@ -81,6 +81,20 @@ constexpr int kCacheVersionBad = 1;  // bad file id, or a version other than the
 // kCacheVersionOk when `read` equals the table's pair for `fileId`.
 [[nodiscard]] int testCacheVersion(int32_t fileId, const CacheVersion& read);
 
+// Cache files are written whole or not at all: a store writes a new file beside the old one and
+// renames it over the old one only once every byte is written and the file closed. A stop at any
+// moment, a kill or a full disk then leaves the old file or the new one, never one cut short, and
+// a store that fails keeps the last whole file.
+constexpr char kNewCacheFileSuffix[] = ".new";
+// Creates (or empties) the new file of the cache file `path` and opens it for writing. Null when it
+// cannot be created.
+FILE* createCacheFile(const char* path);
+// Closes `file`, the new file of `path`, and puts it in place of `path`. False when the close or
+// the rename failed; the new file is gone then and the old one stays.
+[[nodiscard]] bool commitCacheFile(FILE* file, const char* path);
+// Closes `file`, the new file of `path`, and removes it; the old file stays.
+void discardCacheFile(FILE* file, const char* path);
+
 constexpr int kCacheFileValid = 0;
 constexpr int kCacheFileBad = 1;
 constexpr int kCacheFileMissing = 6;

@@ -56,10 +56,9 @@ void int64Text(int64_t value, char* out) {
 
 // A store that failed after the lock was taken: the lock is released, and the failure's message
 // is written only when that release fails too. The file is closed and, unless `keepFile`, deleted.
-int failStore(FILE* file, const char* message, bool keepFile = false) {
+int failStore(FILE* file, const char* message) {
   if (releaseLock(lat.lock) != kRwlOk) SLM_TRACE(0, message, lat.path);
-  fclose(file);
-  if (!keepFile) remove(lat.path);
+  discardCacheFile(file, lat.path);
   return kLatFailed;
 }
 
@@ -242,19 +241,19 @@ int loadCatalogFile(SlmList* components, SlmList* files) {
 
 int storeCatalog() {
   cacheFilePath(kCatalogFileName, lat.path);
-  FILE* file = fopen(lat.path, "wb");
+  FILE* file = createCacheFile(lat.path);
   if (file == nullptr) {
     SLM_TRACE(0, "ERROR - Opening file %s to store catalog", lat.path);
     return kLatFailed;
   }
   if (lat.lock == nullptr || writeLock(lat.lock) != kRwlOk) {
-    fclose(file);
+    discardCacheFile(file, lat.path);
     return kLatFailed;
   }
 
   CacheVersion version;
   if (getCacheVersion(kCatalogFileId, &version) != kCacheVersionOk) {
-    return failStore(file, "ERROR - Getting the LAT cache version", true);
+    return failStore(file, "ERROR - Getting the LAT cache version");
   }
   uint8_t bytes[kFileRecordSize];
   putFixed32(bytes, version.majorNumber);
@@ -292,8 +291,7 @@ int storeCatalog() {
     if (releaseLock(lat.lock) != kRwlOk) {
       SLM_TRACE(0, "ERROR - Number components mismatch %d", static_cast<int>(remaining));
     }
-    fclose(file);
-    remove(lat.path);
+    discardCacheFile(file, lat.path);
     return kLatFailed;
   }
   for (void* value = findHtNextElement(lat.files, 1); value != nullptr;
@@ -304,15 +302,14 @@ int storeCatalog() {
     }
   }
 
-  bool closed = fclose(file) == 0;
+  bool committed = commitCacheFile(file, lat.path);
   if (releaseLock(lat.lock) != kRwlOk) {
     SLM_TRACE(0, "ERROR - Error writing files to file %s", lat.path);
     return kLatFailed;
   }
-  if (!closed) {
-    // The last records may not have reached the disk; a cut file must not pass for a whole one.
+  if (!committed) {
+    // The last records did not reach the disk: the catalog stored before stays in place.
     SLM_TRACE(0, "ERROR - Error writing files to file %s", lat.path);
-    remove(lat.path);
     return kLatFailed;
   }
   SLM_TRACE(1, "LAT - Data written into file %s", lat.path);

@@ -306,13 +306,16 @@ int loadServerListFile() {
 }
 
 int storeServerList() {
-  FileHandle file(fopen(cache.path, "wb"));
-  if (file == nullptr) {
+  FILE* out = createCacheFile(cache.path);
+  if (out == nullptr) {
     SLM_TRACE(0, "ERROR - Opening file %s to store the server list", cache.path);
     return kSrvsFailed;
   }
   CacheHeader header;
-  if (getCacheVersion(kServerFileId, &header.version) != kCacheVersionOk) return kSrvsFailed;
+  if (getCacheVersion(kServerFileId, &header.version) != kCacheVersionOk) {
+    discardCacheFile(out, cache.path);
+    return kSrvsFailed;
+  }
   header.timestamp = cache.updateTime;
   if (cache.heads[kScopePreferred] != nullptr) {
     copyBounded(header.serverName, kCacheServerNameSize,
@@ -326,7 +329,6 @@ int storeServerList() {
              static_cast<uint32_t>(countScopeServers(kScopeEnterprise)));
 
   // The header fields go out one write each, as every cache writer does it.
-  FILE* out = file.get();
   bool written =
       fwrite(head + kCacheMajorOffset, 1, 4, out) == 4 &&
       fwrite(head + kCacheMinorOffset, 1, 4, out) == 4 &&
@@ -342,12 +344,11 @@ int storeServerList() {
     }
   }
   if (!written) {
-    file.reset();
-    remove(cache.path);
+    discardCacheFile(out, cache.path);
     return kSrvsFailed;
   }
-  // Closed here rather than by the handle: the buffered records reach the file only now.
-  if (fclose(file.release()) != 0) {
+  // The buffered records reach the file only as it is closed.
+  if (!commitCacheFile(out, cache.path)) {
     SLM_TRACE(0, "ERROR - Closing file %s", cache.path);
     return kSrvsFailed;
   }

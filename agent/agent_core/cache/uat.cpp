@@ -71,7 +71,8 @@ const UnknownFileEntry* nextEntryFrom(AgentTime from, int restart) {
 }
 
 // A write that failed while the mutex was held: the mutex is released, and the failure's message
-// (with `detail` and the path) is written only when that release fails too. The file is kept.
+// (with `detail` and the path) is written only when that release fails too. The file stored before
+// stays in place.
 int failWrite(FILE* file, const char* message, const char* detail = nullptr) {
   if (unlockMutex(uat.mutex) != kMutexOk) {
     if (detail != nullptr) {
@@ -80,7 +81,7 @@ int failWrite(FILE* file, const char* message, const char* detail = nullptr) {
       SLM_TRACE(0, message, uat.path);
     }
   }
-  fclose(file);
+  discardCacheFile(file, uat.path);
   return kUatFailed;
 }
 
@@ -294,7 +295,7 @@ int readUnknownFileList() {
 
 int writeUnknownFileList() {
   cacheFilePath(kUatFileName, uat.path);
-  FILE* file = fopen(uat.path, "wb");
+  FILE* file = createCacheFile(uat.path);
   if (file == nullptr) {
     SLM_TRACE(0, "ERROR - Opening file %s to write the unknown file list", uat.path);
     return kUatFailed;
@@ -306,14 +307,8 @@ int writeUnknownFileList() {
     encodeCacheVersion(version, bytes);
     versionWritten = writeAll(file, bytes, kCacheVersionSize);
   }
-  if (!versionWritten) {
-    fclose(file);
-    remove(uat.path);
-    return kUatFailed;
-  }
-
-  if (uat.mutex == nullptr || lockMutex(uat.mutex) != kMutexOk) {
-    fclose(file);
+  if (!versionWritten || uat.mutex == nullptr || lockMutex(uat.mutex) != kMutexOk) {
+    discardCacheFile(file, uat.path);
     return kUatFailed;
   }
   putFixed64(bytes, static_cast<uint64_t>(static_cast<int64_t>(uat.lastUploadTime)));
@@ -340,8 +335,8 @@ int writeUnknownFileList() {
     }
   }
   bool released = unlockMutex(uat.mutex) == kMutexOk;
-  bool closed = fclose(file) == 0;
-  if (!released || !closed) {
+  bool committed = commitCacheFile(file, uat.path);
+  if (!released || !committed) {
     SLM_TRACE(0, "ERROR - After writing the unknown files to file %s", uat.path);
     return kUatFailed;
   }

@@ -7,6 +7,7 @@
 #include <ctime>
 #include <random>
 #include <string>
+#include <thread>
 
 #include "agent_core/cache/agent.h"
 #include "agent_core/cache/uat.h"
@@ -19,6 +20,7 @@
 #include "service/unix/base_dir.h"
 #include "support/agent_sandbox.h"
 #include "support/scripted_device.h"
+#include "support/wait_until.h"
 
 namespace slm {
 namespace {
@@ -199,6 +201,28 @@ TEST_F(Monitor, DeviceFailuresSetTheirStatus) {
                             slmAgentCleanMonitor),
             nullptr);
   EXPECT_TRUE(traced("Found driver status 6 exiting"));
+}
+
+// A stop that comes while the device is being opened finds nothing to close. The monitor must
+// then close the device itself and end: a monitor left waiting for events on it is cancelled
+// when the grace time is over, and the built-in exec monitor's wait does not survive a cancel.
+TEST_F(Monitor, StopWhileTheDeviceOpensStillClosesItAndEnds) {
+  device_.holdOpens();
+  run();
+  ASSERT_TRUE(device_.waitForHeldOpen());
+  int stopped = -9;
+  std::thread stopper([&] { stopped = stopSlmThread(mon_thread); });
+  ASSERT_TRUE(test::waitUntil([&] { return traced("DRIVER CLOSED"); }));
+  device_.releaseOpens();
+  const bool closed =
+      test::waitUntil([&] { return device_.closes() == 1; }, std::chrono::seconds(2));
+  // Within the grace time, so that a monitor still reading ends instead of being cancelled.
+  if (!closed) device_.queueReadFailure(0);
+  stopper.join();
+  EXPECT_TRUE(closed) << trace();
+  EXPECT_EQ(stopped, kOsThreadEnded);
+  cleanSlmThread(mon_thread);
+  mon_thread = nullptr;
 }
 
 TEST_F(Monitor, DamagedRecordsAreAcknowledgedAndNeverCrashIt) {

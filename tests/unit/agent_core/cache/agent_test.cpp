@@ -264,13 +264,16 @@ TEST_F(PluginDat, StoresTheLiveRecordAndRecognisesItsTuple) {
 
 TEST_F(PluginDat, FailedStoreLeavesNoFile) {
   init();
-  std::filesystem::create_symlink("/dev/full", cachePath("plugin.dat"));  // as a full disk
+  // The file is written under its new name first; /dev/full there stands for a full disk.
+  std::filesystem::create_symlink("/dev/full", cachePath("plugin.dat.new"));
   EXPECT_EQ(storePluginData(), kPluginNotStored);
   // The stream holds every item until the final flush, so a full disk shows at the last one.
   EXPECT_TRUE(
       traced("\n  ERROR - Writing the slm system tuple to file " + cachePath("plugin.dat") + "\n"))
       << trace();
   EXPECT_FALSE(std::filesystem::exists(std::filesystem::symlink_status(cachePath("plugin.dat"))));
+  EXPECT_FALSE(
+      std::filesystem::exists(std::filesystem::symlink_status(cachePath("plugin.dat.new"))));
 }
 
 TEST_F(PluginDat, EachItemThatCannotBeWrittenIsNamed) {
