@@ -9,6 +9,7 @@
 #include <sstream>
 
 #include "agent_core/cache/agent.h"
+#include "agent_core/cache/srvs.h"
 #include "agent_core/slm_conf.h"
 #include "agent_core/support/trace.h"
 #include "agent_core/support/unix_common.h"
@@ -94,6 +95,16 @@ void initAgentValues() {
 void checkFailed(const char* condition, const char* file, int line) {
   fprintf(stderr, "FUZZ CHECK FAILED: %s (%s:%d)\n", condition, file, line);
   abort();
+}
+
+bool preferredServerReady() {
+  static const bool ready = [] {
+    ServerInfo preferred{};
+    snprintf(preferred.address.host, sizeof preferred.address.host, "%s", "fuzz.example");
+    preferred.address.port = 8080;
+    return createServersCache(&preferred) == kSrvsOk;
+  }();
+  return ready;
 }
 
 }  // namespace slm::fuzz

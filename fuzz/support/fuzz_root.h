@@ -24,6 +24,10 @@ bool rootFileExists(const std::string& relative);
 // written for any server is accepted) and builds the agent's values from it, once per process.
 void initAgentValues();
 
+// Creates, once per process, a server cache whose preferred server is "fuzz.example":8080, the
+// server that catalog and unknown-file caches name in their files. False when that failed.
+bool preferredServerReady();
+
 // Writes what was violated and where, then aborts: libFuzzer keeps the input as a crash.
 [[noreturn]] void checkFailed(const char* condition, const char* file, int line);
 

@@ -8,7 +8,6 @@
 
 #include "agent_core/cache/cache_file.h"
 #include "agent_core/cache/lat.h"
-#include "agent_core/cache/srvs.h"
 #include "support/fuzz_root.h"
 
 using namespace slm;
@@ -54,13 +53,7 @@ std::string createAndStore() {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   fuzz::initAgentValues();
   // The catalog names the preferred server in its file.
-  static const bool serversReady = [] {
-    ServerInfo preferred{};
-    snprintf(preferred.address.host, sizeof preferred.address.host, "%s", "fuzz.example");
-    preferred.address.port = 8080;
-    return createServersCache(&preferred) == kSrvsOk;
-  }();
-  FUZZ_CHECK(serversReady);
+  FUZZ_CHECK(fuzz::preferredServerReady());
 
   // The loader's own result, on a cache made without a file.
   fuzz::removeRootFile(kCatalogDat);

@@ -6,7 +6,6 @@
 #include <string>
 
 #include "agent_core/cache/cache_file.h"
-#include "agent_core/cache/srvs.h"
 #include "agent_core/cache/uat.h"
 #include "support/fuzz_root.h"
 
@@ -29,13 +28,7 @@ std::string createAndStore() {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   fuzz::fuzzRoot();
   // The table names the preferred server in its file.
-  static const bool serversReady = [] {
-    ServerInfo preferred{};
-    snprintf(preferred.address.host, sizeof preferred.address.host, "%s", "fuzz.example");
-    preferred.address.port = 8080;
-    return createServersCache(&preferred) == kSrvsOk;
-  }();
-  FUZZ_CHECK(serversReady);
+  FUZZ_CHECK(fuzz::preferredServerReady());
 
   // The loader's own result, on a table made without a file.
   fuzz::removeRootFile(kUatDat);
