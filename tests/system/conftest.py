@@ -112,6 +112,9 @@ class AgentRoot:
     def start_daemon(self, *args: str) -> int:
         """Starts the daemon; returns the daemon's pid once it has its SIGTERM handler, which it
         installs before it starts the trace."""
+        # The trace of an earlier run would pass for this one's: a SIGTERM sent before the
+        # handler is in place ends the daemon at once, without a stop.
+        self.trace.unlink(missing_ok=True)
         parent = self.run(*args)
         assert parent.returncode == 0, parent
         pids = wait_for(self.daemon_pids)
