@@ -400,9 +400,9 @@ SERVICES = {
                   "OK - No new agents found"),
 }
 KINDS = ("down", "slow", "close", "garbage", "version")
-# Answers the rules make usable: a ping reads only the head of its answer, and a plain download
-# carries no protocol version.
+# An answer the rules make usable: a ping reads only the head of its answer.
 ANSWERED = {("garbage", "ping")}
+# A fault that does not exist: a plain download carries no protocol version.
 NOT_APPLICABLE = {("version", "driver")}
 DRIVERS_CONF = "1.1.1.51,Linux,2.4.18,x86,*,YES=/drivers/kvdkagent-2418.o\n"
 INVENTORY = [(f"packed{i:02d}", 2000 + i) for i in range(30)]
