@@ -11,20 +11,11 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "support/wait_readable.h"
+
 namespace slm::fuzz {
-namespace {
 
-// False when woken through the pipe or on error.
-bool waitReadable(int fd, int wakeFd) {
-  pollfd fds[2] = {{fd, POLLIN, 0}, {wakeFd, POLLIN, 0}};
-  int ready;
-  while ((ready = poll(fds, 2, -1)) < 0 && errno == EINTR) {
-  }
-  return ready > 0 && (fds[1].revents & POLLIN) == 0 &&
-         (fds[0].revents & (POLLIN | POLLHUP | POLLERR)) != 0;
-}
-
-}  // namespace
+using test::waitReadable;
 
 AnswerServer::AnswerServer() {
   listenFd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);

@@ -9,18 +9,10 @@
 #include <cerrno>
 #include <cstdlib>
 
+#include "support/wait_readable.h"
+
 namespace slm::test {
 namespace {
-
-// False when woken by the pipe or on error.
-bool waitReadable(int fd, int wakeFd) {
-  pollfd fds[2] = {{fd, POLLIN, 0}, {wakeFd, POLLIN, 0}};
-  int ready;
-  while ((ready = poll(fds, 2, -1)) < 0 && errno == EINTR) {
-  }
-  return ready > 0 && (fds[1].revents & POLLIN) == 0 &&
-         (fds[0].revents & (POLLIN | POLLHUP | POLLERR)) != 0;
-}
 
 bool sendAll(int fd, const std::string& bytes) {
   for (size_t sent = 0; sent < bytes.size();) {
