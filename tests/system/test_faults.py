@@ -642,6 +642,7 @@ def campaign(request, tmp_path_factory, figures_report):
             for s in SERVICES:
                 results[(kind, s)] += chain.problems
 
+    tmp_path_factory.getbasetemp()  # made here once: the threads below would race to make it
     threads = [threading.Thread(target=run_kind, args=(kind,), daemon=True) for kind in kinds]
     for thread in threads:
         thread.start()
