@@ -171,10 +171,10 @@ bool writeScanFile(const char* path, SlmList* list, AgentTime scanTime) {
     encodeInventoryRecord(*static_cast<const InventoryRecord*>(item), raw);
     written = fwrite(raw, 1, sizeof raw, file) == sizeof raw;
   }
-  if (!written) {
-    discardCacheFile(file, path);
-  } else {
+  if (written) {
     written = commitCacheFile(file, path);
+  } else {
+    discardCacheFile(file, path);
   }
   if (!written) SLM_TRACE(0, "ERROR - Some problems saving inventory file");
   return written;

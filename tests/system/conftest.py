@@ -3,6 +3,7 @@
 Every test gets its own root with the directories an installation provides ("/etc", "/var/qsam",
 "/tmp"); the agent resolves all of its fixed paths under it through KVDAGENT_ROOT.
 """
+import math
 import os
 import pathlib
 import shutil
@@ -25,6 +26,15 @@ BASE_CONFIGURATION = {
     "port": "9",
     "path": "/slm",
 }
+
+
+def scan_start_ms(seconds_from_now: float) -> int:
+    """A scan start `seconds_from_now` ahead, in the server's milliseconds. The agent reads it as
+    local time, so it is sent shifted by the zone's offset."""
+    start = math.ceil(time.time() + seconds_from_now) - time.timezone
+    if time.daylight and time.localtime().tm_isdst > 0:
+        start += 3600
+    return start * 1000
 
 
 def wait_for(predicate, timeout=20.0, interval=0.05):

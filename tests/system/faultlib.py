@@ -4,7 +4,6 @@ cache files and inventories written by hand, and a reference server that can go 
 on its port."""
 import ctypes
 import json
-import math
 import os
 import pathlib
 import signal
@@ -14,7 +13,7 @@ import sys
 import time
 from contextlib import closing
 
-from conftest import SOURCE_DIR, AgentRoot, wait_for
+from conftest import SOURCE_DIR, AgentRoot, scan_start_ms, wait_for  # noqa: F401 - for the suite
 from test_caches import header, unknown_entry
 from test_commands import server_record
 
@@ -235,15 +234,6 @@ def unknown_files_file(path: str, name: str, size: int) -> bytes:
 def servers_file(host: str, port: int) -> bytes:
     """server.dat with one division server that does not respond, so that the pings go to it."""
     return header(1, 2, 0) + struct.pack("<ii", 1, 0) + server_record(host, "/", port, 0, 1)
-
-
-def scan_start_ms(seconds_from_now: float) -> int:
-    """A scan start `seconds_from_now` ahead, in the server's milliseconds. The agent reads it as
-    local time, so it is sent shifted by the zone's offset."""
-    start = math.ceil(time.time() + seconds_from_now) - time.timezone
-    if time.daylight and time.localtime().tm_isdst > 0:
-        start += 3600
-    return start * 1000
 
 
 class FaultServer:

@@ -512,8 +512,8 @@ def run_chain(chain: Chain, results: dict) -> None:
     are through show that they recovered at the next start, the others at their next attempt."""
     recover_next = []
     for run in (1, 2, 3, 4):
-        services = [s for s, spec in SERVICES.items()
-                    if spec[0] == run and (chain.kind, s) not in NOT_APPLICABLE]
+        services = [s for s, plan in SERVICES.items()
+                    if plan[0] == run and (chain.kind, s) not in NOT_APPLICABLE]
         daemon = start_faulty_run(chain, run, services)
         for service in services:
             failure = chain.failed(service)

@@ -9,7 +9,7 @@ import time
 
 import pytest
 
-from conftest import SOURCE_DIR, wait_for
+from conftest import SOURCE_DIR, scan_start_ms, wait_for
 
 sys.path.insert(0, str(SOURCE_DIR / "tools"))
 from runtime_server.httpd import RuntimeServer  # noqa: E402
@@ -122,12 +122,8 @@ def test_inventory_on_demand_sends_exactly_the_executables(agent_root, server_fa
 
 
 def scheduled_scan(seconds_from_now):
-    """Parameters for a daily scan starting soon, sent at once after it. The agent reads the start
-    as local time, so it is sent shifted by the zone's offset."""
-    start = int(time.time()) + seconds_from_now - time.timezone
-    if time.daylight and time.localtime().tm_isdst > 0:
-        start += 3600
-    return {"parameters": {"scan_start_ms": start * 1000, "scan_rule_type": 1,
+    """Parameters for a daily scan starting soon, sent at once after it."""
+    return {"parameters": {"scan_start_ms": scan_start_ms(seconds_from_now), "scan_rule_type": 1,
                            "scan_rule_value": 1, "max_delay": 1}}
 
 

@@ -55,7 +55,8 @@ void int64Text(int64_t value, char* out) {
 }
 
 // A store that failed after the lock was taken: the lock is released, and the failure's message
-// is written only when that release fails too. The file is closed and, unless `keepFile`, deleted.
+// is written only when that release fails too. The new file is dropped; the catalog stored before
+// stays in place.
 int failStore(FILE* file, const char* message) {
   if (releaseLock(lat.lock) != kRwlOk) SLM_TRACE(0, message, lat.path);
   discardCacheFile(file, lat.path);
