@@ -107,6 +107,22 @@ bool isExcludedPath(const char* path) {
   return false;
 }
 
+constexpr size_t longestExcludedPrefix() {
+  size_t longest = 0;
+  for (const char* prefix : kExcludedPrefixes) {
+    longest = std::max(longest, std::char_traits<char>::length(prefix));
+  }
+  return longest;
+}
+
+// The same answer for a path whose directory part (up to `nameOffset`) was already found not
+// excluded: only a match that reaches into the name is left to look for.
+bool isExcludedEntry(const char* path, size_t nameOffset) {
+  constexpr size_t kReach = longestExcludedPrefix() - 1;
+  const size_t from = nameOffset < kReach ? 0 : nameOffset - kReach;
+  return isExcludedPath(path + from);
+}
+
 // The walk's state beside the path buffer: the devices already checked.
 struct Walk {
   SlmList* list;
@@ -182,6 +198,15 @@ int testOpenFile(SlmList* list, const char* path, size_t nameOffset, int fd, off
   return executable ? appendRecord(list, path, nameOffset, size) : kSearchOk;
 }
 
+// Opens an entry of the open directory without touching its access time, so that a scan never
+// makes the file system write inodes back; where the agent may not (a file of another owner
+// without the capability), it opens the entry plainly.
+int openEntry(int parentFd, const char* name, int flags) {
+  int fd = openat(parentFd, name, flags | O_NOATIME);
+  if (fd < 0 && errno == EPERM) fd = openat(parentFd, name, flags);
+  return fd;
+}
+
 bool hasExecuteBit(const struct stat& status) {
   return (status.st_mode & (S_IXUSR | S_IXGRP | S_IXOTH)) != 0;
 }
@@ -221,7 +246,7 @@ int walkDirectory(Walk& walk, int fd, size_t length) {
 int walkEntry(Walk& walk, int parentFd, size_t nameOffset, size_t length, unsigned char type) {
   const char* path = walk.path;
   const bool valid = walk.check == FileSystemCheck::kEveryPath ? isValidPath(path) == kPathValid
-                                                               : !isExcludedPath(path);
+                                                               : !isExcludedEntry(path, nameOffset);
   if (!valid) {
     SLM_TRACE(3, "The path = %s is not valid", path);
     return kSearchOk;
@@ -239,14 +264,14 @@ int walkEntry(Walk& walk, int parentFd, size_t nameOffset, size_t length, unsign
   }
   if (S_ISDIR(status.st_mode)) {
     if (length + 1 > kSearchPathMaxChars) return kSearchPathTooLong;
-    int fd = openat(parentFd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    int fd = openEntry(parentFd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
     if (fd < 0) return kSearchUnreadable;
     return walkDirectory(walk, fd, length);
   }
   // A file shorter than a header cannot be an executable: it is not opened.
   if (S_ISREG(status.st_mode) && hasExecuteBit(status) &&
       status.st_size >= static_cast<off_t>(kExecHeaderBytes)) {
-    int fd = openat(parentFd, name, O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY);
+    int fd = openEntry(parentFd, name, O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY);
     if (fd < 0) return kSearchUnreadable;
     return testOpenFile(walk.list, path, nameOffset, fd, status.st_size);
   }
