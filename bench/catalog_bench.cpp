@@ -1,9 +1,9 @@
-// Catalog benchmarks: file lookups in the catalog's files table against the containers' usual
-// 101-bucket table, the merge and the download parser on a canned answer, the download from the
-// reference server's generator, and the memory a loaded catalog holds. The large sizes (100k and
-// 1M files) and the generator download are registered only with SLM_BENCH_FULL=1; without it one
-// short pass on 10k files keeps every benchmark compiling and running. Runs on the benchmark
-// thread; the canned answer comes from a loopback server thread.
+// Catalog benchmarks: file lookups in the catalog's files table (its open index) beside a million
+// and the containers' usual 101 chained buckets, the merge and the download parser on a canned
+// answer, the download from the reference server's generator, and the memory a loaded catalog
+// holds. The large sizes (100k and 1M files) and the generator download are registered only with
+// SLM_BENCH_FULL=1; without it one short pass on 10k files keeps every benchmark compiling and
+// running. Runs on the benchmark thread; the canned answer comes from a loopback server thread.
 #include <benchmark/benchmark.h>
 #include <malloc.h>
 #include <strings.h>
@@ -295,18 +295,28 @@ void releaseLat() {
   latFiles = -1;
 }
 
-// A fresh empty cache with the catalog's bucket count (no catalog file is there to load).
-bool createEmptyLat() {
+// The files table as the agent makes it (the open index), or in a million chained buckets, for
+// comparison.
+enum class FilesTable { kOpenIndex, kChained };
+constexpr int32_t kChainedFileBuckets = 1048573;
+FilesTable latTable = FilesTable::kOpenIndex;
+
+// A fresh empty cache (no catalog file is there to load).
+bool createEmptyLat(FilesTable table = FilesTable::kOpenIndex) {
   releaseLat();
-  if (createComponentsCacheWithBuckets(kCatalogFileBuckets) != kLatOk) return false;
+  const int created = table == FilesTable::kOpenIndex
+                          ? createComponentsCacheWithSlots(kCatalogFileSlots)
+                          : createComponentsCacheWithBuckets(kChainedFileBuckets);
+  if (created != kLatOk) return false;
   latFiles = 0;
+  latTable = table;
   return true;
 }
 
 // The cache holding the first `count` generated files, merged through updateCatalog.
-bool loadLat(int64_t count) {
-  if (latFiles == count) return true;
-  if (!createEmptyLat()) return false;
+bool loadLat(int64_t count, FilesTable table) {
+  if (latFiles == count && latTable == table) return true;
+  if (!createEmptyLat(table)) return false;
   CatalogLists lists(count);
   if (updateCatalog(lists.components, lists.files) != kLatOk) return false;
   latFiles = count;
@@ -358,9 +368,9 @@ const std::vector<FileRecord>& keysFor(int64_t count, bool hit) {
 
 // Lookups of `hit` or missing keys in a catalog of range(0) files. The component lookups that
 // follow a hit are the same whatever the files table and are left out.
-void BM_FindFileEntry(benchmark::State& state, bool hit) {
+void BM_FindFileEntry(benchmark::State& state, FilesTable table, bool hit) {
   const int64_t count = state.range(0);
-  if (!benchAgent().ok() || !loadLat(count)) {
+  if (!benchAgent().ok() || !loadLat(count, table)) {
     state.SkipWithError("the catalog could not be built");
     return;
   }
@@ -623,8 +633,13 @@ const bool registered = [] {
     for (bool hit : {true, false}) {
       std::string suffix = hit ? "/hit" : "/miss";
       benchmark::RegisterBenchmark(
-          ("catalog_lookup/buckets:" + std::to_string(kCatalogFileBuckets) + suffix).c_str(),
-          [hit](benchmark::State& state) { BM_FindFileEntry(state, hit); })
+          ("catalog_lookup/open_index" + suffix).c_str(),
+          [hit](benchmark::State& state) { BM_FindFileEntry(state, FilesTable::kOpenIndex, hit); })
+          ->ArgName("files")
+          ->Arg(files);
+      benchmark::RegisterBenchmark(
+          ("catalog_lookup/buckets:" + std::to_string(kChainedFileBuckets) + suffix).c_str(),
+          [hit](benchmark::State& state) { BM_FindFileEntry(state, FilesTable::kChained, hit); })
           ->ArgName("files")
           ->Arg(files);
       benchmark::RegisterBenchmark(

@@ -14,8 +14,8 @@ using namespace slm;
 
 namespace {
 
-// A small files table: a fuzz run merges a few records at a time.
-constexpr int32_t kFuzzFileBuckets = 101;
+// A small files index, grown as a run merges a few records at a time.
+constexpr int32_t kFuzzFileSlots = 16;
 
 void checkRecords(SlmList* components, SlmList* files) {
   for (void* item = getNext(components, nullptr); item != nullptr;
@@ -46,7 +46,7 @@ void checkMerged(SlmList* files) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   fuzz::ServicePeer& peer = fuzz::ServicePeer::instance();
-  static const bool created = createComponentsCacheWithBuckets(kFuzzFileBuckets) == kLatOk;
+  static const bool created = createComponentsCacheWithSlots(kFuzzFileSlots) == kLatOk;
   FUZZ_CHECK(created);
   SlmList* components = createList(sizeof(ComponentRecord));
   SlmList* files = createList(sizeof(FileRecord));

@@ -15,7 +15,7 @@ using namespace slm;
 namespace {
 
 constexpr char kCatalogDat[] = "var/qsam/cache/catalog.dat";
-constexpr int32_t kFuzzFileBuckets = 101;
+constexpr int32_t kFuzzFileSlots = 16;
 
 // Loads the file in place into fresh lists; with `present`, each file loaded must be in the
 // catalog already. Returns the loader's result.
@@ -40,7 +40,7 @@ int loadFile(bool present) {
 
 // Makes the cache as start-up does (loading the file in place), stores it and frees it.
 std::string createAndStore() {
-  FUZZ_CHECK(createComponentsCacheWithBuckets(kFuzzFileBuckets) == kLatOk);
+  FUZZ_CHECK(createComponentsCacheWithSlots(kFuzzFileSlots) == kLatOk);
   FUZZ_CHECK(storeCatalog() == kLatOk);
   std::string stored = fuzz::readRootFile(kCatalogDat);
   FUZZ_CHECK(loadFile(true) == kLatOk);
@@ -57,7 +57,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
   // The loader's own result, on a cache made without a file.
   fuzz::removeRootFile(kCatalogDat);
-  FUZZ_CHECK(createComponentsCacheWithBuckets(kFuzzFileBuckets) == kLatOk);
+  FUZZ_CHECK(createComponentsCacheWithSlots(kFuzzFileSlots) == kLatOk);
   fuzz::writeRootFile(kCatalogDat, data, size);
   loadFile(false);
   discardComponentsCache();

@@ -25,7 +25,7 @@ using namespace slm;
 namespace {
 
 constexpr int kFakeDescriptor = 1000;
-constexpr int32_t kFuzzFileBuckets = 101;
+constexpr int32_t kFuzzFileSlots = 16;
 
 struct Device {
   const uint8_t* data = nullptr;
@@ -75,7 +75,7 @@ void setUp() {
   writeProgram("usr/bin/known", 1234);
   writeProgram("opt/app/tool", 4321);
   writeProgram("tmp/qsam/run", 99);
-  FUZZ_CHECK(createComponentsCacheWithBuckets(kFuzzFileBuckets) == kLatOk);
+  FUZZ_CHECK(createComponentsCacheWithSlots(kFuzzFileSlots) == kLatOk);
   SlmList* components = createList(sizeof(ComponentRecord));
   SlmList* files = createList(sizeof(FileRecord));
   const ComponentRecord component{7, 0, {1, 2, 3}};

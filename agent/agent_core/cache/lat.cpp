@@ -135,22 +135,23 @@ int compareFiles(const void* stored, const void* match) {
   return a->size == b->size && strncasecmp(a->name, b->name, kFileNameSize) == 0;
 }
 
-int createComponentsCache() {
-  return createComponentsCacheWithBuckets(kCatalogFileBuckets);
-}
+namespace {
 
-int createComponentsCacheWithBuckets(int32_t fileBuckets) {
+// Builds the cache around the files table `fileTable` (null when it could not be made), which it
+// then owns.
+int createComponentsCacheWith(HashTable* fileTable) {
   if (initRwl(&lat.lock) != kRwlOk) {
+    deleteHashTable(fileTable);
     SLM_TRACE(0, "ERROR - Lock while creating components cache");
     return kLatFailed;
   }
+  lat.files = fileTable;
   if (setCacheVersion(kCatalogFileId, kCatalogCacheVersion.majorNumber,
                       kCatalogCacheVersion.minorNumber) != kCacheVersionOk) {
     SLM_TRACE(0, "ERROR - Setting catalog cache version");
     freeCatalog();
     return kLatFailed;
   }
-  lat.files = initHashTable(sizeof(FileRecord), fileBuckets, 1);
   if (lat.files == nullptr) {
     SLM_TRACE(0, "ERROR - Init files cache hash table");
     freeCatalog();
@@ -185,6 +186,22 @@ int createComponentsCacheWithBuckets(int32_t fileBuckets) {
   }
   freeLists(components, files);
   return kLatOk;
+}
+
+}  // namespace
+
+int createComponentsCache() {
+  return createComponentsCacheWithSlots(kCatalogFileSlots);
+}
+
+int createComponentsCacheWithSlots(int32_t fileSlots) {
+  return createComponentsCacheWith(
+      fileSlots > 0 ? initOpenHashTable(sizeof(FileRecord), static_cast<size_t>(fileSlots))
+                    : nullptr);
+}
+
+int createComponentsCacheWithBuckets(int32_t fileBuckets) {
+  return createComponentsCacheWith(initHashTable(sizeof(FileRecord), fileBuckets, 1));
 }
 
 void deleteComponentsCache() {

@@ -86,11 +86,12 @@ constexpr char kCatalogFileName[] = "catalog.dat";
 constexpr size_t kCatalogComponentCountOffset = 272;
 constexpr size_t kCatalogRecordsOffset = 276;
 
-// The files table has this many buckets. The catalogs of large organisations hold a million files
-// and every process start waits for one lookup; with the containers' usual 101 buckets a lookup
-// walks ~10,000 entries there. Stored files come out in the table's arena order, so the count
-// changes no file, message or result.
-constexpr int32_t kCatalogFileBuckets = 1048573;
+// The files table's index starts with this many slots. The catalogs of large organisations hold a
+// million files and every process start waits for one lookup: with the containers' usual 101
+// buckets a lookup would walk ~10,000 entries there, so the files take an open-addressed index
+// (which holds a million at under two thirds full, and grows past that). Stored files come out in
+// the table's arena order, so the index changes no file, message or result.
+constexpr int32_t kCatalogFileSlots = 1572864;
 
 constexpr int kLatOk = 0;
 constexpr int kLatFailed = 1;
@@ -99,7 +100,9 @@ constexpr int kLatNotFound = 2;
 // Builds the cache and loads "catalog.dat" (a missing or bad file leaves the catalog empty with
 // last update time 0). kLatOk, or kLatFailed after its message when any part cannot be built.
 [[nodiscard]] int createComponentsCache();
-// The same with a files table of `fileBuckets` buckets.
+// The same with a files index that starts with `fileSlots` slots.
+[[nodiscard]] int createComponentsCacheWithSlots(int32_t fileSlots);
+// The same with the files in a table of `fileBuckets` chained buckets, as every other table is.
 [[nodiscard]] int createComponentsCacheWithBuckets(int32_t fileBuckets);
 // Stores the catalog (its result is not looked at) and frees the tables and the lock.
 void deleteComponentsCache();

@@ -1,6 +1,7 @@
 // The hash table: values of a fixed size keyed by non-negative 64-bit integers, a fixed number of
 // buckets (never rehashed), entries taken from an arena. Optionally several entries per key, told
-// apart by their values; among equal keys the newest is found first. No locking: the owner guards
+// apart by their values; among equal keys the newest is found first. One very large table (the
+// catalog's files) takes an open-addressed index instead of buckets. No locking: the owner guards
 // each table, walks included.
 #pragma once
 
@@ -20,9 +21,12 @@ using HtCompare = int (*)(const void* stored, const void* match);
 struct HtEntry;
 
 struct HashTable {
-  Arena* arena;  // the entries
-  HtEntry** buckets;
+  Arena* arena;       // the entries
+  HtEntry** buckets;  // null in an open table
+  uint64_t* slots;    // an open table's index: entry address and key tag, 0 when free
+  size_t slotCount;
   size_t valueSize;
+  size_t headerBytes;  // of an entry, before its value
   int32_t bucketCount;
   int32_t duplicates;  // non-zero: several entries may share a key
   int32_t count;
@@ -30,6 +34,13 @@ struct HashTable {
 
 // Null when memory is short or `bucketCount` is not positive.
 HashTable* initHashTable(size_t valueSize, int32_t bucketCount, int32_t duplicates);
+// A table whose index is one array of slots instead of bucket chains: a lookup reads a run of
+// adjacent slots and touches only the entries whose slot carries its key's tag, so a table of a
+// million entries costs about one memory miss per lookup less. Several entries may share a key;
+// its owner never stores two that match the same value (it looks before it adds), so which of
+// several matches a find returns is not defined. The index starts with `slots` slots and grows by
+// half whenever three quarters are taken. Null when memory is short or `slots` is 0.
+HashTable* initOpenHashTable(size_t valueSize, size_t slots);
 // Storage for the value of a new entry with `key`, zeroed, or null when memory is short. Without
 // duplicates, an existing entry's value is returned unchanged instead and nothing is added.
 void* addHtElement(HashTable* table, int64_t key);

@@ -53,7 +53,7 @@ class Monitor : public test::AgentSandbox {
     loadConfiguration("agentid=1\ndivisionid=2\ntag=t\ncustomer=c\n");
     ASSERT_EQ(initAgentInfo(), kAgentValueOk);
     setTraceLevel(2);
-    ASSERT_EQ(createComponentsCacheWithBuckets(101), kLatOk);
+    ASSERT_EQ(createComponentsCacheWithSlots(64), kLatOk);
     ASSERT_EQ(createUATCache(), kUatOk);
     ASSERT_EQ(slmAgentInitCommands(), kQueueOk);
     ASSERT_EQ(dequeueCommand(slmAgentUploadFilesCommand), kQueueOk);

@@ -107,7 +107,7 @@ TEST_F(CacheStore, StoreThatCannotFinishKeepsTheLastWholeFile) {
   const ServerInfo configured{.address = {.host = "alpha", .path = "", .port = 9},
                               .securityLevel = 0};
   ASSERT_EQ(createServersCache(&configured), kSrvsOk);
-  ASSERT_EQ(createComponentsCacheWithBuckets(kHashBuckets), kLatOk);
+  ASSERT_EQ(createComponentsCacheWithSlots(64), kLatOk);
   ASSERT_EQ(createUATCache(), kUatOk);
   ASSERT_EQ(initAgentInfo(), kAgentValueOk);
   addServers();

@@ -171,7 +171,7 @@ TEST_F(DamagedFile, CatalogAndUnknownFilesCutOrChangedLoadAndStore) {
       writeCacheFile(name, data);
       int32_t held = 0;
       if (isCatalog) {
-        ASSERT_EQ(createComponentsCacheWithBuckets(kHashBuckets), kLatOk);
+        ASSERT_EQ(createComponentsCacheWithSlots(64), kLatOk);
         for (int n = 0; n < 4; ++n) {  // every lookup stays within its record
           FileRecord key{}, found{};
           snprintf(key.name, sizeof key.name, "FILE%d", n);
@@ -195,7 +195,7 @@ TEST_F(DamagedFile, CatalogAndUnknownFilesCutOrChangedLoadAndStore) {
       std::string stored = readCacheFile(name);
       ASSERT_EQ(stored.compare(0, 8, valid->substr(0, 8)), 0) << i;
       if (isCatalog) {
-        ASSERT_EQ(createComponentsCacheWithBuckets(kHashBuckets), kLatOk);
+        ASSERT_EQ(createComponentsCacheWithSlots(64), kLatOk);
         EXPECT_LE(getCatalogFilesNumber(), 3);
         remove(cachePath(name).c_str());
         deleteComponentsCache();

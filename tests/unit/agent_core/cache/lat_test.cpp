@@ -73,9 +73,10 @@ class CatalogCache : public test::AgentSandbox {
     AgentSandbox::TearDown();
   }
   // A cache as at start-up, reading "catalog.dat"; a cache that exists is stored first.
-  void create(int32_t fileBuckets = kCatalogFileBuckets) {
+  void create(int (*make)(int32_t) = createComponentsCacheWithSlots,
+              int32_t size = kCatalogFileSlots) {
     if (created_) deleteComponentsCache();
-    ASSERT_EQ(createComponentsCacheWithBuckets(fileBuckets), kLatOk);
+    ASSERT_EQ(make(size), kLatOk);
     created_ = true;
   }
   // The catalog's record for name and size, "" when unknown; with its components' ids.
@@ -216,8 +217,9 @@ TEST_F(CatalogCache, LoadKeepsWhatTheFileRulesAllow) {
   }
 }
 
-TEST_F(CatalogCache, BucketCountChangesNoStoredByte) {
-  // Same-size files, files that collide in the small table, and a file replaced by a merge.
+TEST_F(CatalogCache, FilesIndexChangesNoStoredByte) {
+  // Same-size files, files that collide in the small table, and a file replaced by a merge; the
+  // open index starts small enough to grow several times on the way.
   auto merge = [] {
     List files(createList(sizeof(FileRecord)), deleteList);
     for (int i = 0; i < 500; ++i) {
@@ -230,13 +232,13 @@ TEST_F(CatalogCache, BucketCountChangesNoStoredByte) {
     EXPECT_EQ(storeCatalog(), kLatOk);
   };
   remove(cachePath(kCatalogFileName).c_str());
-  create(kHashBuckets);
+  create(createComponentsCacheWithBuckets, kHashBuckets);
   merge();
   const std::string small = readCacheFile(kCatalogFileName);
   deleteComponentsCache();
   created_ = false;
   remove(cachePath(kCatalogFileName).c_str());
-  create(kCatalogFileBuckets);
+  create(createComponentsCacheWithSlots, 16);
   merge();
   EXPECT_EQ(readCacheFile(kCatalogFileName), small);
   EXPECT_EQ(small.size(), kCatalogRecordsOffset + kComponentRecordSize + 500 * kFileRecordSize);

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <random>
 #include <vector>
 
 namespace slm {
@@ -85,6 +86,43 @@ TEST(HashTable, WalksInArenaOrderAndResetKeepsTheCount) {
   EXPECT_EQ(nullptr, find(table, 300));
   EXPECT_EQ(0, static_cast<Value*>(addHtElement(table, 300))->id);
   deleteHashTable(table);
+}
+
+// The open index against the bucket chains under the same adds, finds and deletes: a hundred keys
+// with some twenty values each, so that runs of taken slots merge and wrap around the end, and
+// deletes that move later entries back. Both keep their entries in one arena order.
+TEST(HashTable, OpenIndexFindsAndWalksWhatChainsDo) {
+  HashTable* chained = initHashTable(sizeof(Value), kHashBuckets, 1);
+  HashTable* open = initOpenHashTable(sizeof(Value), 1);
+  std::mt19937_64 random(11);
+  std::vector<std::pair<int64_t, Value>> present;
+  for (int64_t id = 0; id < 3000; ++id) {
+    if (!present.empty() && random() % 3 == 0) {
+      const size_t gone = random() % present.size();
+      const auto [key, value] = present[gone];
+      ASSERT_EQ(kHtDeleted, deleteHtElement(open, key, &value, nullptr));
+      ASSERT_EQ(kHtDeleted, deleteHtElement(chained, key, &value, nullptr));
+      EXPECT_EQ(nullptr, find(open, key, &value));
+      present.erase(present.begin() + static_cast<std::ptrdiff_t>(gone));
+      continue;
+    }
+    const int64_t key = static_cast<int64_t>(random() % 100) << 20;
+    const Value value{id, "v"};
+    add(open, key, value);
+    add(chained, key, value);
+    present.emplace_back(key, value);
+  }
+  for (const auto& [key, value] : present) {
+    const Value* found = find(open, key, &value);
+    ASSERT_NE(nullptr, found);
+    EXPECT_EQ(value.id, found->id);
+  }
+  EXPECT_EQ(static_cast<int32_t>(present.size()), getHtElementsNum(open));
+  EXPECT_EQ(walkIds(chained), walkIds(open));
+  resetHashTable(open);
+  EXPECT_EQ(nullptr, find(open, present[0].first));
+  deleteHashTable(open);
+  deleteHashTable(chained);
 }
 
 }  // namespace
