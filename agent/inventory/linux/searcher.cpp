@@ -13,8 +13,14 @@
 #include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <mutex>
+#include <new>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include "agent_core/data/inventory_record.h"
+#include "agent_core/data/slm_time.h"
 #include "agent_core/message/nls.h"
 #include "agent_core/support/bytes.h"
 #include "agent_core/support/trace.h"
@@ -115,15 +121,71 @@ constexpr size_t longestExcludedPrefix() {
   return longest;
 }
 
+constexpr bool everyExcludedPrefixBeginsWithTwoSlashes() {
+  for (const char* prefix : kExcludedPrefixes) {
+    if (prefix[0] != '/' || prefix[1] != '/') return false;
+  }
+  return true;
+}
+static_assert(everyExcludedPrefixBeginsWithTwoSlashes());
+
 // The same answer for a path whose directory part (up to `nameOffset`) was already found not
-// excluded: only a match that reaches into the name is left to look for.
+// excluded: only a match that reaches into the name is left to look for, and only where two
+// slashes meet, which in a walk is at the start alone.
 bool isExcludedEntry(const char* path, size_t nameOffset) {
   constexpr size_t kReach = longestExcludedPrefix() - 1;
-  const size_t from = nameOffset < kReach ? 0 : nameOffset - kReach;
-  return isExcludedPath(path + from);
+  const char* window = path + (nameOffset < kReach ? 0 : nameOffset - kReach);
+  for (const char* at = window; at[0] != '\0'; ++at) {
+    if (at[0] == '/' && at[1] == '/') return isExcludedPath(window);
+  }
+  return false;
 }
 
-// The walk's state beside the path buffer: the devices already checked.
+// ---- What earlier walks learnt.
+//
+// Reading the header of every candidate is most of a walk's disk work: on a machine that is
+// scanned once a day hardly any of them is still in memory. A file whose size, modification and
+// change times are those of the last walk holds what it held then (any write moves the change
+// time, which no program can set), so its answer is taken from there instead of read again.
+
+// A file, and its state when its answer was read: hashes of (device, inode) and of (size, times),
+// the answer in the state's lowest bit.
+struct KnownFile {
+  uint64_t file;
+  uint64_t state;
+};
+
+// At most this many answers are kept (4 MiB): more than the candidates of almost any machine.
+constexpr size_t kMaxKnownFiles = size_t{1} << 18;
+// A file changed within this many seconds of being read may change again within the resolution of
+// its file system's clock without its times moving: its answer is not kept.
+constexpr time_t kUnsettledSeconds = 2;
+
+std::mutex knownMutex;
+std::vector<KnownFile> knownFiles;  // sorted by file; guarded by knownMutex
+
+uint64_t mixBits(uint64_t value) {
+  value = (value ^ (value >> 30)) * 0xBF58476D1CE4E5B9u;
+  value = (value ^ (value >> 27)) * 0x94D049BB133111EBu;
+  return value ^ (value >> 31);
+}
+
+uint64_t fileOf(const struct stat& status) {
+  return mixBits(mixBits(static_cast<uint64_t>(status.st_dev)) ^
+                 static_cast<uint64_t>(status.st_ino));
+}
+
+uint64_t stateOf(const struct stat& status) {
+  uint64_t state = mixBits(static_cast<uint64_t>(status.st_size));
+  for (const struct timespec& time : {status.st_mtim, status.st_ctim}) {
+    state = mixBits(state ^ static_cast<uint64_t>(time.tv_sec));
+    state = mixBits(state ^ static_cast<uint64_t>(time.tv_nsec));
+  }
+  return state & ~uint64_t{1};
+}
+
+// The walk's state beside the path buffer: the devices already checked, the answers of the last
+// walk and those of this one.
 struct Walk {
   SlmList* list;
   char* path;
@@ -133,7 +195,49 @@ struct Walk {
   bool walked[kDeviceSlots];
   size_t deviceCount = 0;
   size_t lastDevice = 0;
+  std::vector<KnownFile> known;
+  std::vector<KnownFile> learnt;
+  time_t settledBefore = 0;
 };
+
+// The answer of the last walk for a file in this state: kIsExecutable, kNotExecutable, or -1.
+int knownAnswer(const Walk& walk, uint64_t file, uint64_t state) {
+  auto at = std::lower_bound(walk.known.begin(), walk.known.end(), file,
+                             [](const KnownFile& known, uint64_t key) { return known.file < key; });
+  if (at == walk.known.end() || at->file != file || (at->state & ~uint64_t{1}) != state) return -1;
+  return (at->state & 1) != 0 ? kIsExecutable : kNotExecutable;
+}
+
+// Keeps an answer for the next walk, unless the file has changed too recently to be trusted or
+// there is no room; a keeping that fails costs only the next walk a read.
+void learn(Walk& walk, const struct stat& status, uint64_t file, uint64_t state, int answer) {
+  if (walk.learnt.size() >= kMaxKnownFiles) return;
+  if (status.st_mtim.tv_sec >= walk.settledBefore || status.st_ctim.tv_sec >= walk.settledBefore) {
+    return;
+  }
+  try {
+    walk.learnt.push_back({file, state | (answer == kIsExecutable ? 1 : 0)});
+  } catch (const std::bad_alloc&) {
+    walk.learnt.clear();
+    walk.learnt.shrink_to_fit();
+  }
+}
+
+// Hands the last walk's answers to a walk about to begin.
+void takeKnownFiles(Walk& walk) {
+  std::lock_guard<std::mutex> lock(knownMutex);
+  walk.known = std::move(knownFiles);
+  knownFiles = {};
+  walk.settledBefore = static_cast<time_t>(getNowWithOffset(0)) - kUnsettledSeconds;
+}
+
+// Keeps what the walk learnt, sorted, for the next one: files it did not meet are forgotten.
+void keepKnownFiles(Walk& walk) {
+  std::sort(walk.learnt.begin(), walk.learnt.end(),
+            [](const KnownFile& a, const KnownFile& b) { return a.file < b.file; });
+  std::lock_guard<std::mutex> lock(knownMutex);
+  knownFiles = std::move(walk.learnt);
+}
 
 // Whether the device of an entry is on a walked file system. A device is asked about once (the
 // type of a file system cannot change below it); a failed statfs decides for the path alone.
@@ -180,22 +284,30 @@ int appendRecord(SlmList* list, const char* path, size_t nameOffset, off_t size)
   return append(list, &record) == kListOk ? kSearchOk : kSearchNoMemory;
 }
 
-// Reads the header of the open file and records it when a predicate knows it. Closes `fd`.
-int testOpenFile(SlmList* list, const char* path, size_t nameOffset, int fd, off_t size) {
+// Reads the header of the open file and asks the predicates: kIsExecutable, kNotExecutable, or -1
+// when the file is shorter than a header. Closes `fd`.
+int readAnswer(int fd) {
   uint8_t header[kExecPrefixBytes];
   ssize_t got;
   do {
     got = read(fd, header, sizeof header);
   } while (got < 0 && errno == EINTR);
-  bool executable = false;
+  int answer = -1;
   if (got >= static_cast<ssize_t>(kExecHeaderBytes)) {
-    for (size_t i = 0; i < fileExecPredicateCount && !executable; ++i) {
-      executable = fileExecPredicates[i](header, static_cast<size_t>(got), fd) == kIsExecutable;
+    answer = kNotExecutable;
+    for (size_t i = 0; i < fileExecPredicateCount && answer != kIsExecutable; ++i) {
+      answer = fileExecPredicates[i](header, static_cast<size_t>(got), fd) == kIsExecutable
+                   ? kIsExecutable
+                   : kNotExecutable;
     }
   }
   close(fd);
-  if (got < static_cast<ssize_t>(kExecHeaderBytes)) return kSearchUnreadable;
-  return executable ? appendRecord(list, path, nameOffset, size) : kSearchOk;
+  return answer;
+}
+
+int recordAnswer(SlmList* list, const char* path, size_t nameOffset, off_t size, int answer) {
+  if (answer < 0) return kSearchUnreadable;
+  return answer == kIsExecutable ? appendRecord(list, path, nameOffset, size) : kSearchOk;
 }
 
 // Opens an entry of the open directory without touching its access time, so that a scan never
@@ -211,10 +323,16 @@ bool hasExecuteBit(const struct stat& status) {
   return (status.st_mode & (S_IXUSR | S_IXGRP | S_IXOTH)) != 0;
 }
 
+// What walkEntry answers for a directory to be entered: the walk enters it after the entries of
+// its parent, so that the lookups of one directory's entries come together while the kernel still
+// holds that directory's entries close at hand; a walk in that order runs markedly faster.
+constexpr int kEnterLater = -1;
+
 int walkEntry(Walk& walk, int parentFd, size_t nameOffset, size_t length, unsigned char type);
 
-// Walks the open directory whose path fills the first `length` characters of the buffer. Closes
-// `fd`; the buffer holds the directory's path again on return.
+// Walks the open directory whose path fills the first `length` characters of the buffer: its
+// entries in the order read, then the directories among them. Closes `fd`; the buffer holds the
+// directory's path again on return.
 int walkDirectory(Walk& walk, int fd, size_t length) {
   DIR* directory = fdopendir(fd);
   if (directory == nullptr) {
@@ -226,6 +344,7 @@ int walkDirectory(Walk& walk, int fd, size_t length) {
   path[length + 1] = '\0';
   const size_t nameOffset = length + 1;
   int result = kSearchOk;
+  std::string later;  // the names of the directories to enter, each ended by a 0
   for (dirent* entry = readdir(directory); entry != nullptr; entry = readdir(directory)) {
     const char* name = entry->d_name;
     if (name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'))) continue;
@@ -233,8 +352,25 @@ int walkDirectory(Walk& walk, int fd, size_t length) {
     if (nameOffset + nameLength > kSearchPathMaxChars) continue;
     memcpy(path + nameOffset, name, nameLength + 1);
     result = walkEntry(walk, dirfd(directory), nameOffset, nameOffset + nameLength, entry->d_type);
+    if (result == kEnterLater) {
+      try {
+        later.append(name, nameLength + 1);
+      } catch (const std::bad_alloc&) {
+        result = kSearchNoMemory;
+      }
+    }
     if (result == kSearchNoMemory || result == kSearchStopped) break;
     result = kSearchOk;
+  }
+  for (size_t at = 0; result == kSearchOk && at < later.size();) {
+    const char* name = later.c_str() + at;
+    const size_t nameLength = strlen(name);
+    at += nameLength + 1;
+    memcpy(path + nameOffset, name, nameLength + 1);
+    int fd = openEntry(dirfd(directory), name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0) continue;  // unreadable: skipped like any other entry
+    result = walkDirectory(walk, fd, nameOffset + nameLength);
+    if (result != kSearchNoMemory && result != kSearchStopped) result = kSearchOk;
   }
   path[length] = '\0';
   closedir(directory);
@@ -263,17 +399,21 @@ int walkEntry(Walk& walk, int parentFd, size_t nameOffset, size_t length, unsign
     return kSearchOk;
   }
   if (S_ISDIR(status.st_mode)) {
-    if (length + 1 > kSearchPathMaxChars) return kSearchPathTooLong;
-    int fd = openEntry(parentFd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-    if (fd < 0) return kSearchUnreadable;
-    return walkDirectory(walk, fd, length);
+    return length + 1 > kSearchPathMaxChars ? kSearchPathTooLong : kEnterLater;
   }
   // A file shorter than a header cannot be an executable: it is not opened.
   if (S_ISREG(status.st_mode) && hasExecuteBit(status) &&
       status.st_size >= static_cast<off_t>(kExecHeaderBytes)) {
-    int fd = openEntry(parentFd, name, O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY);
-    if (fd < 0) return kSearchUnreadable;
-    return testOpenFile(walk.list, path, nameOffset, fd, status.st_size);
+    const uint64_t file = fileOf(status);
+    const uint64_t state = stateOf(status);
+    int answer = knownAnswer(walk, file, state);
+    if (answer < 0) {
+      int fd = openEntry(parentFd, name, O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY);
+      if (fd < 0) return kSearchUnreadable;
+      answer = readAnswer(fd);
+    }
+    if (answer >= 0) learn(walk, status, file, state, answer);
+    return recordAnswer(walk.list, path, nameOffset, status.st_size, answer);
   }
   return kSearchOk;
 }
@@ -320,7 +460,8 @@ int processFile(SlmList* list, char* path, const struct stat& fileStatus) {
     close(fd);
     return kSearchUnreadable;
   }
-  return testOpenFile(list, path, static_cast<size_t>(slash - path) + 1, fd, fileStatus.st_size);
+  return recordAnswer(list, path, static_cast<size_t>(slash - path) + 1, fileStatus.st_size,
+                      readAnswer(fd));
 }
 
 int analyzePath(SlmList* list, char* path, FileSystemCheck check) {
@@ -332,7 +473,10 @@ int analyzePath(SlmList* list, char* path, FileSystemCheck check) {
   rootedPath(path, rooted, sizeof rooted);
   struct stat status;
   if (lstat(rooted, &status) != 0) return kSearchUnreadable;
-  Walk walk{list, path, check, {}, {}};
+  Walk walk{};
+  walk.list = list;
+  walk.path = path;
+  walk.check = check;
   // The start was checked by its path: its device is known to be walked.
   walk.devices[0] = status.st_dev;
   walk.walked[0] = true;
@@ -342,7 +486,10 @@ int analyzePath(SlmList* list, char* path, FileSystemCheck check) {
     if (length + 1 > kSearchPathMaxChars) return kSearchPathTooLong;
     int fd = open(rooted, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
     if (fd < 0) return kSearchUnreadable;
-    return walkDirectory(walk, fd, length);
+    takeKnownFiles(walk);
+    const int result = walkDirectory(walk, fd, length);
+    keepKnownFiles(walk);
+    return result;
   }
   if (S_ISREG(status.st_mode) && hasExecuteBit(status)) return processFile(list, path, status);
   return kSearchOk;
@@ -351,6 +498,11 @@ int analyzePath(SlmList* list, char* path, FileSystemCheck check) {
 int createInventoryList(SlmList* list) {
   char path[kSearchPathSize] = "/";
   return analyzePath(list, path);
+}
+
+void forgetKnownFiles() {
+  std::lock_guard<std::mutex> lock(knownMutex);
+  knownFiles = {};
 }
 
 void stopInventoryListCreation() {

@@ -103,6 +103,12 @@ enum class FileSystemCheck { kOncePerDevice, kEveryPath };
 // kSearchUnreadable (cannot be opened, shorter than the header, or no "/" in the path).
 [[nodiscard]] int processFile(SlmList* list, char* path, const struct stat& fileStatus);
 
+// A walk from a directory keeps, for the next one, whether each candidate file it read was an
+// executable, and the next walk reads again only the files whose size or times have moved since
+// (or that had changed just before they were read). This forgets all of it: the next walk reads
+// every candidate.
+void forgetKnownFiles();
+
 // Sets the stop flag. A walk that has begun still runs to its end: the inventory is stopped
 // between the scan and the sending instead.
 void stopInventoryListCreation();

@@ -8,12 +8,14 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <ctime>
 #include <set>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "agent_core/data/inventory_record.h"
+#include "agent_core/data/slm_time.h"
 #include "agent_core/support/unix_common.h"
 #include "support/agent_sandbox.h"
 
@@ -222,6 +224,33 @@ TEST_F(ScanRoot, OneFileSystemCheckPerDeviceGivesTheRecordsOfOnePerPath) {
   for (size_t i = 0; i < once.size(); ++i) {
     EXPECT_EQ(memcmp(&once[i], &every[i], sizeof once[i]), 0) << once[i].name;
   }
+}
+
+// Answers kept from the last walk stand only for files that have not moved since: a rewrite of the
+// same size, a file replaced under its name, and a file that lost its exec bits all count anew.
+// The clock runs a minute ahead so that every file made here counts as settled.
+TEST_F(ScanRoot, AnswersOfTheLastWalkStandOnlyForUnchangedFiles) {
+  setSlmClock([] { return static_cast<int64_t>(time(nullptr)) + 60; });
+  forgetKnownFiles();
+  const std::string script(elf(2, 2, 62).size(), '#');
+  write("bin/rewritten", elf(2, 2, 62));
+  write("bin/replaced", script);
+  write("bin/unmarked", elf(2, 2, 62));
+  write("bin/kept", elf(2, 3, 62, true));
+  EXPECT_EQ(scannedNames(), (std::set<std::string>{"rewritten", "unmarked", "kept"}));
+  {
+    // In place: the same inode and size, new content.
+    const int fd = open(root_.file("bin/rewritten").c_str(), O_WRONLY);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(pwrite(fd, script.data(), script.size(), 0), static_cast<ssize_t>(script.size()));
+    close(fd);
+  }
+  write("bin/replaced.new", elf(2, 2, 62));
+  ASSERT_EQ(rename(root_.file("bin/replaced.new").c_str(), root_.file("bin/replaced").c_str()), 0);
+  ASSERT_EQ(chmod(root_.file("bin/unmarked").c_str(), 0644), 0);
+  EXPECT_EQ(scannedNames(), (std::set<std::string>{"replaced", "kept"}));
+  setSlmClock(nullptr);
+  forgetKnownFiles();
 }
 
 TEST(Searcher, ValidPathsLieOnWalkedFileSystemsOutsideProcAndXfn) {
