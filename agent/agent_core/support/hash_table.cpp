@@ -44,12 +44,8 @@ HtEntry** bucketOf(HashTable* table, int64_t key) {
   return &table->buckets[index];
 }
 
-// Keys are file sizes and the like, far from evenly spread: their bits are mixed before use.
 uint64_t hashOf(int64_t key) {
-  uint64_t hash = static_cast<uint64_t>(key);
-  hash = (hash ^ (hash >> 30)) * 0xBF58476D1CE4E5B9u;
-  hash = (hash ^ (hash >> 27)) * 0x94D049BB133111EBu;
-  return hash ^ (hash >> 31);
+  return mixBits(static_cast<uint64_t>(key));
 }
 
 // The first slot to look at: the hash's high 32 bits scaled to the slot count (never above 2^32).

@@ -12,6 +12,14 @@
 
 namespace slm {
 
+// Spreads the bits of a 64-bit value over all 64, so that values far from evenly spread (file
+// sizes, inode numbers) index a table evenly.
+inline uint64_t mixBits(uint64_t value) {
+  value = (value ^ (value >> 30)) * 0xBF58476D1CE4E5B9u;
+  value = (value ^ (value >> 27)) * 0x94D049BB133111EBu;
+  return value ^ (value >> 31);
+}
+
 // Every table of the agent has this many buckets.
 constexpr int32_t kHashBuckets = 101;
 

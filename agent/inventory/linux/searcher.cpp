@@ -23,6 +23,7 @@
 #include "agent_core/data/slm_time.h"
 #include "agent_core/message/nls.h"
 #include "agent_core/support/bytes.h"
+#include "agent_core/support/hash_table.h"
 #include "agent_core/support/trace.h"
 #include "agent_core/support/unix_common.h"
 
@@ -163,12 +164,6 @@ constexpr time_t kUnsettledSeconds = 2;
 
 std::mutex knownMutex;
 std::vector<KnownFile> knownFiles;  // sorted by file; guarded by knownMutex
-
-uint64_t mixBits(uint64_t value) {
-  value = (value ^ (value >> 30)) * 0xBF58476D1CE4E5B9u;
-  value = (value ^ (value >> 27)) * 0x94D049BB133111EBu;
-  return value ^ (value >> 31);
-}
 
 uint64_t fileOf(const struct stat& status) {
   return mixBits(mixBits(static_cast<uint64_t>(status.st_dev)) ^
