@@ -253,6 +253,27 @@ TEST_F(ScanRoot, AnswersOfTheLastWalkStandOnlyForUnchangedFiles) {
   forgetKnownFiles();
 }
 
+// A scan leaves access times as they were, so it never has the file system write inodes back. The
+// times are set a day before the last change, which a relatime mount would otherwise update on the
+// first read.
+TEST_F(ScanRoot, LeavesAccessTimesAlone) {
+  forgetKnownFiles();
+  write("bin/tool", elf(2, 2, 62));
+  struct stat before;
+  for (const char* relative : {"bin", "bin/tool"}) {
+    const std::string path = root_.file(relative);
+    ASSERT_EQ(stat(path.c_str(), &before), 0);
+    const struct timespec times[2] = {{before.st_mtim.tv_sec - 86400, 0}, {0, UTIME_OMIT}};
+    ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
+  }
+  EXPECT_EQ(scannedNames(), (std::set<std::string>{"tool"}));
+  for (const char* relative : {"bin", "bin/tool"}) {
+    struct stat after;
+    ASSERT_EQ(stat(root_.file(relative).c_str(), &after), 0);
+    EXPECT_EQ(after.st_atim.tv_sec, after.st_mtim.tv_sec - 86400) << relative;
+  }
+}
+
 TEST(Searcher, ValidPathsLieOnWalkedFileSystemsOutsideProcAndXfn) {
   struct Case {
     const char* path;
