@@ -9,6 +9,7 @@
 #include <sstream>
 
 #include "agent_core/cache/agent.h"
+#include "agent_core/cache/lat.h"
 #include "agent_core/cache/srvs.h"
 #include "agent_core/slm_conf.h"
 #include "agent_core/support/trace.h"
@@ -105,6 +106,17 @@ bool preferredServerReady() {
     return createServersCache(&preferred) == kSrvsOk;
   }();
   return ready;
+}
+
+void checkFilesFound(SlmList* files) {
+  for (void* item = getNext(files, nullptr); item != nullptr; item = getNext(files, item)) {
+    FileRecord found{};
+    ComponentRecord components[kMaxFileComponents];
+    int32_t count = -1;
+    FUZZ_CHECK(findFileEntry(static_cast<const FileRecord*>(item), &found, components, &count) ==
+               kLatOk);
+    FUZZ_CHECK(count >= 0 && count <= kMaxFileComponents);
+  }
 }
 
 }  // namespace slm::fuzz

@@ -7,6 +7,8 @@
 #include <cstdint>
 #include <string>
 
+#include "agent_core/support/slm_list.h"
+
 namespace slm::fuzz {
 
 // Makes the root (with the agent's cache, log, temporary and /etc directories) on first use,
@@ -27,6 +29,10 @@ void initAgentValues();
 // Creates, once per process, a server cache whose preferred server is "fuzz.example":8080, the
 // server that catalog and unknown-file caches name in their files. False when that failed.
 bool preferredServerReady();
+
+// Checks that every FileRecord of `files` is found in the catalog, with at most its sixteen
+// components.
+void checkFilesFound(SlmList* files);
 
 // Writes what was violated and where, then aborts: libFuzzer keeps the input as a crash.
 [[noreturn]] void checkFailed(const char* condition, const char* file, int line);

@@ -30,18 +30,6 @@ void checkRecords(SlmList* components, SlmList* files) {
   }
 }
 
-// Every merged file is found again, with at most its sixteen components.
-void checkMerged(SlmList* files) {
-  for (void* item = getNext(files, nullptr); item != nullptr; item = getNext(files, item)) {
-    FileRecord found{};
-    ComponentRecord components[kMaxFileComponents];
-    int32_t count = -1;
-    FUZZ_CHECK(findFileEntry(static_cast<const FileRecord*>(item), &found, components, &count) ==
-               kLatOk);
-    FUZZ_CHECK(count >= 0 && count <= kMaxFileComponents);
-  }
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
@@ -59,7 +47,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (result == kServiceOk) {
     FUZZ_CHECK(updateTime != 0);
     FUZZ_CHECK(updateCatalog(components, files) == kLatOk);
-    checkMerged(files);
+    fuzz::checkFilesFound(files);
     FUZZ_CHECK(resetComponentsCache() == kLatOk);
   }
   deleteList(components);
