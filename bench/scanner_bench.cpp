@@ -1,8 +1,9 @@
 // Scanner benchmarks: the inventory walk over a generated tree of directories, plain files,
 // executables (and look-alikes) and symbolic links, next to `find ROOT -type f -perm /111` on the
-// same tree in the same run, both on a warm cache and timed by the wall clock; the scanner both as
-// on a first scan and with what the scan before learnt. The tree has 100,000 entries with
-// SLM_BENCH_FULL=1; without it a tree of 2,000 keeps the benchmarks running.
+// same tree in the same run, both on a warm cache and timed by the wall clock; the scanner as on
+// the agent's first scan, with what the scan before learnt, and with what it stored before a
+// restart. The tree has 100,000 entries with SLM_BENCH_FULL=1; without it a tree of 2,000 keeps
+// the benchmarks running.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <spawn.h>
@@ -68,6 +69,7 @@ struct Tree {
 
   explicit Tree(int count) {
     std::mt19937 random(42);
+    dir.makeDirs("var/qsam/cache");  // where the walks store what they learn
     const std::string exec = elfFile(2, false), pie = elfFile(3, true), lib = elfFile(3, false);
     std::string current = dir.path() + "/d0";
     std::vector<std::string> directories{current};
@@ -139,15 +141,20 @@ int64_t scanOnce(FileSystemCheck check) {
   return found;
 }
 
-// A walk with what the walk before learnt (the agent's case from its second scan on), or, `first`,
-// a walk that reads every candidate, as the agent's first scan does.
-void BM_Scanner(benchmark::State& state, FileSystemCheck check, bool first) {
+// Which answers a timed walk starts with.
+enum class Start {
+  kFirst,         // none: it reads every candidate, as the agent's very first scan does
+  kRepeat,        // those of the walk before, in memory (every later scan of one run)
+  kAfterRestart,  // those the walk before stored (the first scan after a restart)
+};
+
+void BM_Scanner(benchmark::State& state, FileSystemCheck check, Start start) {
   setAgentRoot(tree().dir.path().c_str());
   int64_t found = scanOnce(check);  // warms the cache
   for (auto _ : state) {
-    if (first) {
+    if (start != Start::kRepeat) {
       state.PauseTiming();
-      forgetKnownFiles();
+      forgetKnownFiles(start == Start::kFirst ? Forget::kMemoryAndFile : Forget::kMemory);
       state.ResumeTiming();
     }
     found = scanOnce(check);
@@ -191,15 +198,15 @@ const bool registered = [] {
     entry->UseRealTime()->Unit(benchmark::kMillisecond);
     if (fullRun()) entry->Repetitions(5)->DisplayAggregatesOnly(true);
   };
-  timed(benchmark::RegisterBenchmark(
-      ("scanner/once_per_device/first_walk" + entries).c_str(),
-      [](benchmark::State& state) { BM_Scanner(state, FileSystemCheck::kOncePerDevice, true); }));
-  timed(benchmark::RegisterBenchmark(
-      ("scanner/once_per_device" + entries).c_str(),
-      [](benchmark::State& state) { BM_Scanner(state, FileSystemCheck::kOncePerDevice, false); }));
-  timed(benchmark::RegisterBenchmark(
-      ("scanner/every_path/first_walk" + entries).c_str(),
-      [](benchmark::State& state) { BM_Scanner(state, FileSystemCheck::kEveryPath, true); }));
+  auto scanner = [&](const std::string& name, FileSystemCheck check, Start start) {
+    timed(benchmark::RegisterBenchmark(
+        ("scanner/" + name + entries).c_str(),
+        [check, start](benchmark::State& state) { BM_Scanner(state, check, start); }));
+  };
+  scanner("once_per_device/first_walk", FileSystemCheck::kOncePerDevice, Start::kFirst);
+  scanner("once_per_device/after_restart", FileSystemCheck::kOncePerDevice, Start::kAfterRestart);
+  scanner("once_per_device", FileSystemCheck::kOncePerDevice, Start::kRepeat);
+  scanner("every_path/first_walk", FileSystemCheck::kEveryPath, Start::kFirst);
   timed(benchmark::RegisterBenchmark(("find_perm_111" + entries).c_str(), BM_Find));
   return true;
 }();

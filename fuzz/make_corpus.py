@@ -75,6 +75,21 @@ def scanned(name, size):
             text(" ", 80) + text(" ", 83))
 
 
+def mix_bits(value):
+    mask = (1 << 64) - 1
+    value = ((value ^ (value >> 30)) * 0xBF58476D1CE4E5B9) & mask
+    value = ((value ^ (value >> 27)) * 0x94D049BB133111EB) & mask
+    return value ^ (value >> 31)
+
+
+def known_files(entries):
+    check = mix_bits(len(entries))
+    for file, state in entries:
+        check = mix_bits(mix_bits(check ^ file) ^ state)
+    return (struct.pack("<IIII", 1, 1, len(entries), check & 0xFFFFFFFF) +
+            b"".join(struct.pack("<QQ", file, state) for file, state in entries))
+
+
 def event(kind, path="", pid=4242, dummy=0, fork=0):
     body = text(path, 256) if kind == 0 else struct.pack("<qq", pid, dummy) + b"\0" * 240
     return (struct.pack("<I8sI", 1700000000, b"EVENT-ID", kind) + body +
@@ -203,6 +218,14 @@ SEEDS = {
         "two": struct.pack("<I", 1795439060) + scanned("sh", 125560) + scanned("ls", 138208),
         "damaged-and-cut": (struct.pack("<I", 1795439060) + file_key("x", 1, 5) + b"\0" * 684 +
                             scanned("ok", 10) + scanned("cut", 3)[:500]),
+    },
+    "scan_known": {
+        # Two entries for one file (two names of one inode) and one more, the check made as the
+        # agent makes it.
+        "three": known_files([(0x0102030405060708, 0x1112131415161719),
+                              (0x0102030405060708, 0x2122232425262728),
+                              (0xF0E0D0C0B0A09080, 0x3132333435363738)]),
+        "cut": known_files([(5, 7), (9, 10)])[:40],
     },
     "device_events": {
         "starts": (event(0, "/usr/bin/known") + event(0, "/opt/app/tool") +

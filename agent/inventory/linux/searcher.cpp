@@ -19,10 +19,12 @@
 #include <utility>
 #include <vector>
 
+#include "agent_core/cache/cache_file.h"
 #include "agent_core/data/inventory_record.h"
 #include "agent_core/data/slm_time.h"
 #include "agent_core/message/nls.h"
 #include "agent_core/support/bytes.h"
+#include "agent_core/support/file_handle.h"
 #include "agent_core/support/hash_table.h"
 #include "agent_core/support/trace.h"
 #include "agent_core/support/unix_common.h"
@@ -149,21 +151,14 @@ bool isExcludedEntry(const char* path, size_t nameOffset) {
 // change times are those of the last walk holds what it held then (any write moves the change
 // time, which no program can set), so its answer is taken from there instead of read again.
 
-// A file, and its state when its answer was read: hashes of (device, inode) and of (size, times),
-// the answer in the state's lowest bit.
-struct KnownFile {
-  uint64_t file;
-  uint64_t state;
-};
-
-// At most this many answers are kept (4 MiB): more than the candidates of almost any machine.
-constexpr size_t kMaxKnownFiles = size_t{1} << 18;
 // A file changed within this many seconds of being read may change again within the resolution of
 // its file system's clock without its times moving: its answer is not kept.
 constexpr time_t kUnsettledSeconds = 2;
 
 std::mutex knownMutex;
 std::vector<KnownFile> knownFiles;  // sorted by file; guarded by knownMutex
+bool knownFilesRead = false;        // whether "scanknown.dat" was read; guarded by knownMutex
+bool knownFilesStored = false;      // whether it holds knownFiles; guarded by knownMutex
 
 uint64_t fileOf(const struct stat& status) {
   return mixBits(mixBits(static_cast<uint64_t>(status.st_dev)) ^
@@ -191,9 +186,14 @@ struct Walk {
   size_t deviceCount = 0;
   size_t lastDevice = 0;
   std::vector<KnownFile> known;
+  bool knownStored = false;  // whether "scanknown.dat" holds `known`
   std::vector<KnownFile> learnt;
   time_t settledBefore = 0;
 };
+
+bool byFile(const KnownFile& a, const KnownFile& b) {
+  return a.file < b.file;
+}
 
 // The answer of the last walk for a file in this state: kIsExecutable, kNotExecutable, or -1.
 int knownAnswer(const Walk& walk, uint64_t file, uint64_t state) {
@@ -218,20 +218,83 @@ void learn(Walk& walk, const struct stat& status, uint64_t file, uint64_t state,
   }
 }
 
-// Hands the last walk's answers to a walk about to begin.
+char* knownFilesPath(char* out) {
+  return cacheFilePath(kKnownFilesFileName, out);
+}
+
+// What the last walk of an earlier run stored; nothing when there is no file or it must not be
+// used, which is then deleted (the next walk writes it anew).
+std::vector<KnownFile> readKnownFiles() {
+  char path[kCachePathSize];
+  knownFilesPath(path);
+  FileHandle file(fopen(path, "rb"));
+  if (!file) return {};
+  struct stat status;
+  std::vector<KnownFile> files;
+  if (fstat(fileno(file.get()), &status) == 0 &&
+      status.st_size <=
+          static_cast<off_t>(kKnownFilesHeaderSize + kMaxKnownFiles * kKnownFileSize)) {
+    try {
+      std::vector<uint8_t> raw(static_cast<size_t>(status.st_size));
+      const size_t size = fread(raw.data(), 1, raw.size(), file.get());
+      if (decodeKnownFiles(raw.data(), size, &files)) return files;
+    } catch (const std::bad_alloc&) {
+      return {};
+    }
+  }
+  file.reset();
+  SLM_TRACE(1, "WARNING - Scan answers file %s not used and removed", path);
+  remove(path);
+  return {};
+}
+
+// Stores what a walk learnt, whole or not at all; a store that fails costs the first walk after a
+// restart its reads.
+bool storeKnownFiles(const std::vector<KnownFile>& files) {
+  char path[kCachePathSize];
+  knownFilesPath(path);
+  FILE* file = createCacheFile(path);
+  bool stored = false;
+  if (file != nullptr) {
+    try {
+      const std::vector<uint8_t> raw = encodeKnownFiles(files);
+      if (fwrite(raw.data(), 1, raw.size(), file) == raw.size()) {
+        stored = commitCacheFile(file, path);
+        file = nullptr;
+      }
+    } catch (const std::bad_alloc&) {
+    }
+    if (file != nullptr) discardCacheFile(file, path);
+  }
+  if (!stored) SLM_TRACE(1, "WARNING - Scan answers not stored in file %s", path);
+  return stored;
+}
+
+// Hands the last walk's answers to a walk about to begin: those of this run, or at its first walk
+// those an earlier run stored.
 void takeKnownFiles(Walk& walk) {
   std::lock_guard<std::mutex> lock(knownMutex);
+  if (!knownFilesRead) {
+    knownFilesRead = true;
+    knownFiles = readKnownFiles();
+    knownFilesStored = true;  // or, where it was missing or bad, there is none now
+  }
   walk.known = std::move(knownFiles);
+  walk.knownStored = knownFilesStored;
   knownFiles = {};
   walk.settledBefore = static_cast<time_t>(getNowWithOffset(0)) - kUnsettledSeconds;
 }
 
-// Keeps what the walk learnt, sorted, for the next one: files it did not meet are forgotten.
+// Keeps what the walk learnt, sorted, for the next one, and stores it unless the file holds just
+// that already (a machine where nothing changed is not written to): files it did not meet are
+// forgotten.
 void keepKnownFiles(Walk& walk) {
-  std::sort(walk.learnt.begin(), walk.learnt.end(),
-            [](const KnownFile& a, const KnownFile& b) { return a.file < b.file; });
+  std::sort(walk.learnt.begin(), walk.learnt.end(), byFile);
+  const bool stored =
+      (walk.knownStored && walk.learnt == walk.known) || storeKnownFiles(walk.learnt);
   std::lock_guard<std::mutex> lock(knownMutex);
   knownFiles = std::move(walk.learnt);
+  knownFilesStored = stored;
 }
 
 // Whether the device of an entry is on a walked file system. A device is asked about once (the
@@ -495,9 +558,60 @@ int createInventoryList(SlmList* list) {
   return analyzePath(list, path);
 }
 
-void forgetKnownFiles() {
+uint64_t knownFilesCheck(const std::vector<KnownFile>& files) {
+  uint64_t check = mixBits(files.size());
+  for (const KnownFile& known : files) check = mixBits(mixBits(check ^ known.file) ^ known.state);
+  return check;
+}
+
+std::vector<uint8_t> encodeKnownFiles(const std::vector<KnownFile>& files) {
+  std::vector<uint8_t> raw(kKnownFilesHeaderSize + files.size() * kKnownFileSize);
+  encodeCacheVersion({kKnownFilesMajor, kKnownFilesMinor}, raw.data());
+  putFixed32(raw.data() + kKnownFilesCountOffset, static_cast<uint32_t>(files.size()));
+  putFixed32(raw.data() + kKnownFilesCheckOffset, static_cast<uint32_t>(knownFilesCheck(files)));
+  uint8_t* at = raw.data() + kKnownFilesHeaderSize;
+  for (const KnownFile& known : files) {
+    putFixed64(at, known.file);
+    putFixed64(at + 8, known.state);
+    at += kKnownFileSize;
+  }
+  return raw;
+}
+
+bool decodeKnownFiles(const uint8_t* raw, size_t size, std::vector<KnownFile>* files) {
+  files->clear();
+  if (size < kKnownFilesHeaderSize ||
+      !(decodeCacheVersion(raw) == CacheVersion{kKnownFilesMajor, kKnownFilesMinor})) {
+    return false;
+  }
+  const size_t count = getFixed32(raw + kKnownFilesCountOffset);
+  if (count > kMaxKnownFiles || size != kKnownFilesHeaderSize + count * kKnownFileSize) {
+    return false;
+  }
+  files->resize(count);
+  const uint8_t* at = raw + kKnownFilesHeaderSize;
+  for (KnownFile& known : *files) {
+    known = {getFixed64(at), getFixed64(at + 8)};
+    at += kKnownFileSize;
+  }
+  if (std::is_sorted(files->begin(), files->end(), byFile) &&
+      static_cast<uint32_t>(knownFilesCheck(*files)) == getFixed32(raw + kKnownFilesCheckOffset)) {
+    return true;
+  }
+  files->clear();
+  return false;
+}
+
+void forgetKnownFiles(Forget what) {
   std::lock_guard<std::mutex> lock(knownMutex);
   knownFiles = {};
+  knownFilesRead = what == Forget::kMemoryAndFile;
+  // Forgotten both ways, nothing is known and no file holds anything: the two agree.
+  knownFilesStored = knownFilesRead;
+  if (what == Forget::kMemoryAndFile) {
+    char path[kCachePathSize];
+    remove(knownFilesPath(path));
+  }
 }
 
 void stopInventoryListCreation() {

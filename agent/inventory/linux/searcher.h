@@ -8,6 +8,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <vector>
 
 #include "agent_core/support/slm_list.h"
 
@@ -103,11 +104,47 @@ enum class FileSystemCheck { kOncePerDevice, kEveryPath };
 // kSearchUnreadable (cannot be opened, shorter than the header, or no "/" in the path).
 [[nodiscard]] int processFile(SlmList* list, char* path, const struct stat& fileStatus);
 
+// ---- What walks learn.
+//
 // A walk from a directory keeps, for the next one, whether each candidate file it read was an
 // executable, and the next walk reads again only the files whose size or times have moved since
-// (or that had changed just before they were read). This forgets all of it: the next walk reads
-// every candidate.
-void forgetKnownFiles();
+// (or that had changed just before they were read). What it kept is also stored in
+// "scanknown.dat" in the cache directory, so that the first walk after a restart reads no more.
+
+// A file, and its state when its answer was read: hashes of (device, inode) and of (size, times),
+// the answer in the state's lowest bit.
+struct KnownFile {
+  uint64_t file;
+  uint64_t state;
+  bool operator==(const KnownFile&) const = default;
+};
+
+// "scanknown.dat", little-endian: the version pair, the count of entries, a check of the entries
+// (the low 32 bits of knownFilesCheck), then the entries in ascending order of file, 16 bytes
+// each: the file, then the state.
+constexpr char kKnownFilesFileName[] = "scanknown.dat";
+constexpr uint32_t kKnownFilesMajor = 1;
+constexpr uint32_t kKnownFilesMinor = 1;
+constexpr size_t kKnownFilesCountOffset = 8;
+constexpr size_t kKnownFilesCheckOffset = 12;
+constexpr size_t kKnownFilesHeaderSize = 16;
+constexpr size_t kKnownFileSize = 16;
+// At most this many answers are kept (4 MiB): more than the candidates of almost any machine.
+constexpr size_t kMaxKnownFiles = size_t{1} << 18;
+
+uint64_t knownFilesCheck(const std::vector<KnownFile>& files);
+// The bytes of the file for `files` (in ascending order of file, at most kMaxKnownFiles).
+std::vector<uint8_t> encodeKnownFiles(const std::vector<KnownFile>& files);
+// The entries of a file of `size` bytes. False, with `files` empty, for any file this agent did
+// not write whole: another version, a size or count that do not agree, entries out of order, a
+// check that fails.
+[[nodiscard]] bool decodeKnownFiles(const uint8_t* raw, size_t size, std::vector<KnownFile>* files);
+
+enum class Forget {
+  kMemory,         // as at a restart: the next walk takes what "scanknown.dat" holds
+  kMemoryAndFile,  // the next walk reads every candidate
+};
+void forgetKnownFiles(Forget what);
 
 // Sets the stop flag. A walk that has begun still runs to its end: the inventory is stopped
 // between the scan and the sending instead.

@@ -231,7 +231,7 @@ TEST_F(ScanRoot, OneFileSystemCheckPerDeviceGivesTheRecordsOfOnePerPath) {
 // The clock runs a minute ahead so that every file made here counts as settled.
 TEST_F(ScanRoot, AnswersOfTheLastWalkStandOnlyForUnchangedFiles) {
   setSlmClock([] { return static_cast<int64_t>(time(nullptr)) + 60; });
-  forgetKnownFiles();
+  forgetKnownFiles(Forget::kMemoryAndFile);
   const std::string script(elf(2, 2, 62).size(), '#');
   write("bin/rewritten", elf(2, 2, 62));
   write("bin/replaced", script);
@@ -250,14 +250,57 @@ TEST_F(ScanRoot, AnswersOfTheLastWalkStandOnlyForUnchangedFiles) {
   ASSERT_EQ(chmod(root_.file("bin/unmarked").c_str(), 0644), 0);
   EXPECT_EQ(scannedNames(), (std::set<std::string>{"replaced", "kept"}));
   setSlmClock(nullptr);
-  forgetKnownFiles();
+  forgetKnownFiles(Forget::kMemoryAndFile);
+}
+
+// Answers stored by the last walk of an earlier run stand in for reads at the first walk of the
+// next: stored answers turned round by hand are what that walk records. A stored file that cannot
+// be used is set aside, and that walk reads every candidate and stores the file anew.
+TEST_F(ScanRoot, AnswersOutliveARestartInTheirFile) {
+  setSlmClock([] { return static_cast<int64_t>(time(nullptr)) + 60; });
+  forgetKnownFiles(Forget::kMemoryAndFile);
+  root_.makeDirs("var/qsam/cache");
+  const std::string stored = root_.file("var/qsam/cache/scanknown.dat");
+  write("bin/program", elf(2, 2, 62));
+  write("bin/script", std::string(elf(2, 2, 62).size(), '#'));
+  auto storedFiles = [&] {
+    const std::string raw = test::readFile(stored);
+    std::vector<KnownFile> files;
+    EXPECT_TRUE(decodeKnownFiles(reinterpret_cast<const uint8_t*>(raw.data()), raw.size(), &files));
+    return files;
+  };
+  ASSERT_EQ(scannedNames(), std::set<std::string>{"program"});
+  std::vector<KnownFile> files = storedFiles();
+  ASSERT_EQ(files.size(), 2u);
+  for (KnownFile& known : files) known.state ^= 1;
+  const std::vector<uint8_t> turned = encodeKnownFiles(files);
+  root_.writeFile("var/qsam/cache/scanknown.dat", std::string(turned.begin(), turned.end()));
+  struct stat before, after;
+  ASSERT_EQ(stat(stored.c_str(), &before), 0);
+  forgetKnownFiles(Forget::kMemory);
+  EXPECT_EQ(scannedNames(), std::set<std::string>{"script"});
+  // Nothing changed: the file is left as it was, not written again.
+  ASSERT_EQ(stat(stored.c_str(), &after), 0);
+  EXPECT_EQ(after.st_ino, before.st_ino);
+
+  root_.writeFile("var/qsam/cache/scanknown.dat", std::string(turned.begin(), turned.end() - 1));
+  forgetKnownFiles(Forget::kMemory);
+  EXPECT_EQ(scannedNames(), std::set<std::string>{"program"});
+  files = storedFiles();
+  ASSERT_EQ(files.size(), 2u);
+  EXPECT_EQ(files[0].state & 1, 1 - (files[1].state & 1));
+  for (KnownFile& known : files) known.state ^= 1;
+  EXPECT_EQ(encodeKnownFiles(files), turned);
+  setSlmClock(nullptr);
+  forgetKnownFiles(Forget::kMemoryAndFile);
+  EXPECT_FALSE(test::fileExists(stored));
 }
 
 // A scan leaves access times as they were, so it never has the file system write inodes back. The
 // times are set a day before the last change, which a relatime mount would otherwise update on the
 // first read.
 TEST_F(ScanRoot, LeavesAccessTimesAlone) {
-  forgetKnownFiles();
+  forgetKnownFiles(Forget::kMemoryAndFile);
   write("bin/tool", elf(2, 2, 62));
   struct stat before;
   for (const char* relative : {"bin", "bin/tool"}) {
@@ -272,6 +315,39 @@ TEST_F(ScanRoot, LeavesAccessTimesAlone) {
     ASSERT_EQ(stat(root_.file(relative).c_str(), &after), 0);
     EXPECT_EQ(after.st_atim.tv_sec, after.st_mtim.tv_sec - 86400) << relative;
   }
+}
+
+TEST(Searcher, KnownFilesFileLayout) {
+  const std::vector<KnownFile> files = {{0x0102030405060708, 0x1112131415161719},
+                                        {0x0102030405060708, 0x2122232425262728},
+                                        {0xF0E0D0C0B0A09080, 0x3132333435363738}};
+  const std::string expected =
+      test::bytes({1, 0, 0, 0, 1, 0, 0, 0, 3, 0, 0, 0, 0x33, 0xB6, 0x6E, 0x98}) +
+      test::bytes({8, 7, 6, 5, 4, 3, 2, 1, 0x19, 0x17, 0x16, 0x15, 0x14, 0x13, 0x12, 0x11}) +
+      test::bytes({8, 7, 6, 5, 4, 3, 2, 1, 0x28, 0x27, 0x26, 0x25, 0x24, 0x23, 0x22, 0x21}) +
+      test::bytes({0x80, 0x90, 0xA0, 0xB0, 0xC0, 0xD0, 0xE0, 0xF0}) +
+      test::bytes({0x38, 0x37, 0x36, 0x35, 0x34, 0x33, 0x32, 0x31});
+  const std::vector<uint8_t> raw = encodeKnownFiles(files);
+  ASSERT_EQ(std::string(raw.begin(), raw.end()), expected);
+  std::vector<KnownFile> decoded;
+  ASSERT_TRUE(decodeKnownFiles(raw.data(), raw.size(), &decoded));
+  EXPECT_EQ(decoded, files);
+  EXPECT_TRUE(decodeKnownFiles(encodeKnownFiles({}).data(), kKnownFilesHeaderSize, &decoded));
+  EXPECT_TRUE(decoded.empty());
+  // Cut anywhere, or any bit of it turned: never used.
+  for (size_t size = 0; size < raw.size(); ++size) {
+    EXPECT_FALSE(decodeKnownFiles(raw.data(), size, &decoded)) << size;
+  }
+  for (size_t bit = 0; bit < raw.size() * 8; ++bit) {
+    std::vector<uint8_t> damaged = raw;
+    damaged[bit / 8] ^= static_cast<uint8_t>(1u << (bit % 8));
+    EXPECT_FALSE(decodeKnownFiles(damaged.data(), damaged.size(), &decoded)) << bit;
+    EXPECT_TRUE(decoded.empty());
+  }
+  // Out of order, even with a check that agrees.
+  std::vector<KnownFile> unordered = {files[2], files[0]};
+  std::vector<uint8_t> written = encodeKnownFiles(unordered);
+  EXPECT_FALSE(decodeKnownFiles(written.data(), written.size(), &decoded));
 }
 
 TEST(Searcher, ValidPathsLieOnWalkedFileSystemsOutsideProcAndXfn) {
