@@ -189,6 +189,11 @@ struct Walk {
   bool knownStored = false;  // whether "scanknown.dat" holds `known`
   std::vector<KnownFile> learnt;
   time_t settledBefore = 0;
+  // The entries of the directory being read. One buffer serves the whole walk: a directory is
+  // read to its end before the walk enters the directories below it.
+  std::vector<char> dirents;
+  size_t direntAt = 0;
+  size_t direntBytes = 0;
 };
 
 bool byFile(const KnownFile& a, const KnownFile& b) {
@@ -377,6 +382,23 @@ int openEntry(int parentFd, const char* name, int flags) {
   return fd;
 }
 
+// As much as a directory read asks for at once: the entries of most directories in one call.
+constexpr size_t kDirentBufferBytes = 32768;
+
+// The next entry of the open directory `fd`, read into the walk's buffer a bufferful at a time;
+// null at its end or on an error.
+const dirent64* nextEntry(Walk& walk, int fd) {
+  if (walk.direntAt >= walk.direntBytes) {
+    const ssize_t got = getdents64(fd, walk.dirents.data(), walk.dirents.size());
+    if (got <= 0) return nullptr;
+    walk.direntAt = 0;
+    walk.direntBytes = static_cast<size_t>(got);
+  }
+  const auto* entry = reinterpret_cast<const dirent64*>(walk.dirents.data() + walk.direntAt);
+  walk.direntAt += entry->d_reclen;
+  return entry;
+}
+
 bool hasExecuteBit(const struct stat& status) {
   return (status.st_mode & (S_IXUSR | S_IXGRP | S_IXOTH)) != 0;
 }
@@ -392,24 +414,20 @@ int walkEntry(Walk& walk, int parentFd, size_t nameOffset, size_t length, unsign
 // entries in the order read, then the directories among them. Closes `fd`; the buffer holds the
 // directory's path again on return.
 int walkDirectory(Walk& walk, int fd, size_t length) {
-  DIR* directory = fdopendir(fd);
-  if (directory == nullptr) {
-    close(fd);
-    return kSearchUnreadable;
-  }
   char* path = walk.path;
   path[length] = '/';
   path[length + 1] = '\0';
   const size_t nameOffset = length + 1;
   int result = kSearchOk;
   std::string later;  // the names of the directories to enter, each ended by a 0
-  for (dirent* entry = readdir(directory); entry != nullptr; entry = readdir(directory)) {
+  walk.direntAt = walk.direntBytes = 0;
+  for (const dirent64* entry = nextEntry(walk, fd); entry != nullptr; entry = nextEntry(walk, fd)) {
     const char* name = entry->d_name;
     if (name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'))) continue;
     const size_t nameLength = strlen(name);
     if (nameOffset + nameLength > kSearchPathMaxChars) continue;
     memcpy(path + nameOffset, name, nameLength + 1);
-    result = walkEntry(walk, dirfd(directory), nameOffset, nameOffset + nameLength, entry->d_type);
+    result = walkEntry(walk, fd, nameOffset, nameOffset + nameLength, entry->d_type);
     if (result == kEnterLater) {
       try {
         later.append(name, nameLength + 1);
@@ -425,13 +443,21 @@ int walkDirectory(Walk& walk, int fd, size_t length) {
     const size_t nameLength = strlen(name);
     at += nameLength + 1;
     memcpy(path + nameOffset, name, nameLength + 1);
-    int fd = openEntry(dirfd(directory), name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-    if (fd < 0) continue;  // unreadable: skipped like any other entry
-    result = walkDirectory(walk, fd, nameOffset + nameLength);
+    const int child = openEntry(fd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (child < 0) continue;  // unreadable: skipped like any other entry
+    // The device of a directory is asked of the open directory: cheaper than a lookup by name.
+    struct stat status;
+    if (walk.check == FileSystemCheck::kOncePerDevice &&
+        (fstat(child, &status) != 0 || !deviceWalked(walk, status.st_dev))) {
+      SLM_TRACE(3, "The path = %s is not valid", path);
+      close(child);
+      continue;
+    }
+    result = walkDirectory(walk, child, nameOffset + nameLength);
     if (result != kSearchNoMemory && result != kSearchStopped) result = kSearchOk;
   }
   path[length] = '\0';
-  closedir(directory);
+  close(fd);
   return result;
 }
 
@@ -449,6 +475,8 @@ int walkEntry(Walk& walk, int parentFd, size_t nameOffset, size_t length, unsign
   if (type == DT_LNK || type == DT_CHR || type == DT_BLK || type == DT_FIFO || type == DT_SOCK) {
     return kSearchOk;
   }
+  const bool tooLong = length + 1 > kSearchPathMaxChars;
+  if (type == DT_DIR) return tooLong ? kSearchPathTooLong : kEnterLater;
   const char* name = path + nameOffset;
   struct stat status;
   if (fstatat(parentFd, name, &status, AT_SYMLINK_NOFOLLOW) != 0) return kSearchUnreadable;
@@ -456,9 +484,7 @@ int walkEntry(Walk& walk, int parentFd, size_t nameOffset, size_t length, unsign
     SLM_TRACE(3, "The path = %s is not valid", path);
     return kSearchOk;
   }
-  if (S_ISDIR(status.st_mode)) {
-    return length + 1 > kSearchPathMaxChars ? kSearchPathTooLong : kEnterLater;
-  }
+  if (S_ISDIR(status.st_mode)) return tooLong ? kSearchPathTooLong : kEnterLater;
   // A file shorter than a header cannot be an executable: it is not opened.
   if (S_ISREG(status.st_mode) && hasExecuteBit(status) &&
       status.st_size >= static_cast<off_t>(kExecHeaderBytes)) {
@@ -542,6 +568,11 @@ int analyzePath(SlmList* list, char* path, FileSystemCheck check) {
   if (S_ISDIR(status.st_mode)) {
     const size_t length = strlen(path);
     if (length + 1 > kSearchPathMaxChars) return kSearchPathTooLong;
+    try {
+      walk.dirents.resize(kDirentBufferBytes);
+    } catch (const std::bad_alloc&) {
+      return kSearchNoMemory;
+    }
     int fd = open(rooted, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
     if (fd < 0) return kSearchUnreadable;
     takeKnownFiles(walk);
