@@ -1,9 +1,9 @@
-// Scanner benchmarks: the inventory walk over a generated tree of directories, plain files,
+// Scanner benchmark: the inventory walk over a generated tree of directories, plain files,
 // executables (and look-alikes) and symbolic links, next to `find ROOT -type f -perm /111` on the
-// same tree in the same run, both on a warm cache and timed by the wall clock; the scanner as on
-// the agent's first scan, with what the scan before learnt, and with what it stored before a
-// restart. The tree has 100,000 entries with SLM_BENCH_FULL=1; without it a tree of 2,000 keeps
-// the benchmarks running.
+// same tree, alternating with it in one run, on a warm cache and timed by the wall clock; the
+// scanner as at the agent's very first scan, at the first scan after a restart, and at every later
+// scan. The tree has 100,000 entries with SLM_BENCH_FULL=1; without it a tree of 2,000 keeps the
+// benchmark running.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <spawn.h>
@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -144,70 +145,103 @@ int64_t scanOnce(FileSystemCheck check) {
 // Which answers a timed walk starts with.
 enum class Start {
   kFirst,         // none: it reads every candidate, as the agent's very first scan does
-  kRepeat,        // those of the walk before, in memory (every later scan of one run)
   kAfterRestart,  // those the walk before stored (the first scan after a restart)
+  kRepeat,        // those of the walk before, in memory (every later scan of one run)
 };
 
-void BM_Scanner(benchmark::State& state, FileSystemCheck check, Start start) {
-  setAgentRoot(tree().dir.path().c_str());
-  int64_t found = scanOnce(check);  // warms the cache
-  for (auto _ : state) {
-    if (start != Start::kRepeat) {
-      state.PauseTiming();
-      forgetKnownFiles(start == Start::kFirst ? Forget::kMemoryAndFile : Forget::kMemory);
-      state.ResumeTiming();
-    }
-    found = scanOnce(check);
-    benchmark::DoNotOptimize(found);
-  }
-  setAgentRoot("");
-  if (found != tree().executables) state.SkipWithError("the scan missed executables");
-  state.counters["entries"] = tree().entries;
-  state.counters["records"] = static_cast<double>(found);
-  state.SetItemsProcessed(state.iterations() * tree().entries);
+double millisecondsSince(std::chrono::steady_clock::time_point begin) {
+  return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - begin)
+      .count();
 }
 
-// The same question asked of find, its output thrown away.
-void BM_Find(benchmark::State& state) {
+// The wall time of one walk; `found` gets its count of records.
+double timedScan(FileSystemCheck check, Start start, int64_t* found) {
+  if (start != Start::kRepeat) {
+    forgetKnownFiles(start == Start::kFirst ? Forget::kMemoryAndFile : Forget::kMemory);
+  }
+  const auto begin = std::chrono::steady_clock::now();
+  *found = scanOnce(check);
+  return millisecondsSince(begin);
+}
+
+// The wall time of `find ROOT -type f -perm /111`, its output thrown away; negative when it failed.
+double timedFind() {
   const std::string root = tree().dir.path();
   const char* argv[] = {"find", root.c_str(), "-type", "f", "-perm", "/111", nullptr};
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
-  auto run = [&] {
-    pid_t pid = -1;
-    int status = -1;
-    if (posix_spawnp(&pid, "find", &actions, nullptr, const_cast<char**>(argv), environ) == 0) {
-      waitpid(pid, &status, 0);
-    }
-    return status;
-  };
-  run();  // warms the cache
-  for (auto _ : state) {
-    if (run() != 0) state.SkipWithError("find failed");
+  const auto begin = std::chrono::steady_clock::now();
+  pid_t pid = -1;
+  int status = -1;
+  if (posix_spawnp(&pid, "find", &actions, nullptr, const_cast<char**>(argv), environ) == 0) {
+    waitpid(pid, &status, 0);
   }
+  const double took = millisecondsSince(begin);
   posix_spawn_file_actions_destroy(&actions);
+  return status == 0 ? took : -1;
+}
+
+double median(std::vector<double> values) {
+  std::sort(values.begin(), values.end());
+  return values[values.size() / 2];
+}
+
+// The scanner beside find on one warm tree, in rounds: each round runs find and the scanner in its
+// three cases (and, as the reference, walking with a statfs of every path), in an order turned by
+// one place every round, so that a machine whose speed drifts slows both sides alike. Reports the
+// median wall time of each (NAME_ms) and the median of each round's time against that round's
+// find (NAME_x).
+void BM_ScannerBesideFind(benchmark::State& state) {
+  struct Run {
+    const char* name;
+    FileSystemCheck check;
+    Start start;
+  };
+  const Run runs[] = {{"find", FileSystemCheck::kOncePerDevice, Start::kFirst},
+                      {"first_walk", FileSystemCheck::kOncePerDevice, Start::kFirst},
+                      {"after_restart", FileSystemCheck::kOncePerDevice, Start::kAfterRestart},
+                      {"repeat_walk", FileSystemCheck::kOncePerDevice, Start::kRepeat},
+                      {"every_path_first_walk", FileSystemCheck::kEveryPath, Start::kFirst}};
+  constexpr size_t kRuns = std::size(runs);
+  const int rounds = fullRun() ? 11 : 2;
+  setAgentRoot(tree().dir.path().c_str());
+  int64_t found = 0;
+  timedScan(FileSystemCheck::kOncePerDevice, Start::kFirst, &found);  // warms the cache
+  timedFind();
+  std::vector<double> times[kRuns];
+  std::vector<double> ratios[kRuns];
+  for (auto _ : state) {
+    for (int round = 0; round < rounds; ++round) {
+      double took[kRuns];
+      for (size_t k = 0; k < kRuns; ++k) {
+        const size_t i = (static_cast<size_t>(round) + k) % kRuns;
+        took[i] = i == 0 ? timedFind() : timedScan(runs[i].check, runs[i].start, &found);
+        if (took[i] < 0) state.SkipWithError("find failed");
+        if (i != 0 && found != tree().executables) state.SkipWithError("a walk missed executables");
+      }
+      for (size_t i = 0; i < kRuns; ++i) {
+        times[i].push_back(took[i]);
+        ratios[i].push_back(took[i] / took[0]);
+      }
+    }
+  }
+  setAgentRoot("");
+  for (size_t i = 0; i < kRuns; ++i) {
+    state.counters[std::string(runs[i].name) + "_ms"] = median(times[i]);
+    if (i != 0) state.counters[std::string(runs[i].name) + "_x"] = median(ratios[i]);
+  }
   state.counters["entries"] = tree().entries;
-  state.SetItemsProcessed(state.iterations() * tree().entries);
+  state.counters["records"] = static_cast<double>(found);
 }
 
 const bool registered = [] {
   const std::string entries =
       "/entries:" + std::to_string(fullRun() ? kFullEntries : kSmokeEntries);
-  auto timed = [](benchmark::internal::Benchmark* entry) {
-    entry->UseRealTime()->Unit(benchmark::kMillisecond);
-    if (fullRun()) entry->Repetitions(5)->DisplayAggregatesOnly(true);
-  };
-  auto scanner = [&](const std::string& name, FileSystemCheck check, Start start) {
-    timed(benchmark::RegisterBenchmark(
-        ("scanner/" + name + entries).c_str(),
-        [check, start](benchmark::State& state) { BM_Scanner(state, check, start); }));
-  };
-  scanner("once_per_device/first_walk", FileSystemCheck::kOncePerDevice, Start::kFirst);
-  scanner("once_per_device/after_restart", FileSystemCheck::kOncePerDevice, Start::kAfterRestart);
-  scanner("once_per_device", FileSystemCheck::kOncePerDevice, Start::kRepeat);
-  scanner("every_path/first_walk", FileSystemCheck::kEveryPath, Start::kFirst);
-  timed(benchmark::RegisterBenchmark(("find_perm_111" + entries).c_str(), BM_Find));
+  benchmark::RegisterBenchmark(("scanner_beside_find" + entries).c_str(), BM_ScannerBesideFind)
+      ->Iterations(1)
+      ->UseRealTime()
+      ->Unit(benchmark::kMillisecond);
   return true;
 }();
 
