@@ -1,13 +1,16 @@
-// Scanner benchmark: the inventory walk over a generated tree of directories, plain files,
-// executables (and look-alikes) and symbolic links, next to `find ROOT -type f -perm /111` on the
-// same tree, alternating with it in one run, on a warm cache and timed by the wall clock; the
-// scanner as at the agent's very first scan, at the first scan after a restart, and at every later
-// scan. The tree has 100,000 entries with SLM_BENCH_FULL=1; without it a tree of 2,000 keeps the
-// benchmark running.
+// Scanner benchmark: the inventory walk next to `find ROOT -type f -perm /111` on the same tree,
+// alternating with it in one run, on a warm cache and timed by the wall clock; the scanner as at
+// the agent's very first scan, at the first scan after a restart, and at every later scan. Two
+// trees: a generated one of directories, plain files, executables (and look-alikes) and symbolic
+// links, where one file in five has an execute bit and must be read; and this machine's own /usr,
+// as installed, where such files are far fewer. With SLM_BENCH_FULL=1 the generated tree has
+// 100,000 entries and the system tree is all of /usr; without it, 2,000 entries and /usr/bin keep
+// the benchmark running.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <spawn.h>
 #include <sys/stat.h>
+#include <sys/statfs.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -149,15 +152,23 @@ enum class Start {
   kRepeat,        // those of the walk before, in memory (every later scan of one run)
 };
 
+// A tree the scanner and find walk: the agent root is set to it and the scanner walks "/" below.
+struct Subject {
+  std::string root;
+  bool canStore;  // whether the root holds the cache directory a walk stores what it learnt in
+};
+
 double millisecondsSince(std::chrono::steady_clock::time_point begin) {
   return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - begin)
       .count();
 }
 
 // The wall time of one walk; `found` gets its count of records.
-double timedScan(FileSystemCheck check, Start start, int64_t* found) {
+double timedScan(const Subject& subject, FileSystemCheck check, Start start, int64_t* found) {
   if (start != Start::kRepeat) {
-    forgetKnownFiles(start == Start::kFirst ? Forget::kMemoryAndFile : Forget::kMemory);
+    // Below a root without the cache directory there is no file to remove, nor one to be removed.
+    forgetKnownFiles(start == Start::kFirst && subject.canStore ? Forget::kMemoryAndFile
+                                                                : Forget::kMemory);
   }
   const auto begin = std::chrono::steady_clock::now();
   *found = scanOnce(check);
@@ -165,9 +176,8 @@ double timedScan(FileSystemCheck check, Start start, int64_t* found) {
 }
 
 // The wall time of `find ROOT -type f -perm /111`, its output thrown away; negative when it failed.
-double timedFind() {
-  const std::string root = tree().dir.path();
-  const char* argv[] = {"find", root.c_str(), "-type", "f", "-perm", "/111", nullptr};
+double timedFind(const Subject& subject) {
+  const char* argv[] = {"find", subject.root.c_str(), "-type", "f", "-perm", "/111", nullptr};
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
@@ -189,56 +199,84 @@ double median(std::vector<double> values) {
 
 // The scanner beside find on one warm tree, in rounds: each round runs find and the scanner in its
 // three cases (and, as the reference, walking with a statfs of every path), in an order turned by
-// one place every round, so that a machine whose speed drifts slows both sides alike. Reports the
+// one place every round, so that a machine whose speed drifts slows both sides alike. Every walk
+// must find the records the first one found (for the generated tree: its executables). Reports the
 // median wall time of each (NAME_ms) and the median of each round's time against that round's
 // find (NAME_x).
-void BM_ScannerBesideFind(benchmark::State& state) {
+void BM_ScannerBesideFind(benchmark::State& state, const Subject& subject, int64_t executables) {
   struct Run {
     const char* name;
     FileSystemCheck check;
     Start start;
   };
-  const Run runs[] = {{"find", FileSystemCheck::kOncePerDevice, Start::kFirst},
-                      {"first_walk", FileSystemCheck::kOncePerDevice, Start::kFirst},
-                      {"after_restart", FileSystemCheck::kOncePerDevice, Start::kAfterRestart},
-                      {"repeat_walk", FileSystemCheck::kOncePerDevice, Start::kRepeat},
-                      {"every_path_first_walk", FileSystemCheck::kEveryPath, Start::kFirst}};
-  constexpr size_t kRuns = std::size(runs);
+  std::vector<Run> runs{{"find", FileSystemCheck::kOncePerDevice, Start::kFirst},
+                        {"first_walk", FileSystemCheck::kOncePerDevice, Start::kFirst},
+                        {"after_restart", FileSystemCheck::kOncePerDevice, Start::kAfterRestart},
+                        {"repeat_walk", FileSystemCheck::kOncePerDevice, Start::kRepeat},
+                        {"every_path_first_walk", FileSystemCheck::kEveryPath, Start::kFirst}};
+  if (!subject.canStore) runs.erase(runs.begin() + 2);  // nothing stored, nothing to restart with
+  const size_t count = runs.size();
   const int rounds = fullRun() ? 11 : 2;
-  setAgentRoot(tree().dir.path().c_str());
+  setAgentRoot(subject.root.c_str());
   int64_t found = 0;
-  timedScan(FileSystemCheck::kOncePerDevice, Start::kFirst, &found);  // warms the cache
-  timedFind();
-  std::vector<double> times[kRuns];
-  std::vector<double> ratios[kRuns];
+  timedScan(subject, FileSystemCheck::kOncePerDevice, Start::kFirst, &found);  // warms the cache
+  if (executables < 0) executables = found;
+  timedFind(subject);
+  std::vector<std::vector<double>> times(count), ratios(count);
   for (auto _ : state) {
     for (int round = 0; round < rounds; ++round) {
-      double took[kRuns];
-      for (size_t k = 0; k < kRuns; ++k) {
-        const size_t i = (static_cast<size_t>(round) + k) % kRuns;
-        took[i] = i == 0 ? timedFind() : timedScan(runs[i].check, runs[i].start, &found);
+      std::vector<double> took(count);
+      for (size_t k = 0; k < count; ++k) {
+        const size_t i = (static_cast<size_t>(round) + k) % count;
+        took[i] =
+            i == 0 ? timedFind(subject) : timedScan(subject, runs[i].check, runs[i].start, &found);
         if (took[i] < 0) state.SkipWithError("find failed");
-        if (i != 0 && found != tree().executables) state.SkipWithError("a walk missed executables");
+        if (i != 0 && found != executables) state.SkipWithError("a walk missed executables");
       }
-      for (size_t i = 0; i < kRuns; ++i) {
+      for (size_t i = 0; i < count; ++i) {
         times[i].push_back(took[i]);
         ratios[i].push_back(took[i] / took[0]);
       }
     }
   }
   setAgentRoot("");
-  for (size_t i = 0; i < kRuns; ++i) {
+  for (size_t i = 0; i < count; ++i) {
     state.counters[std::string(runs[i].name) + "_ms"] = median(times[i]);
     if (i != 0) state.counters[std::string(runs[i].name) + "_x"] = median(ratios[i]);
   }
-  state.counters["entries"] = tree().entries;
   state.counters["records"] = static_cast<double>(found);
+}
+
+void BM_GeneratedTree(benchmark::State& state) {
+  BM_ScannerBesideFind(state, {tree().dir.path(), true}, tree().executables);
+  state.counters["entries"] = tree().entries;
+}
+
+// This machine's own programs as installed. Nothing is written below them: the walks keep what
+// they learn in memory only.
+void BM_SystemTree(benchmark::State& state, const std::string& root) {
+  struct statfs info;
+  if (statfs(root.c_str(), &info) != 0 || !isWalkedFileSystem(static_cast<uint32_t>(info.f_type))) {
+    state.SkipWithError("the system tree is not on a file system the scanner walks");
+    return;
+  }
+  if (access((root + "/var").c_str(), F_OK) == 0) {
+    state.SkipWithError("the system tree holds a var directory a walk could store in");
+    return;
+  }
+  BM_ScannerBesideFind(state, {root, false}, -1);
 }
 
 const bool registered = [] {
   const std::string entries =
       "/entries:" + std::to_string(fullRun() ? kFullEntries : kSmokeEntries);
-  benchmark::RegisterBenchmark(("scanner_beside_find" + entries).c_str(), BM_ScannerBesideFind)
+  const std::string system = fullRun() ? "/usr" : "/usr/bin";
+  benchmark::RegisterBenchmark(("scanner_beside_find" + entries).c_str(), BM_GeneratedTree)
+      ->Iterations(1)
+      ->UseRealTime()
+      ->Unit(benchmark::kMillisecond);
+  benchmark::RegisterBenchmark(("scanner_beside_find/system_tree:" + system).c_str(), BM_SystemTree,
+                               system)
       ->Iterations(1)
       ->UseRealTime()
       ->Unit(benchmark::kMillisecond);
