@@ -1,14 +1,16 @@
 // Catalog benchmarks: file lookups in the catalog's files table (its open index) beside a million
-// and the containers' usual 101 chained buckets, the merge and the download parser on a canned
-// answer, the download from the reference server's generator, and the memory a loaded catalog
-// holds. The large sizes (100k and 1M files) and the generator download are registered only with
-// SLM_BENCH_FULL=1; without it one short pass on 10k files keeps every benchmark compiling and
-// running. Runs on the benchmark thread; the canned answer comes from a loopback server thread.
+// and the containers' usual 101 chained buckets, in a tight loop and with the caches emptied before
+// each lookup; the merge and the download parser on a canned answer, the download from the
+// reference server's generator, and the memory a loaded catalog holds. The large sizes (100k and
+// 1M files) and the generator download are registered only with SLM_BENCH_FULL=1; without it one
+// short pass on 10k files keeps every benchmark compiling and running. Runs on the benchmark
+// thread; the canned answer comes from a loopback server thread.
 #include <benchmark/benchmark.h>
 #include <malloc.h>
 #include <strings.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
@@ -323,47 +325,55 @@ bool loadLat(int64_t count, FilesTable table) {
   return getCatalogFilesNumber() == count;
 }
 
+// A lookup's key as the monitor has it: the base name and the size of the started file, which it
+// puts into a file record of its own before it asks the catalog.
+struct LookupKey {
+  std::string name;
+  int64_t size;
+};
+
 // Lookup keys, pre-shuffled: hits are files of the first `count` ones; misses are catalog names
 // with sizes no catalog file has, and names no catalog file has with any size.
-std::vector<FileRecord> lookupKeys(int64_t count, bool hit) {
+std::vector<LookupKey> lookupKeys(int64_t count, bool hit) {
   const GeneratedCatalog& catalog = generatedCatalog();
   std::mt19937_64 random(hit ? static_cast<uint64_t>(count) : 7);
   const std::vector<std::string> unknownStems = words(kUnknownStems);
-  std::vector<FileRecord> keys(fullRun() ? kFullKeys : kSmokeKeys);
+  std::vector<LookupKey> keys(fullRun() ? kFullKeys : kSmokeKeys);
   for (size_t i = 0; i < keys.size(); ++i) {
     const CatalogFile& file =
         catalog.files[random() % static_cast<uint64_t>(hit ? count : catalog.files.size())];
-    if (hit) {
-      keys[i] = fileRecord(file);
-      continue;
-    }
-    CatalogFile miss = file;
+    keys[i] = {file.name, file.size};
+    if (hit) continue;
     if (i % 2 == 0) {
       do {
-        miss.size = logUniformSize(random);
+        keys[i].size = logUniformSize(random);
       } while (
-          std::binary_search(catalog.sortedSizes.begin(), catalog.sortedSizes.end(), miss.size));
+          std::binary_search(catalog.sortedSizes.begin(), catalog.sortedSizes.end(), keys[i].size));
     } else {
-      miss.name = executableName(random, unknownStems);
-      miss.size = logUniformSize(random);
+      keys[i] = {executableName(random, unknownStems), logUniformSize(random)};
     }
-    keys[i] = fileRecord(miss);
   }
   std::shuffle(keys.begin(), keys.end(), random);
   return keys;
 }
 
 // Keys for the catalog of `count` files, kept while that size is being looked up.
-const std::vector<FileRecord>& keysFor(int64_t count, bool hit) {
+const std::vector<LookupKey>& keysFor(int64_t count, bool hit) {
   static int64_t keyedCount = -1;
-  static std::vector<FileRecord> hits;
-  static const std::vector<FileRecord> misses = lookupKeys(0, false);
+  static std::vector<LookupKey> hits;
+  static const std::vector<LookupKey> misses = lookupKeys(0, false);
   if (!hit) return misses;
   if (keyedCount != count) {
     hits = lookupKeys(count, true);
     keyedCount = count;
   }
   return hits;
+}
+
+// Puts `key` into the record a lookup is asked with, as the monitor fills its own.
+void fillKey(const LookupKey& key, FileRecord* record) {
+  copyBounded(record->name, kFileNameSize - 1, key.name.c_str());
+  record->size = key.size;
 }
 
 // Lookups of `hit` or missing keys in a catalog of range(0) files. The component lookups that
@@ -374,13 +384,57 @@ void BM_FindFileEntry(benchmark::State& state, FilesTable table, bool hit) {
     state.SkipWithError("the catalog could not be built");
     return;
   }
-  const std::vector<FileRecord>& keys = keysFor(count, hit);
+  const std::vector<LookupKey>& keys = keysFor(count, hit);
+  FileRecord key{};
   FileRecord record;
   size_t next = 0;
   int64_t found = 0;
   for (auto _ : state) {
-    found += findFileEntry(&keys[next], &record, nullptr, nullptr) == kLatOk;
+    fillKey(keys[next], &key);
+    found += findFileEntry(&key, &record, nullptr, nullptr) == kLatOk;
     benchmark::DoNotOptimize(record);
+    next = next + 1 == keys.size() ? 0 : next + 1;
+  }
+  state.SetItemsProcessed(state.iterations());
+  if (found != (hit ? state.iterations() : 0)) state.SkipWithError("a lookup went wrong");
+}
+
+// Bytes that, read through, leave nothing of a catalog cached: twice the largest cache.
+size_t evictionBytes() {
+  int64_t largest = 32 << 20;
+  for (const benchmark::CPUInfo::CacheInfo& cache : benchmark::CPUInfo::Get().caches) {
+    largest = std::max<int64_t>(largest, cache.size);
+  }
+  return static_cast<size_t>(2 * largest);
+}
+
+// Lookups as a process start on a busy machine meets them: since the last one the caches have held
+// other work. Before each lookup the benchmark reads through a buffer larger than every cache, and
+// times the lookup alone. The tight loop above measures the other extreme, where everything a
+// small catalog holds stays cached from one lookup to the next.
+void BM_FindFileEntryCold(benchmark::State& state, bool hit) {
+  const int64_t count = state.range(0);
+  if (!benchAgent().ok() || !loadLat(count, FilesTable::kOpenIndex)) {
+    state.SkipWithError("the catalog could not be built");
+    return;
+  }
+  static const std::vector<uint64_t> other(evictionBytes() / sizeof(uint64_t), 1);
+  constexpr size_t kWordsPerLine = 64 / sizeof(uint64_t);
+  const std::vector<LookupKey>& keys = keysFor(count, hit);
+  FileRecord key{};
+  FileRecord record;
+  size_t next = 0;
+  int64_t found = 0;
+  uint64_t sum = 0;
+  for (auto _ : state) {
+    for (size_t i = 0; i < other.size(); i += kWordsPerLine) sum += other[i];
+    benchmark::DoNotOptimize(sum);
+    fillKey(keys[next], &key);
+    const auto begin = std::chrono::steady_clock::now();
+    found += findFileEntry(&key, &record, nullptr, nullptr) == kLatOk;
+    benchmark::DoNotOptimize(record);
+    state.SetIterationTime(
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count());
     next = next + 1 == keys.size() ? 0 : next + 1;
   }
   state.SetItemsProcessed(state.iterations());
@@ -419,12 +473,13 @@ void BM_FindIn101Buckets(benchmark::State& state, bool hit) {
     state.SkipWithError("the table could not be built");
     return;
   }
-  const std::vector<FileRecord>& keys = keysFor(count, hit);
+  const std::vector<LookupKey>& keys = keysFor(count, hit);
+  FileRecord key{};
   FileRecord record;
   size_t next = 0;
   int64_t found = 0;
   for (auto _ : state) {
-    const FileRecord& key = keys[next];
+    fillKey(keys[next], &key);
     const void* stored = findHtElement(table, key.size, &key, compareFiles);
     if (stored != nullptr) {
       memcpy(&record, stored, sizeof record);
@@ -642,6 +697,14 @@ const bool registered = [] {
           [hit](benchmark::State& state) { BM_FindFileEntry(state, FilesTable::kChained, hit); })
           ->ArgName("files")
           ->Arg(files);
+      benchmark::RegisterBenchmark(
+          ("catalog_lookup/open_index/cold" + suffix).c_str(),
+          [hit](benchmark::State& state) { BM_FindFileEntryCold(state, hit); })
+          ->ArgName("files")
+          ->Arg(files)
+          ->Iterations(fullRun() ? 500 : 3)
+          ->UseManualTime()
+          ->Unit(benchmark::kNanosecond);
       benchmark::RegisterBenchmark(
           ("catalog_lookup/buckets:" + std::to_string(kHashBuckets) + suffix).c_str(),
           [hit](benchmark::State& state) { BM_FindIn101Buckets(state, hit); })
