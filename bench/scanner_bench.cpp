@@ -2,7 +2,7 @@
 // alternating with it in one run, on a warm cache and timed by the wall clock; the scanner as at
 // the agent's very first scan, at the first scan after a restart, and at every later scan. Two
 // trees: a generated one of directories, plain files, executables (and look-alikes) and symbolic
-// links, where one file in five has an execute bit and must be read; and this machine's own /usr,
+// links, where one entry in five has an execute bit and must be read; and this machine's own /usr,
 // as installed, where such files are far fewer. With SLM_BENCH_FULL=1 the generated tree has
 // 100,000 entries and the system tree is all of /usr; without it, 2,000 entries and /usr/bin keep
 // the benchmark running.
