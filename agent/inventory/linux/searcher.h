@@ -74,7 +74,9 @@ constexpr uint32_t kElfProgramInterpreter = 3;  // program header type PT_INTERP
 // interpreter (position-independent executables, not shared libraries), read through `fd`.
 int elfExecPred(const uint8_t* header, size_t available, int fd);
 
-// Tried in order until one answers kIsExecutable.
+// Tried in order until one answers kIsExecutable. A change to what counts as an executable (here or
+// in a predicate) must raise kKnownFilesMinor below: answers stored by an agent that counted
+// otherwise are then read again instead of trusted.
 extern const FileExecPredicate fileExecPredicates[];
 extern const size_t fileExecPredicateCount;
 
@@ -124,7 +126,7 @@ struct KnownFile {
 // each: the file, then the state.
 constexpr char kKnownFilesFileName[] = "scanknown.dat";
 constexpr uint32_t kKnownFilesMajor = 1;
-constexpr uint32_t kKnownFilesMinor = 1;
+constexpr uint32_t kKnownFilesMinor = 1;  // raised whenever what counts as an executable changes
 constexpr size_t kKnownFilesCountOffset = 8;
 constexpr size_t kKnownFilesCheckOffset = 12;
 constexpr size_t kKnownFilesHeaderSize = 16;
