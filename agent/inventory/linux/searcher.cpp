@@ -302,8 +302,22 @@ void keepKnownFiles(Walk& walk) {
   knownFilesStored = stored;
 }
 
+// The type of the file system at `rooted`, asked of a path-only descriptor: unlike a statfs by
+// name, it never has an automounter mount what it serves there (a share that would then be
+// mounted, or waited on while its server is down, for a scan that does not walk it anyway); such
+// a point answers with the automounter's own type, which is not walked.
+bool fileSystemTypeAt(const char* rooted, uint32_t* type) {
+  const int fd = open(rooted, O_PATH | O_NOFOLLOW | O_CLOEXEC);
+  if (fd < 0) return false;
+  struct statfs info;
+  const bool known = fstatfs(fd, &info) == 0;
+  close(fd);
+  if (known) *type = static_cast<uint32_t>(info.f_type);
+  return known;
+}
+
 // Whether the device of an entry is on a walked file system. A device is asked about once (the
-// type of a file system cannot change below it); a failed statfs decides for the path alone.
+// type of a file system cannot change below it); a failed question decides for the path alone.
 bool deviceWalked(Walk& walk, dev_t device) {
   if (walk.deviceCount > 0 && walk.devices[walk.lastDevice] == device) {
     return walk.walked[walk.lastDevice];
@@ -314,10 +328,10 @@ bool deviceWalked(Walk& walk, dev_t device) {
       return walk.walked[i];
     }
   }
-  struct statfs info;
   char rooted[2 * kSearchPathSize];
-  if (statfs(rootedPath(walk.path, rooted, sizeof rooted), &info) != 0) return false;
-  const bool walked = isWalkedFileSystem(static_cast<uint32_t>(info.f_type));
+  uint32_t type = 0;
+  if (!fileSystemTypeAt(rootedPath(walk.path, rooted, sizeof rooted), &type)) return false;
+  const bool walked = isWalkedFileSystem(type);
   if (walk.deviceCount < Walk::kDeviceSlots) {
     walk.lastDevice = walk.deviceCount++;
     walk.devices[walk.lastDevice] = device;
@@ -445,14 +459,6 @@ int walkDirectory(Walk& walk, int fd, size_t length) {
     memcpy(path + nameOffset, name, nameLength + 1);
     const int child = openEntry(fd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
     if (child < 0) continue;  // unreadable: skipped like any other entry
-    // The device of a directory is asked of the open directory: cheaper than a lookup by name.
-    struct stat status;
-    if (walk.check == FileSystemCheck::kOncePerDevice &&
-        (fstat(child, &status) != 0 || !deviceWalked(walk, status.st_dev))) {
-      SLM_TRACE(3, "The path = %s is not valid", path);
-      close(child);
-      continue;
-    }
     result = walkDirectory(walk, child, nameOffset + nameLength);
     if (result != kSearchNoMemory && result != kSearchStopped) result = kSearchOk;
   }
@@ -475,16 +481,18 @@ int walkEntry(Walk& walk, int parentFd, size_t nameOffset, size_t length, unsign
   if (type == DT_LNK || type == DT_CHR || type == DT_BLK || type == DT_FIFO || type == DT_SOCK) {
     return kSearchOk;
   }
-  const bool tooLong = length + 1 > kSearchPathMaxChars;
-  if (type == DT_DIR) return tooLong ? kSearchPathTooLong : kEnterLater;
   const char* name = path + nameOffset;
+  // A directory too is looked at (and its device asked) before it is opened: an open would have
+  // an automounter mount whatever it serves there. A look never does.
   struct stat status;
   if (fstatat(parentFd, name, &status, AT_SYMLINK_NOFOLLOW) != 0) return kSearchUnreadable;
   if (walk.check == FileSystemCheck::kOncePerDevice && !deviceWalked(walk, status.st_dev)) {
     SLM_TRACE(3, "The path = %s is not valid", path);
     return kSearchOk;
   }
-  if (S_ISDIR(status.st_mode)) return tooLong ? kSearchPathTooLong : kEnterLater;
+  if (S_ISDIR(status.st_mode)) {
+    return length + 1 > kSearchPathMaxChars ? kSearchPathTooLong : kEnterLater;
+  }
   // A file shorter than a header cannot be an executable: it is not opened.
   if (S_ISREG(status.st_mode) && hasExecuteBit(status) &&
       status.st_size >= static_cast<off_t>(kExecHeaderBytes)) {

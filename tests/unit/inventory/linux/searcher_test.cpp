@@ -2,11 +2,18 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <linux/auto_fs.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/ioctl.h>
+#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
 #include <sys/vfs.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <ctime>
 #include <set>
@@ -315,6 +322,102 @@ TEST_F(ScanRoot, LeavesAccessTimesAlone) {
     ASSERT_EQ(stat(root_.file(relative).c_str(), &after), 0);
     EXPECT_EQ(after.st_atim.tv_sec, after.st_mtim.tv_sec - 86400) << relative;
   }
+}
+
+// A request to the kernel's automount control device, laid out as the kernel reads it (its own
+// header does not compile as C++): version 1.1, the size with the path, the mount's descriptor,
+// the command's 8 bytes of arguments, then the path.
+struct AutofsControl {
+  uint32_t versionMajor = 1;
+  uint32_t versionMinor = 1;
+  uint32_t size = sizeof(AutofsControl);
+  int32_t mountFd = -1;
+  uint32_t arguments[2] = {};
+};
+static_assert(sizeof(AutofsControl) == 24);
+constexpr unsigned long kAutofsOpenMount = _IOWR(AUTOFS_IOCTL, 0x74, AutofsControl);
+constexpr unsigned long kAutofsCatatonic = _IOWR(AUTOFS_IOCTL, 0x79, AutofsControl);
+
+// A hold on the automount at `point` through the control device, taken before anything waits on
+// it (taking it later would wait too): giveUp() then puts the automount into the state where it
+// answers every request with "no such file" at once, as when its daemon has gone, and a walk that
+// asked it to mount can end.
+struct AutomountHold {
+  int control = -1;
+  int mountFd = -1;
+
+  explicit AutomountHold(const std::string& point) {
+    struct stat status;
+    if (fstatat(AT_FDCWD, point.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) return;
+    AutofsControl request;
+    request.size = static_cast<uint32_t>(sizeof request + point.size() + 1);
+    request.arguments[0] = static_cast<uint32_t>(status.st_dev);
+    std::vector<char> buffer(request.size);
+    memcpy(buffer.data(), &request, sizeof request);
+    memcpy(buffer.data() + sizeof request, point.c_str(), point.size() + 1);
+    control = open("/dev/autofs", O_RDONLY | O_CLOEXEC);
+    if (control < 0 || ioctl(control, kAutofsOpenMount, buffer.data()) != 0) return;
+    memcpy(&request, buffer.data(), sizeof request);
+    mountFd = request.mountFd;
+  }
+  ~AutomountHold() {
+    if (mountFd >= 0) close(mountFd);
+    if (control >= 0) close(control);
+  }
+  void giveUp() const {
+    const AutofsControl catatonic{.mountFd = mountFd};
+    EXPECT_EQ(ioctl(control, kAutofsCatatonic, &catatonic), 0);
+  }
+};
+
+// A directory an automounter mounts on demand (a share of the organisation's) is not mounted by a
+// scan, which would otherwise wait on its server: the walk asks its device and file system without
+// opening it. The point is the kernel's own, with a daemon that only sleeps; a mount request shows
+// on its pipe, and the test then gives the automount up so that the walk ends.
+TEST_F(ScanRoot, MountsNothingAnAutomounterWouldMount) {
+  write("bin/tool", elf(2, 2, 62));
+  root_.makeDirs("share");
+  const std::string point = root_.file("share");
+  int requests[2];
+  ASSERT_EQ(pipe2(requests, O_CLOEXEC), 0);
+  const pid_t daemon = fork();
+  ASSERT_GE(daemon, 0);
+  if (daemon == 0) {
+    setpgid(0, 0);
+    pause();
+    _exit(0);
+  }
+  setpgid(daemon, daemon);
+  const std::string options = "fd=" + std::to_string(requests[1]) +
+                              ",pgrp=" + std::to_string(daemon) + ",minproto=5,maxproto=5,direct";
+  const bool mounted = mount("scan-test", point.c_str(), "autofs", 0, options.c_str()) == 0;
+  const int mountError = errno;
+  close(requests[1]);
+  if (mounted) {
+    // Without the hold a walk that asks would wait for ever: it is not started then.
+    const AutomountHold hold(point);
+    EXPECT_GE(hold.mountFd, 0) << "the automount cannot be held: " << strerror(errno);
+    if (hold.mountFd >= 0) {
+      std::atomic<bool> walked{false};
+      std::set<std::string> names;
+      std::thread walk([&] {
+        names = scannedNames();
+        walked = true;
+      });
+      pollfd request{requests[0], POLLIN, 0};
+      bool asked = false;
+      while (!walked && !asked) asked = poll(&request, 1, 20) > 0;
+      if (asked) hold.giveUp();
+      walk.join();
+      EXPECT_FALSE(asked) << "the walk asked for the share to be mounted";
+      EXPECT_EQ(names, std::set<std::string>{"tool"});
+    }
+    umount2(point.c_str(), MNT_DETACH);
+  }
+  kill(daemon, SIGKILL);
+  waitpid(daemon, nullptr, 0);
+  close(requests[0]);
+  if (!mounted) GTEST_SKIP() << "no automount can be made here: " << strerror(mountError);
 }
 
 TEST(Searcher, KnownFilesFileLayout) {
