@@ -4,6 +4,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <mntent.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
 #include <sys/vfs.h>
@@ -13,9 +14,11 @@
 #include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <map>
 #include <mutex>
 #include <new>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -189,6 +192,8 @@ struct Walk {
   bool knownStored = false;  // whether "scanknown.dat" holds `known`
   std::vector<KnownFile> learnt;
   time_t settledBefore = 0;
+  // The mount points below the root (root-relative, sorted) of file systems that are not walked.
+  std::vector<std::string> unwalkedMounts;
   // The entries of the directory being read. One buffer serves the whole walk: a directory is
   // read to its end before the walk enters the directories below it.
   std::vector<char> dirents;
@@ -340,6 +345,55 @@ bool deviceWalked(Walk& walk, dev_t device) {
   return walked;
 }
 
+// The mount points of the file systems that are not walked, from the kernel's mount table, as
+// paths below the agent root, sorted. What is mounted last at a point stands, and hides whatever
+// was mounted below it before. The walk leaves these points without a look: a network share whose
+// server is down, or a file system whose serving process hangs, would hold a look (and the scan)
+// up. None when the table cannot be read: the device check then leaves them out after a look.
+std::vector<std::string> unwalkedMountPoints() {
+  std::vector<std::string> points;
+  FILE* mounts = setmntent("/proc/self/mounts", "re");
+  if (mounts == nullptr) return points;
+  const std::string& root = agentRoot();
+  std::map<std::string, bool> visible;  // point, walked
+  struct mntent entry;
+  char text[4096];
+  try {
+    while (getmntent_r(mounts, &entry, text, sizeof text) != nullptr) {
+      const std::string_view point = entry.mnt_dir;
+      if (!point.starts_with(root) || point.size() <= root.size() + 1 ||
+          point[root.size()] != '/') {
+        continue;  // outside the root, or the root itself (which the walk's start decides)
+      }
+      std::string below(point.substr(root.size()));
+      const bool walked = isWalkedFileSystemName(entry.mnt_type);
+      // The points below this one: those that begin with it and a '/', before it and a '0'.
+      below += '/';
+      const auto first = visible.lower_bound(below);
+      below.back() = '/' + 1;
+      visible.erase(first, visible.lower_bound(below));
+      below.pop_back();
+      visible[below] = walked;
+    }
+    for (const auto& [point, walked] : visible) {
+      if (!walked) points.push_back(point);
+    }
+  } catch (const std::bad_alloc&) {
+    points.clear();
+  }
+  endmntent(mounts);
+  return points;
+}
+
+// Whether the first `length` characters of the walk's path name such a point. A walk from "/"
+// spells its paths with two leading slashes ("//usr"); the mount table with one.
+bool isUnwalkedMountPoint(const Walk& walk, size_t length) {
+  std::string_view path(walk.path, length);
+  if (path.starts_with("//")) path.remove_prefix(1);
+  return std::binary_search(walk.unwalkedMounts.begin(), walk.unwalkedMounts.end(), path,
+                            std::less<>());
+}
+
 // Fills the record of the file at `path` and appends it; `nameOffset` is where its name begins.
 int appendRecord(SlmList* list, const char* path, size_t nameOffset, off_t size) {
   InventoryRecord record{};
@@ -481,6 +535,11 @@ int walkEntry(Walk& walk, int parentFd, size_t nameOffset, size_t length, unsign
   if (type == DT_LNK || type == DT_CHR || type == DT_BLK || type == DT_FIFO || type == DT_SOCK) {
     return kSearchOk;
   }
+  if (walk.check == FileSystemCheck::kOncePerDevice && (type == DT_DIR || type == DT_UNKNOWN) &&
+      isUnwalkedMountPoint(walk, length)) {
+    SLM_TRACE(3, "The path = %s is not valid", path);
+    return kSearchOk;
+  }
   const char* name = path + nameOffset;
   // A directory too is looked at (and its device asked) before it is opened: an open would have
   // an automounter mount whatever it serves there. A look never does.
@@ -518,6 +577,11 @@ const size_t fileExecPredicateCount = std::size(fileExecPredicates);
 bool isWalkedFileSystem(uint32_t type) {
   return std::find(std::begin(kWalkedFileSystems), std::end(kWalkedFileSystems), type) !=
          std::end(kWalkedFileSystems);
+}
+
+bool isWalkedFileSystemName(const char* name) {
+  return std::any_of(std::begin(kWalkedFileSystemNames), std::end(kWalkedFileSystemNames),
+                     [name](const char* walked) { return strcmp(walked, name) == 0; });
 }
 
 int elfExecPred(const uint8_t* header, size_t available, int fd) {
@@ -583,6 +647,7 @@ int analyzePath(SlmList* list, char* path, FileSystemCheck check) {
     }
     int fd = open(rooted, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
     if (fd < 0) return kSearchUnreadable;
+    if (check == FileSystemCheck::kOncePerDevice) walk.unwalkedMounts = unwalkedMountPoints();
     takeKnownFiles(walk);
     const int result = walkDirectory(walk, fd, length);
     keepKnownFiles(walk);

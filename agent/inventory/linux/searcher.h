@@ -43,8 +43,13 @@ constexpr uint32_t kWalkedFileSystems[] = {
     kExtFileSystem, kExtOldFileSystem, kJfsFileSystem, kReiserFileSystem, kXfsFileSystem,
     kVxFileSystem,  kBtrFileSystem,    kF2FileSystem,  kBcacheFileSystem, kZfsFileSystem};
 
-// Whether a file-system type is one of the walked ones.
+// The same file systems by the names the kernel's mount table gives them.
+constexpr const char* kWalkedFileSystemNames[] = {
+    "ext2", "ext3", "ext4", "jfs", "reiserfs", "xfs", "vxfs", "btrfs", "bcachefs", "f2fs", "zfs"};
+
+// Whether a file-system type, by number or by name, is one of the walked ones.
 bool isWalkedFileSystem(uint32_t type);
+bool isWalkedFileSystemName(const char* name);
 
 // ---- Executable headers.
 

@@ -28,6 +28,7 @@
 #include "agent_core/support/shell_runner.h"
 #include "agent_core/support/trace.h"
 #include "agent_core/support/unix_common.h"
+#include "inventory/linux/searcher.h"
 
 namespace slm {
 namespace {
@@ -37,10 +38,6 @@ using Clock = std::chrono::steady_clock;
 constexpr int kEventBufferBytes = 8192;
 constexpr int kAncestryDepth = 16;
 constexpr int kMaxDirectoryMarks = 20000;
-
-// The local disk file systems whose programs are watched when the agent root is "/".
-constexpr const char* kWatchedTypes[] = {"ext2", "ext3",  "ext4",     "jfs",  "reiserfs", "xfs",
-                                         "vxfs", "btrfs", "bcachefs", "f2fs", "zfs"};
 
 struct Waiting {
   uint64_t id;
@@ -232,9 +229,8 @@ int addMarks() {
     struct mntent entry;
     char text[4096];
     while (getmntent_r(mounts, &entry, text, sizeof text) != nullptr) {
-      bool watched = false;
-      for (const char* type : kWatchedTypes) watched = watched || strcmp(type, entry.mnt_type) == 0;
-      if (!watched) continue;
+      // Programs are watched on the file systems an inventory scan walks.
+      if (!isWalkedFileSystemName(entry.mnt_type)) continue;
       if (fanotify_mark(monitor.group, FAN_MARK_ADD | FAN_MARK_FILESYSTEM, FAN_OPEN_EXEC_PERM,
                         AT_FDCWD, entry.mnt_dir) == 0 ||
           fanotify_mark(monitor.group, FAN_MARK_ADD | FAN_MARK_MOUNT, FAN_OPEN_EXEC_PERM, AT_FDCWD,

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <linux/auto_fs.h>
+#include <linux/fuse.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/ioctl.h>
@@ -16,6 +17,7 @@
 #include <atomic>
 #include <cstdlib>
 #include <ctime>
+#include <functional>
 #include <set>
 #include <string>
 #include <thread>
@@ -102,6 +104,22 @@ class ScanRoot : public ::testing::Test {
     std::set<std::string> names;
     for (const InventoryRecord& record : scan()) names.insert(record.name);
     return names;
+  }
+  // Walks while watching `requests`, where whatever the walk asks of a mount shows; when something
+  // shows, `release` lets the waiting walk go on. Whether it asked; `names` gets the records'
+  // names.
+  bool walkAsks(int requests, const std::function<void()>& release, std::set<std::string>* names) {
+    std::atomic<bool> walked{false};
+    std::thread walk([&] {
+      *names = scannedNames();
+      walked = true;
+    });
+    pollfd request{requests, POLLIN, 0};
+    bool asked = false;
+    while (!walked && !asked) asked = poll(&request, 1, 20) > 0;
+    if (asked) release();
+    walk.join();
+    return asked;
   }
 
   test::TempDir root_;
@@ -398,18 +416,10 @@ TEST_F(ScanRoot, MountsNothingAnAutomounterWouldMount) {
     const AutomountHold hold(point);
     EXPECT_GE(hold.mountFd, 0) << "the automount cannot be held: " << strerror(errno);
     if (hold.mountFd >= 0) {
-      std::atomic<bool> walked{false};
       std::set<std::string> names;
-      std::thread walk([&] {
-        names = scannedNames();
-        walked = true;
-      });
-      pollfd request{requests[0], POLLIN, 0};
-      bool asked = false;
-      while (!walked && !asked) asked = poll(&request, 1, 20) > 0;
-      if (asked) hold.giveUp();
-      walk.join();
-      EXPECT_FALSE(asked) << "the walk asked for the share to be mounted";
+      EXPECT_FALSE(walkAsks(
+          requests[0], [&] { hold.giveUp(); }, &names))
+          << "the walk asked for the share to be mounted";
       EXPECT_EQ(names, std::set<std::string>{"tool"});
     }
     umount2(point.c_str(), MNT_DETACH);
@@ -418,6 +428,72 @@ TEST_F(ScanRoot, MountsNothingAnAutomounterWouldMount) {
   waitpid(daemon, nullptr, 0);
   close(requests[0]);
   if (!mounted) GTEST_SKIP() << "no automount can be made here: " << strerror(mountError);
+}
+
+// Answers the kernel's opening request on the device of a file system served by a process, as
+// that process would. Whether it could.
+bool answerHandshake(int device) {
+  std::vector<char> request(FUSE_MIN_READ_BUFFER);
+  fuse_in_header in;
+  if (read(device, request.data(), request.size()) < static_cast<ssize_t>(sizeof in)) return false;
+  memcpy(&in, request.data(), sizeof in);
+  if (in.opcode != FUSE_INIT) return false;
+  struct {
+    fuse_out_header header;
+    fuse_init_out init;
+  } reply{};
+  reply.header.len = sizeof reply;
+  reply.header.unique = in.unique;
+  reply.init.major = FUSE_KERNEL_VERSION;
+  reply.init.minor = FUSE_KERNEL_MINOR_VERSION;
+  reply.init.max_write = 4096;
+  return write(device, &reply, sizeof reply) == static_cast<ssize_t>(sizeof reply);
+}
+
+// A file system the walk does not walk is left without a look, whatever serves it: a look could
+// wait for ever on a share whose server is down. Here one served by a process of its own that has
+// answered its opening handshake and nothing more: a question the walk asked shows on its device,
+// and closing the device then breaks the connection off so that the walk ends.
+TEST_F(ScanRoot, AsksNothingOfAFileSystemItDoesNotWalk) {
+  write("bin/tool", elf(2, 2, 62));
+  root_.makeDirs("remote");
+  const std::string point = root_.file("remote");
+  int device = open("/dev/fuse", O_RDWR | O_CLOEXEC);
+  const std::string options =
+      "fd=" + std::to_string(device) + ",rootmode=40000,user_id=0,group_id=0";
+  if (device < 0 || mount("scan-test", point.c_str(), "fuse.scan-test", MS_NOSUID | MS_NODEV,
+                          options.c_str()) != 0) {
+    const int error = errno;
+    if (device >= 0) close(device);
+    GTEST_SKIP() << "no file system of a process can be mounted here: " << strerror(error);
+  }
+  EXPECT_TRUE(answerHandshake(device));
+  std::set<std::string> names;
+  auto breakOff = [&] {
+    close(device);
+    device = -1;
+  };
+  EXPECT_FALSE(walkAsks(device, breakOff, &names)) << "the walk asked the file system a question";
+  EXPECT_EQ(names, std::set<std::string>{"tool"});
+  umount2(point.c_str(), MNT_DETACH);
+  if (device >= 0) close(device);
+}
+
+// What is mounted last at a point stands: a memory file system mounted over by a local directory
+// is walked again, and its program is recorded twice.
+TEST_F(ScanRoot, WalksWhatIsMountedLastAtAPoint) {
+  write("local/tool", elf(2, 2, 62));
+  root_.makeDirs("point");
+  const std::string point = root_.file("point");
+  if (mount("scan-test", point.c_str(), "tmpfs", 0, nullptr) != 0) {
+    GTEST_SKIP() << "no file system can be mounted here: " << strerror(errno);
+  }
+  const bool bound =
+      mount(root_.file("local").c_str(), point.c_str(), nullptr, MS_BIND, nullptr) == 0;
+  EXPECT_TRUE(bound) << strerror(errno);
+  EXPECT_EQ(scan().size(), bound ? 2u : 1u);
+  if (bound) umount2(point.c_str(), MNT_DETACH);
+  umount2(point.c_str(), MNT_DETACH);
 }
 
 TEST(Searcher, KnownFilesFileLayout) {
