@@ -152,16 +152,8 @@ int afterSleep(int slept) {
       SLM_TRACE(0, "ERROR - Signaled normal state in inventory thread");
       return 0;
     default:
-      (void)setSlmThreadStatus(cmd_thread, SLM_THREAD_RUNNING);
+      (void)clearBusyMark(cmd_thread);
       return 0;
-  }
-}
-
-// A wake-up asked for while a command ran has been seen by now; a stop request stays.
-void backToNormal() {
-  int32_t status = SLM_THREAD_RUNNING;
-  if (getSlmThreadStatus(cmd_thread, &status) == kSlmThreadOk && status == SLM_THREAD_BUSY) {
-    (void)setSlmThreadStatus(cmd_thread, SLM_THREAD_RUNNING);
   }
 }
 
@@ -373,7 +365,8 @@ int slmAgentCommandsFunction() {
       Command command{};
       int32_t wait = 0;
       int chosen = actualCommand(&command, &wait);
-      backToNormal();
+      // A wake-up asked for while a command ran has been seen by now; a stop request stays.
+      (void)clearBusyMark(cmd_thread);
       if (chosen == kCommandDue) {
         SLM_TRACE(3, " - exec %d command", commandNumber(command.function));
         int result = command.function(&command);

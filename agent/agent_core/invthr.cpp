@@ -279,7 +279,8 @@ void reloadAfterUpdate(bool beforeSend, bool resultWaiting, CalendarEvent* scanE
   } else {
     setSendEvent({now() - 1, now() - 1, send_period});
   }
-  (void)setSlmThreadStatus(inv_thread, SLM_THREAD_RUNNING);
+  // A stop asked for since the wake-up stays, and ends the thread at its next sleep.
+  (void)clearBusyMark(inv_thread);
 }
 
 constexpr int kThreadEnds = 0;

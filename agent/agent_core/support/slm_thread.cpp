@@ -330,4 +330,14 @@ int forceSetSlmThreadStatus(SlmThread* thread, int32_t status) {
   return storeStatus(thread, status, false);
 }
 
+int clearBusyMark(SlmThread* thread) {
+  if (thread == nullptr || isItMe(thread->osThread) != kIsMe) return kSlmThreadError;
+  if (lockMutexTimeout(thread->statusMutex, kStatusLockTries) != kMutexAcquired)
+    return kSlmThreadError;
+  const bool busy = thread->status == SLM_THREAD_BUSY;
+  if (busy) thread->status = SLM_THREAD_RUNNING;
+  unlockMutex(thread->statusMutex);
+  return busy ? kSlmThreadOk : kNotBusy;
+}
+
 }  // namespace slm

@@ -113,5 +113,11 @@ constexpr int32_t kStatusLockTries = 1000;
 int setSlmThreadStatus(SlmThread* thread, int32_t status);
 // Sets any value unconditionally, waking the thread unless the caller is the thread. 0 or -1.
 int forceSetSlmThreadStatus(SlmThread* thread, int32_t status);
+// The worker's own way back from SLM_THREAD_BUSY once it has taken its new work: in one step under
+// the status mutex, so that a stop request made since the worker saw the mark is never cleared
+// with it. 0 when the mark was cleared, 1 when the status was not SLM_THREAD_BUSY (left as it is),
+// -1 on error or when the caller is not the thread.
+constexpr int kNotBusy = 1;
+int clearBusyMark(SlmThread* thread);
 
 }  // namespace slm

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <sched.h>
 
 #include <atomic>
 
@@ -17,9 +18,11 @@ struct Seen {
   static inline SlmThread* worker = nullptr;
   static inline std::atomic<int> initCalls, initResult, stopCalls, cleanCalls, cleanResult,
       workHandled, clearBusy;
+  static inline std::atomic<bool> holdWork;
   static void reset() {
     worker = nullptr;
     initCalls = initResult = stopCalls = cleanCalls = cleanResult = workHandled = clearBusy = 0;
+    holdWork = false;
   }
   static int countingInit() { return ++initCalls, initResult.load(); }
   static int countingStop() { return ++stopCalls, 0; }
@@ -76,8 +79,9 @@ int cooperativeBody() {
     sleepSlmThread(Seen::worker, 600);
     if (getSlmThreadStatus(Seen::worker, &status) || status == SLM_THREAD_STOPPED) return 0;
     if (status == SLM_THREAD_BUSY) {
-      Seen::clearBusy = setSlmThreadStatus(Seen::worker, SLM_THREAD_RUNNING);
       ++Seen::workHandled;
+      while (Seen::holdWork.load()) sched_yield();
+      Seen::clearBusy = clearBusyMark(Seen::worker);
     }
   }
 }
@@ -92,7 +96,18 @@ TEST(SlmThread, WorkerIsWokenForWorkAndStopsInTime) {
   ASSERT_TRUE(waitUntil([&] { return statusOf(worker) == SLM_THREAD_RUNNING; }));
   ASSERT_EQ(kSlmThreadOk, setSlmThreadStatus(worker, SLM_THREAD_BUSY));
   ASSERT_TRUE(waitUntil([&] { return Seen::workHandled.load() == 1; }));
+  ASSERT_TRUE(waitUntil([&] { return statusOf(worker) == SLM_THREAD_RUNNING; }));
   EXPECT_EQ(kSlmThreadOk, Seen::clearBusy.load());
+  EXPECT_EQ(kSlmThreadError, clearBusyMark(worker));  // only the worker clears its mark
+  // A stop asked for while the worker takes its work is not cleared with the busy mark.
+  Seen::holdWork = true;
+  ASSERT_EQ(kSlmThreadOk, setSlmThreadStatus(worker, SLM_THREAD_BUSY));
+  ASSERT_TRUE(waitUntil([&] { return Seen::workHandled.load() == 2; }));
+  ASSERT_EQ(kSlmThreadOk, forceSetSlmThreadStatus(worker, SLM_THREAD_STOPPED));
+  Seen::clearBusy = -100;
+  Seen::holdWork = false;
+  ASSERT_TRUE(waitUntil([&] { return Seen::clearBusy.load() == kNotBusy; }));
+  EXPECT_EQ(SLM_THREAD_STOPPED, statusOf(worker));
   EXPECT_EQ(kOsThreadEnded, stopSlmThread(worker));
   EXPECT_EQ(1, Seen::stopCalls.load());
   EXPECT_EQ(SLM_THREAD_STOPPED, statusOf(worker));
