@@ -112,8 +112,10 @@ PLUG_IN_FAILED = "ERROR - Error init http request, service: 2"
 # of these lines varies; the stop line comes last.
 LEVEL_0_TRACE = ["Unable to open /proc/devices, errno: 2", "Could not delete old drivers",
                  "CMDS - No self update to do (time: 0)", "ERROR - no http handle", PLUG_IN_FAILED]
-WITH_BUILTIN_MONITOR = ["DRIVER CLOSED", "ERROR  - Reading Driver: nBytesRead 0 drv_errno 0",
-                        "Driver errno reading 0"]
+# The stop's close cuts the monitor's read short; a monitor stopped while it was still opening the
+# device finds nothing to read and closes the device itself.
+WITH_BUILTIN_MONITOR = (["DRIVER CLOSED", "ERROR  - Reading Driver: nBytesRead 0 drv_errno 0",
+                         "Driver errno reading 0"], ["DRIVER CLOSED", "DRIVER CLOSED"])
 WITHOUT_MONITOR = ["ERROR - The built-in exec monitor is not available on this kernel",
                    "Found driver status 3 exiting", "Error creating monitor thread"]
 
@@ -133,8 +135,8 @@ def test_daemon_honours_trace_level(agent_root, level, expected):
     agent_root.stop_daemon(pid)
     texts = messages(agent_root.trace_text())
     if isinstance(expected, list):
-        monitor = WITH_BUILTIN_MONITOR if "DRIVER CLOSED" in texts else WITHOUT_MONITOR
-        assert sorted(texts[:-1]) == sorted(expected + monitor)
+        monitors = WITH_BUILTIN_MONITOR if "DRIVER CLOSED" in texts else (WITHOUT_MONITOR,)
+        assert sorted(texts[:-1]) in [sorted(expected + monitor) for monitor in monitors]
         assert texts[-1] == "OK - Agent stopped"
     else:
         assert expected in texts
