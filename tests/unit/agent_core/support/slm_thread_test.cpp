@@ -94,10 +94,11 @@ TEST(SlmThread, WorkerIsWokenForWorkAndStopsInTime) {
   EXPECT_EQ(kSlmThreadError, startSlmThread(worker));
   EXPECT_EQ(kSlmThreadError, cleanSlmThread(worker));
   ASSERT_TRUE(waitUntil([&] { return statusOf(worker) == SLM_THREAD_RUNNING; }));
+  Seen::clearBusy = -100;
   ASSERT_EQ(kSlmThreadOk, setSlmThreadStatus(worker, SLM_THREAD_BUSY));
-  ASSERT_TRUE(waitUntil([&] { return Seen::workHandled.load() == 1; }));
-  ASSERT_TRUE(waitUntil([&] { return statusOf(worker) == SLM_THREAD_RUNNING; }));
-  EXPECT_EQ(kSlmThreadOk, Seen::clearBusy.load());
+  ASSERT_TRUE(waitUntil([&] { return Seen::clearBusy.load() == kSlmThreadOk; }));
+  EXPECT_EQ(1, Seen::workHandled.load());
+  EXPECT_EQ(SLM_THREAD_RUNNING, statusOf(worker));
   EXPECT_EQ(kSlmThreadError, clearBusyMark(worker));  // only the worker clears its mark
   // A stop asked for while the worker takes its work is not cleared with the busy mark.
   Seen::holdWork = true;
