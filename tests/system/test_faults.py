@@ -570,7 +570,7 @@ def start_faulty_run(chain: Chain, run: int, services: list) -> Daemon:
     if chain.kind == "down" and run > 1:
         # Down only once the held answer is made: a stop that closes the server's state under a
         # request still being answered would drop that exchange too, and with it the parameters
-        # that bring the run's inventory send and its failure within the wait.
+        # that time the run's services within the wait.
         assert wait_for(lambda: chain.requests(first, answered=True) > asked, timeout=30)
         chain.server.stop()
     wait_for(lambda: all(chain.failed(s) or (chain.kind, s) in ANSWERED for s in services),
