@@ -23,6 +23,7 @@
 #include "agent_core/communication/service_call.h"
 #include "agent_core/communication/slm.h"
 #include "agent_core/data/inventory_record.h"
+#include "agent_core/security_settings.h"
 #include "agent_core/slm_conf.h"
 #include "agent_core/support/bytes.h"
 #include "agent_core/support/file_handle.h"
@@ -144,6 +145,7 @@ bool signedDownload(ServerAddress entry, const char* directory) {
 // Brings the agent back after an installer that failed. 0, or -1 when it cannot be.
 int recoverFromUpdate() {
   int loaded = loadConfigurationFile(conf_file);
+  if (loaded == kConfigurationLoaded) readSecuritySettings();
   if (loaded != kConfigurationLoaded) {
     SLM_TRACE(0, "ERROR - Main loading '%s' not loaded", kConfFileName);
   } else if (initAgentInfo() != kAgentValueOk) {

@@ -18,6 +18,7 @@
 #include "agent_core/communication/service.h"
 #include "agent_core/communication/slm.h"
 #include "agent_core/message/format_msg.h"
+#include "agent_core/security_settings.h"
 #include "agent_core/slm_conf.h"
 #include "agent_core/support/bytes.h"
 #include "agent_core/support/file_handle.h"
@@ -605,6 +606,7 @@ int slmAgentInventoryOnDemand(int actions, const char* traceFile, int32_t traceL
     printMessage(stdout, catalogue, kMsgAgentInitFailed, kAgentValueFailed);
     fputc('\n', stdout);
   } else {
+    readSecuritySettings();
     result = runOnDemandActions(actions, catalogue);
   }
   deleteConfigurationVariables();

@@ -1,4 +1,4 @@
-// The reader of the agent's configuration file: key=value lines with sixteen known keys, loaded
+// The reader of the agent's configuration file: key=value lines with twenty known keys, loaded
 // once at start-up into a process-wide list of texts and freed again before the worker threads
 // need anything from it. Loading, look-ups and freeing all run on the thread that starts the agent
 // (or an on-demand run), so the list has no lock.
@@ -9,16 +9,30 @@
 
 namespace slm {
 
-constexpr int kConfigurationKeyCount = 16;
-// The keys in the order in which a line is tried against them. The last chooses the exec monitor
-// of today's kernels; it is tried last so that the other keys read as they always have.
-constexpr const char* kConfigurationKeys[kConfigurationKeyCount] = {
-    "agentid",     "divisionid",      "tag",
-    "customer",    "server",          "port",
-    "path",        "server_security", "use_proxy",
-    "proxy",       "proxy_port",      "proxy_security",
-    "trace_level", "trace_size",      "driver_conf_file",
-    "exec_monitor"};
+constexpr int kConfigurationKeyCount = 20;
+// The keys in the order in which a line is tried against them. The last five (the exec monitor of
+// today's kernels, the self-update's rule and the bounds on what the agent takes in) come last so
+// that the other keys read as they always have.
+constexpr const char* kConfigurationKeys[kConfigurationKeyCount] = {"agentid",
+                                                                    "divisionid",
+                                                                    "tag",
+                                                                    "customer",
+                                                                    "server",
+                                                                    "port",
+                                                                    "path",
+                                                                    "server_security",
+                                                                    "use_proxy",
+                                                                    "proxy",
+                                                                    "proxy_port",
+                                                                    "proxy_security",
+                                                                    "trace_level",
+                                                                    "trace_size",
+                                                                    "driver_conf_file",
+                                                                    "exec_monitor",
+                                                                    "self_update",
+                                                                    "max_catalog_mb",
+                                                                    "max_download_mb",
+                                                                    "max_scan_records"};
 
 constexpr size_t kConfigurationKeyField = 50;     // key text, terminated: at most 49 characters
 constexpr size_t kConfigurationValueChars = 200;  // value text, at most 200 characters

@@ -9,6 +9,7 @@
 #include "agent_core/cache/cache.h"
 #include "agent_core/communication/comm_init.h"
 #include "agent_core/message/nls.h"
+#include "agent_core/security_settings.h"
 #include "agent_core/slm_conf.h"
 #include "agent_core/support/trace.h"
 #include "kernel/linux/agent/monitor_select.h"
@@ -73,6 +74,7 @@ int serviceInitialization() {
     return kInitFailed;
   }
   applyTraceSettings();
+  readSecuritySettings();
 
   SLM_TRACE(1, " - Loading agent properties");
   if (initAgentInfo() == 0) {
