@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <new>
 
 #include "agent_core/cache/agent.h"
 #include "agent_core/cache/lat.h"
@@ -23,11 +24,12 @@
 #include "agent_core/communication/service_call.h"
 #include "agent_core/communication/slm.h"
 #include "agent_core/data/inventory_record.h"
+#include "agent_core/install_command.h"
 #include "agent_core/security_settings.h"
 #include "agent_core/slm_conf.h"
 #include "agent_core/support/bytes.h"
 #include "agent_core/support/file_handle.h"
-#include "agent_core/support/shell_runner.h"
+#include "agent_core/support/program_runner.h"
 #include "agent_core/support/slm_thread.h"
 #include "agent_core/support/trace.h"
 #include "agent_core/verifySign.h"
@@ -69,77 +71,93 @@ void uploadRecordOf(const UnknownFileEntry& entry, InventoryRecord* record) {
   blankTexts(record);
 }
 
-// Makes sure the temporary directory exists. False after the failure's message.
-bool temporaryDirectoryReady() {
-  struct stat status;
-  if (stat(tempDir, &status) == 0) {
-    SLM_TRACE(2, "OK - Directory %s exists (errno=%d)", tempDir, 0);
-    return true;
+// Downloads the entry's file and its signature into `directory` and checks one against the other.
+// The file keeps its name only when it passed; the signature file goes away in every case.
+bool signedDownload(ServerAddress entry, const char* directory) {
+  char filePath[kPathSize];
+  char signaturePath[kLocalPathSize];
+  copyBounded(filePath, sizeof filePath - 1, directory);
+  switch (fetchSignedFile(&entry, filePath, sizeof filePath, signaturePath)) {
+    case kSignedFileValid:
+      return true;
+    case kSignedFileNotDownloaded:
+    case kSignatureNotDownloaded:
+      SLM_TRACE(0, "ERROR - Check for new agent");
+      break;
+    case kSignatureNotOpened:
+      SLM_TRACE(0, "ERROR - Opening signature file %s error", signaturePath);
+      break;
+    case kSignatureTooShort:
+      SLM_TRACE(0, "ERROR - Signature file %s error", signaturePath);
+      break;
+    case kSignedFileNotOpened:
+      SLM_TRACE(0, "ERROR - Opening file %s error", filePath);
+      break;
+    case kSignedFileNotSaved:
+      SLM_TRACE(0, "ERROR - Saving %s, retval %d", filePath, -1);
+      break;
+    default:
+      SLM_TRACE(0, "ERROR - Signature check failed for %s, %s", filePath, signaturePath);
   }
-  if (errno != ENOENT) {
-    SLM_TRACE(2, "OK - Directory %s exists (errno=%d)", tempDir, errno);
-    return true;
-  }
-  SLM_TRACE(3, "OK - Directory %s doesn't exist, need to create (errno=%d)", tempDir, errno);
-  if (mkdir(tempDir, 0700) == 0) {
-    SLM_TRACE(2, "OK - Directory %s created (errno=%d)", tempDir, 0);
-    return true;
-  }
-  if (errno == EEXIST) {
-    SLM_TRACE(2,
-              "WARNING - Stat says directory doesn't %s exists but mkdir says it does (errno=%d)",
-              tempDir, errno);
-    return true;
-  }
-  SLM_TRACE(0, "ERROR - Could'nt create directory %s, %s %d", tempDir, "error: ", errno);
   return false;
 }
 
-// Downloads the entry's file and its signature into `directory` and checks one against the other.
-// The signature file goes away in every case.
-bool signedDownload(ServerAddress entry, const char* directory) {
-  char filePath[kPathSize];
-  char signaturePath[kPathSize];
-  copyBounded(filePath, sizeof filePath - 1, directory);
-  copyBounded(signaturePath, sizeof signaturePath - 1,
-              directory);  // both are cut as slmGetFile would
-  if (slmGetFile(&entry, filePath, sizeof filePath) != kDownloadDone) {
-    SLM_TRACE(0, "ERROR - Check for new agent");
+// Checks the installation command line against the files to be downloaded, as a self-update
+// without a shell needs it. False after an ERROR line naming the rule broken.
+bool installCommandAccepted(const char* commandLine, SlmList* files, InstallCommand* command) {
+  const size_t count = static_cast<size_t>(entries(files));
+  // A one-character name is stored under the host and port, so a name may outgrow a path.
+  constexpr size_t kNameSize = 2 * kServerPathSize;
+  std::unique_ptr<char[]> names(new (std::nothrow) char[count * kNameSize + 1]);
+  std::unique_ptr<const char*[]> pointers(new (std::nothrow) const char*[count + 1]);
+  if (names == nullptr || pointers == nullptr) {
+    SLM_TRACE(0, "ERROR - Check for new agent creating list");
     return false;
   }
-  size_t pathLength = strlen(entry.path);
-  copyBounded(entry.path + pathLength, sizeof entry.path - 1 - pathLength, ".sign");
-  if (slmGetFile(&entry, signaturePath, sizeof signaturePath) != kDownloadDone) {
-    SLM_TRACE(0, "ERROR - Check for new agent");
-    remove(signaturePath);
-    return false;
+  size_t n = 0;
+  for (void* item = getNext(files, nullptr); item != nullptr; item = getNext(files, item), ++n) {
+    char* name = names.get() + n * kNameSize;
+    name[0] = '\0';
+    appendLocalName(static_cast<const ServerAddress*>(item), name, kNameSize);
+    pointers[n] = name;
   }
-  uint8_t signature[kSignatureSize + 1];
-  size_t got = 0;
-  {
-    FileHandle file(fopen(signaturePath, "rb"));
-    if (file == nullptr) {
-      SLM_TRACE(0, "ERROR - Opening signature file %s error", signaturePath);
-      remove(signaturePath);
-      return false;
-    }
-    got = fread(signature, 1, sizeof signature, file.get());
+  size_t badWord = 0;
+  switch (splitInstallCommand(commandLine, tempDir, pointers.get(), n, command, &badWord)) {
+    case kInstallCommandAccepted:
+      return true;
+    case kInstallCommandNotDownloaded:
+      SLM_TRACE(0,
+                "ERROR - Update command refused: its program '%s' is not one of the files "
+                "downloaded into %s",
+                command->argv[0], tempDir);
+      break;
+    case kInstallCommandBadWord:
+      SLM_TRACE(0,
+                "ERROR - Update command refused: word %d '%s' holds a character other than "
+                "A-Z a-z 0-9 . _ , = / : + -",
+                static_cast<int>(badWord + 1), command->argv[badWord]);
+      break;
+    default:
+      SLM_TRACE(0, "ERROR - Update command refused: it names no program");
   }
-  remove(signaturePath);
-  if (got != kSignatureSize) {
-    SLM_TRACE(0, "ERROR - Signature file %s error", signaturePath);
-    return false;
+  return false;
+}
+
+// Makes the downloaded program executable, as "chmod +x" would. The same trace line either way.
+void makeExecutable(const char* directory, const char* programName) {
+  char program[kPathSize + kNewAgentCommandSize];
+  snprintf(program, sizeof program, "%s%s", directory, programName);
+  if (securitySettings().selfUpdate == SelfUpdateMode::kLegacy) {
+    char chmod[sizeof program + 16];
+    snprintf(chmod, sizeof chmod, "chmod +x %s", program);
+    int chmodStatus = runShellCommand(chmod);
+    SLM_TRACE(1, "Executed command: %s; exit %d", chmod, chmodStatus);
+    return;
   }
-  FileHandle file(fopen(filePath, "rb"));
-  if (file == nullptr) {
-    SLM_TRACE(0, "ERROR - Opening file %s error", filePath);
-    return false;
-  }
-  if (verifySignature(file.get(), signature) != kSignatureValid) {
-    SLM_TRACE(0, "ERROR - Signature check failed for %s, %s", filePath, signaturePath);
-    return false;
-  }
-  return true;
+  struct stat status;
+  int failed = lstat(program, &status) != 0 || !S_ISREG(status.st_mode) ||
+               ::chmod(program, (status.st_mode & 07777) | 0111) != 0;
+  SLM_TRACE(1, "Executed command: chmod +x %s; exit %d", program, failed);
 }
 
 // Brings the agent back after an installer that failed. 0, or -1 when it cannot be.
@@ -388,7 +406,9 @@ int slmAgentDownloadParametersCommand(Command* command) {
   }
 
   const int32_t maxPeriod = words[17];
-  if (words[kParameterUpdateEnableWord] != 1) {
+  // With self-update off the server's word is not asked: the command is never queued.
+  if (words[kParameterUpdateEnableWord] != 1 ||
+      securitySettings().selfUpdate == SelfUpdateMode::kOff) {
     if (isCommandQueued(slmAgentCheckForNewAgentCommand)) {
       (void)dequeueCommand(slmAgentCheckForNewAgentCommand);
     }
@@ -415,12 +435,17 @@ int slmAgentDownloadParametersCommand(Command* command) {
 }
 
 int slmAgentCheckForNewAgentCommand(Command*) {
+  const SelfUpdateMode mode = securitySettings().selfUpdate;
+  if (mode == SelfUpdateMode::kOff) {
+    SLM_TRACE(1, "WARNING - Self-update is off (%s=off): nothing checked", kSelfUpdateKey);
+    return kCommandDone;
+  }
   ListHandle files = makeList(sizeof(ServerAddress));
   if (files == nullptr) {
     SLM_TRACE(0, "ERROR - Check for new agent creating list");
     return kCommandRequeue;
   }
-  if (!temporaryDirectoryReady()) return kCommandRequeue;
+  if (prepareTemporaryDirectory() != kTempDirReady) return kCommandRequeue;
 
   char commandLine[kNewAgentCommandSize];
   copyBounded(commandLine, sizeof commandLine - 1, tempDir);
@@ -447,6 +472,13 @@ int slmAgentCheckForNewAgentCommand(Command*) {
     return kCommandRequeue;
   }
   const char* programName = slash + 1;
+  // Without a shell, the words are checked before anything is fetched: a command line that could
+  // run anything but a verified download never gets that far.
+  InstallCommand command{};
+  if (mode == SelfUpdateMode::kStrict &&
+      !installCommandAccepted(commandLine, files.get(), &command)) {
+    return kCommandRequeue;
+  }
 
   if (initSlmRSAContext() != kRsaContextReady) {
     SLM_TRACE(0, "ERROR - Unable to set the context");
@@ -471,13 +503,11 @@ int slmAgentCheckForNewAgentCommand(Command*) {
   (void)saveParameter(kParameterSecondsToUpdate, -1);
 
   SLM_TRACE(0, "WARNING - Launching \"%s\" for new agent installation", commandLine);
-  char chmod[kPathSize + kNewAgentCommandSize];
-  snprintf(chmod, sizeof chmod, "chmod +x %s%s", directory, programName);
-  int chmodStatus = runShellCommand(chmod);
-  SLM_TRACE(1, "Executed command: %s; exit %d", chmod, chmodStatus);
+  makeExecutable(directory, programName);
   SLM_TRACE(1, "Update command: %s", commandLine);
   stopTrace();
-  int status = runShellCommand(commandLine);
+  int status = mode == SelfUpdateMode::kLegacy ? runShellCommand(commandLine)
+                                               : runProgram(command.argv, fixedEnvironment());
   // A restart finds the stopped trace still recorded and leaves it be; the trace goes on where it
   // stopped, so that what follows the installer is not lost.
   if (restartTrace() != 1) (void)resumeTrace();

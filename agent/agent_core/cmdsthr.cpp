@@ -12,6 +12,7 @@
 #include "agent_core/communication/service.h"
 #include "agent_core/communication/service_call.h"
 #include "agent_core/communication/slm.h"
+#include "agent_core/security_settings.h"
 #include "agent_core/support/arena.h"
 #include "agent_core/support/slm_lock.h"
 #include "agent_core/support/slm_thread.h"
@@ -173,7 +174,9 @@ int slmAgentInitCommands() {
 
   int32_t toUpdate = 0;
   if (loadParameter(kParameterSecondsToUpdate, &toUpdate) != kParameterOk) toUpdate = 0;
-  if (toUpdate < 1) {
+  if (securitySettings().selfUpdate == SelfUpdateMode::kOff) {
+    SLM_TRACE(1, "CMDS - Self-update is off (%s=off)", kSelfUpdateKey);
+  } else if (toUpdate < 1) {
     SLM_TRACE(0, "CMDS - No self update to do (time: %d)", toUpdate);
   } else {
     SLM_TRACE(1, "CMDS - Loading the update period: %d", toUpdate);

@@ -65,7 +65,7 @@ void storeValue(const char* text, char* value) {
 }  // namespace
 
 int loadConfigurationFile(const char* path) {
-  FileHandle file(fopen(path, "r"));
+  FileHandle file(fopen(path, "re"));
   if (!file) return kConfigurationCannotOpen;
   if (configuration) return kConfigurationRefused;
   try {

@@ -68,8 +68,8 @@ def servers(agent_root, tmp_path):
             server.server.stop()
 
 
-def run_agent(agent_root, server: Server) -> int:
-    agent_root.write_configuration(port=str(server.port), trace_level="3")
+def run_agent(agent_root, server: Server, **settings: str) -> int:
+    agent_root.write_configuration(port=str(server.port), trace_level="3", **settings)
     return agent_root.start_daemon()
 
 
@@ -300,10 +300,11 @@ def installer_runs(agent_root) -> list[str]:
         return []
 
 
-def test_self_update_runs_the_installer(agent_root, servers, tmp_path):
+@pytest.mark.parametrize("self_update", ["strict", "legacy"])
+def test_self_update_runs_the_installer(agent_root, servers, tmp_path, self_update):
     pid_file = agent_root.path / "daemon.pid"
     server = servers(update_scenario(agent_root, tmp_path, f'kill -TERM "$(cat {pid_file})"'))
-    pid = run_agent(agent_root, server)
+    pid = run_agent(agent_root, server, self_update=self_update)
     pid_file.write_text(str(pid))
     assert wait_for(lambda: not agent_root.daemon_pids(), timeout=30)
     assert installer_runs(agent_root) == ["-q"]

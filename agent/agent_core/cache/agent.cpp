@@ -416,9 +416,9 @@ int saveParameter(int32_t id, int32_t value) {
   if (!validParameterId(id)) return kParameterFailed;
   char path[kCachePathSize];
   cacheFilePath(kAgentDatName, path);
-  FileHandle file(fopen(path, "r+b"));
+  FileHandle file(fopen(path, "r+be"));
   if (file == nullptr) {
-    file.reset(fopen(path, "w+b"));
+    file.reset(fopen(path, "w+be"));
     if (file == nullptr) return kParameterFailed;
     // A new file holds two zero slots and then the length of its own path, which is what slot 3
     // reads until it is first written.
@@ -439,7 +439,7 @@ int loadParameter(int32_t id, int32_t* value) {
   if (!validParameterId(id) || value == nullptr) return kParameterFailed;
   char path[kCachePathSize];
   cacheFilePath(kAgentDatName, path);
-  FileHandle file(fopen(path, "rb"));
+  FileHandle file(fopen(path, "rbe"));
   if (file == nullptr) return kParameterFailed;
   uint8_t slot[kAgentDatSlotSize];
   if (fseek(file.get(), static_cast<long>(agentDatSlotOffset(id)), SEEK_SET) != 0 ||

@@ -40,7 +40,7 @@ void newFilePath(const char* path, char* out) {
 FILE* createCacheFile(const char* path) {
   char newPath[kNewCachePathSize];
   newFilePath(path, newPath);
-  return fopen(newPath, "wb");
+  return fopen(newPath, "wbe");
 }
 
 bool commitCacheFile(FILE* file, const char* path) {
@@ -131,7 +131,7 @@ int testCacheVersion(int32_t fileId, const CacheVersion& read) {
 }
 
 int openCacheFile(const char* path, int32_t fileId, FILE** file, int64_t* timestamp) {
-  FileHandle handle(fopen(path, "rb"));
+  FileHandle handle(fopen(path, "rbe"));
   if (handle == nullptr) {
     *file = nullptr;
     return kCacheFileMissing;

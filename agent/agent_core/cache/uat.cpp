@@ -349,7 +349,7 @@ int printUATCache(const char* fileName, AgentTime fromTime) {
   // Replaced by a new file: a truncated and rewritten one is flushed to the disk when it is
   // closed, and the dump is rewritten after every change.
   remove(rootedFilePath(kLogDir, fileName, path));
-  FILE* file = fopen(path, "w");
+  FILE* file = fopen(path, "we");
   if (file == nullptr) return kUatFailed;
   if (uat.mutex == nullptr || lockMutex(uat.mutex) != kMutexOk) {
     fclose(file);

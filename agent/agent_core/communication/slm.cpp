@@ -5,6 +5,8 @@
 #include "agent_core/communication/slm.h"
 
 #include <errno.h>
+#include <fcntl.h>
+#include <unistd.h>
 
 #include <cctype>
 #include <cstdio>
@@ -61,7 +63,6 @@ constexpr size_t kEscapedUnitMax = 6;
 constexpr size_t kTimeLineMax = 255;
 constexpr size_t kTrailerTokenSize = 256;
 constexpr int kDownloadChunkSize = 4048;
-constexpr size_t kLocalPathSize = 4096;
 constexpr const char* kRequestFormatVersion = "1.0";
 constexpr const char* kRequestTagOpen = "<request:";
 constexpr const char* kRequestTagClose = "ok>\r\n";
@@ -110,9 +111,8 @@ void appendBounded(char* buffer, size_t size, const char* text) {
   copyBounded(buffer + used, size - 1 - used, text);
 }
 
-// Appends the local name of the server's file to `localPath`: the part of the path behind its
-// last "/" (the whole path when its only "/" starts it), or host and port when that part is one
-// character long, as for the path "/".
+}  // namespace
+
 void appendLocalName(const ServerAddress* server, char* localPath, size_t size) {
   const char* slash = strrchr(server->path, '/');
   const char* name = (slash == nullptr || slash == server->path) ? server->path : slash + 1;
@@ -125,6 +125,8 @@ void appendLocalName(const ServerAddress* server, char* localPath, size_t size) 
     appendBounded(localPath, size, name);
   }
 }
+
+namespace {
 
 struct HttpHandleDeleter {
   void operator()(HttpHandle* handle) const { freeHttpHandle(handle); }
@@ -296,7 +298,71 @@ int endSlmService(HttpHandle* handle) {
   }
 }
 
-int slmGetFile(const ServerAddress* server, char* localPath, size_t size) {
+namespace {
+
+// A download being written as NAME.part beside its final name, in a directory held open, so that
+// nobody can swap the directory or plant a link at the name meanwhile. The part file goes away
+// unless it is published under its name.
+class PartFile {
+ public:
+  PartFile() = default;
+  PartFile(const PartFile&) = delete;
+  PartFile& operator=(const PartFile&) = delete;
+  ~PartFile() {
+    if (directory_ < 0) return;
+    if (!published_) (void)unlinkat(directory_, partName_.c_str(), 0);
+    close(directory_);
+  }
+
+  // Creates the part file for `path` afresh: a part left by an earlier try is removed, never
+  // followed. The descriptor to write to, or -1 with errno set.
+  int create(const char* path) {
+    const char* slash = strrchr(path, '/');
+    std::string directory = slash == nullptr ? "." : std::string(path, slash - path + 1);
+    name_ = slash == nullptr ? path : slash + 1;
+    partName_ = name_ + kPartSuffix;
+    directory_ = open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (directory_ < 0) return -1;
+    (void)unlinkat(directory_, partName_.c_str(), 0);
+    return openat(directory_, partName_.c_str(),
+                  O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kDownloadMode);
+  }
+  // The finished part for reading, or null.
+  FILE* reopen() const {
+    int fd = openat(directory_, partName_.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+    FILE* file = fd < 0 ? nullptr : fdopen(fd, "rb");
+    if (file == nullptr && fd >= 0) close(fd);
+    return file;
+  }
+  // Gives the part its name, replacing whatever had it. False with errno set.
+  bool publish() {
+    if (renameat(directory_, partName_.c_str(), directory_, name_.c_str()) != 0) return false;
+    published_ = true;
+    return true;
+  }
+
+ private:
+  static constexpr const char* kPartSuffix = ".part";
+  static constexpr mode_t kDownloadMode = 0600;
+  int directory_ = -1;
+  std::string name_;
+  std::string partName_;
+  bool published_ = false;
+};
+
+bool writeAll(int fd, const char* data, size_t length) {
+  while (length > 0) {
+    ssize_t written = write(fd, data, length);
+    if (written < 0 && errno == EINTR) continue;
+    if (written <= 0) return false;
+    data += written;
+    length -= static_cast<size_t>(written);
+  }
+  return true;
+}
+
+// Fetches `server`'s path into the part file of the local name appended to `localPath`.
+int fetchToPart(const ServerAddress* server, char* localPath, size_t size, PartFile* part) {
   HttpHandlePtr handle(newHttpHandle(kHttpGet, server->path, kHttpVersion, server->host,
                                      server->port, default_time_out, 0));
   if (handle == nullptr) {
@@ -313,12 +379,14 @@ int slmGetFile(const ServerAddress* server, char* localPath, size_t size) {
   }
 
   appendLocalName(server, localPath, size);
-  FileHandle file(fopen(localPath, "wb"));
-  if (file == nullptr) {
+  int fd = part->create(localPath);
+  if (fd < 0) {
     SLM_TRACE(0, "ERROR - Couldn't open file %s for saving (errno=%d)", localPath, errno);
     return kDownloadFailed;
   }
+  FileDescriptor file(fd);
   char chunk[kDownloadChunkSize];
+  long bytes = 0;
   for (;;) {
     int got = getContentChunk(handle.get(), chunk, kDownloadChunkSize);
     if (got == kContentEnd) break;
@@ -326,44 +394,60 @@ int slmGetFile(const ServerAddress* server, char* localPath, size_t size) {
       SLM_TRACE(0, "ERROR - Getting Http content, error %d", got);
       return kDownloadFailed;
     }
-    size_t written = fwrite(chunk, 1, static_cast<size_t>(got), file.get());
-    if (written != static_cast<size_t>(got)) {
-      SLM_TRACE(0, "ERROR - Saving %s, retval %d", localPath, static_cast<int>(written));
+    if (!writeAll(fd, chunk, static_cast<size_t>(got))) {
+      SLM_TRACE(0, "ERROR - Saving %s, retval %d", localPath, -1);
       return kDownloadFailed;
     }
+    bytes += got;
   }
   // The server closing the connection is the end of the file.
-  long bytes = ftell(file.get());
-  if (fflush(file.get()) != 0) {
-    SLM_TRACE(0, "ERROR - Saving %s, retval %d", localPath, -1);
-    return kDownloadFailed;
-  }
   SLM_TRACE(2, "OK - Get %s, %d bytes in %s", server->path, static_cast<int>(bytes), localPath);
   return kDownloadDone;
 }
 
+}  // namespace
+
+int slmGetFile(const ServerAddress* server, char* localPath, size_t size) {
+  PartFile part;
+  int result = fetchToPart(server, localPath, size, &part);
+  if (result != kDownloadDone) return result;
+  if (!part.publish()) {
+    SLM_TRACE(0, "ERROR - Saving %s, retval %d", localPath, -1);
+    return kDownloadFailed;
+  }
+  return kDownloadDone;
+}
+
+int fetchSignedFile(ServerAddress* server, char* localPath, size_t size, char* signaturePath) {
+  copyBounded(signaturePath, kLocalPathSize - 1, localPath);
+  PartFile file;
+  if (fetchToPart(server, localPath, size, &file) != kDownloadDone) return kSignedFileNotDownloaded;
+  appendBounded(server->path, sizeof(server->path), kSignatureSuffix);
+  PartFile signatureFile;
+  if (fetchToPart(server, signaturePath, kLocalPathSize, &signatureFile) != kDownloadDone) {
+    return kSignatureNotDownloaded;
+  }
+  // The first 64 bytes are the signature; whatever follows them is not looked at.
+  uint8_t signature[kSignatureSize];
+  {
+    FileHandle stream(signatureFile.reopen());
+    if (stream == nullptr) return kSignatureNotOpened;
+    if (fread(signature, 1, sizeof signature, stream.get()) != sizeof signature) {
+      return kSignatureTooShort;
+    }
+  }
+  FileHandle stream(file.reopen());
+  if (stream == nullptr) return kSignedFileNotOpened;
+  if (verifySignature(stream.get(), signature) != kSignatureValid) return kSignatureMismatch;
+  if (!file.publish()) return kSignedFileNotSaved;
+  return kSignedFileValid;
+}
+
 int slmGetSignedFile(ServerAddress* server, char* localPath, size_t size) {
   char signaturePath[kLocalPathSize];
-  copyBounded(signaturePath, sizeof(signaturePath) - 1, localPath);
-  if (slmGetFile(server, localPath, size) != kDownloadDone) return kDownloadFailed;
-
-  appendBounded(server->path, sizeof(server->path), kSignatureSuffix);
-  if (slmGetFile(server, signaturePath, sizeof(signaturePath)) != kDownloadDone) {
-    return kDownloadFailed;
-  }
-
-  uint8_t signature[kSignatureSize];
-  size_t got = 0;
-  if (FileHandle file{fopen(signaturePath, "rb")})
-    got = fread(signature, 1, sizeof(signature), file.get());
-  if (got != sizeof(signature)) {
-    remove(signaturePath);
-    return kDownloadFailed;
-  }
-  int verdict = kSignatureInvalid;
-  if (FileHandle file{fopen(localPath, "rb")}) verdict = verifySignature(file.get(), signature);
-  remove(signaturePath);
-  return verdict == kSignatureValid ? kDownloadDone : kDownloadFailed;
+  return fetchSignedFile(server, localPath, size, signaturePath) == kSignedFileValid
+             ? kDownloadDone
+             : kDownloadFailed;
 }
 
 }  // namespace slm

@@ -106,21 +106,46 @@ constexpr int kServerInternalError = -999;
 // or a communication status other than 0.
 int endSlmService(HttpHandle* handle);
 
+// Appends the local name of the server's file to `localPath` (a buffer of `size` bytes): the part
+// of the path behind its last "/" (the whole path when its only "/" starts it), or host and port
+// when that part is one character long, as for the path "/".
+void appendLocalName(const ServerAddress* server, char* localPath, size_t size);
+
 constexpr int kDownloadDone = 1;
 constexpr int kDownloadFailed = 0;
 constexpr int kDownloadNoAnswer = -1;
 
 // Fetches `server`'s path into the directory text in `localPath` (a buffer of `size` bytes), to
 // which the file's local name is appended: the part of the path behind its last "/", or the
-// server's host and port when that part is a single character. kDownloadDone once the server has
-// closed the connection after the body; kDownloadNoAnswer when no 2xx answer came; else
-// kDownloadFailed.
+// server's host and port when that part is a single character. The body is written as NAME.part,
+// created afresh (never through a link), and takes the file's name once the server has closed
+// the connection after it: kDownloadDone. kDownloadNoAnswer when no 2xx answer came; else
+// kDownloadFailed, and nothing is left at either name.
 [[nodiscard]] int slmGetFile(const ServerAddress* server, char* localPath, size_t size);
 
-// slmGetFile, then the file's signature from the same path plus ".sign" (left appended to
-// `server->path`) into the same directory, checked with verifySignature. kDownloadDone only for a
-// valid signature, else kDownloadFailed; the downloaded file stays in place either way, the
-// signature file never does. The caller holds the verification context.
+// Local paths of downloads are built in buffers of this size.
+constexpr size_t kLocalPathSize = 4096;
+
+// Results of fetchSignedFile: the step that failed.
+constexpr int kSignedFileValid = 0;
+constexpr int kSignedFileNotDownloaded = 1;
+constexpr int kSignatureNotDownloaded = 2;
+constexpr int kSignatureNotOpened = 3;
+constexpr int kSignatureTooShort = 4;
+constexpr int kSignedFileNotOpened = 5;
+constexpr int kSignatureMismatch = 6;
+constexpr int kSignedFileNotSaved = 7;  // verified, but could not be given its name
+
+// Downloads `server`'s path as slmGetFile does and its signature from the same path plus ".sign"
+// (left appended to `server->path`) into the same directory, `signaturePath` (kLocalPathSize
+// bytes) receiving the signature's local path. The file is written as NAME.part and takes its
+// name only once its signature is valid; a file that fails is removed, and the signature file
+// never stays. The caller holds the verification context.
+[[nodiscard]] int fetchSignedFile(ServerAddress* server, char* localPath, size_t size,
+                                  char* signaturePath);
+
+// fetchSignedFile without its detail: kDownloadDone only for a valid signature, else
+// kDownloadFailed.
 [[nodiscard]] int slmGetSignedFile(ServerAddress* server, char* localPath, size_t size);
 
 }  // namespace slm

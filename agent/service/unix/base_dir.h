@@ -27,6 +27,14 @@ int getBaseDir();
 // Fills the directories and creates the log, temporary and cache directories (mode 0700, one
 // level each). 0 on success; 1 on the first failure, after printing which directory failed.
 int buildDirs();
+constexpr int kTempDirReady = 0;
+constexpr int kTempDirFailed = 1;
+// Makes the temporary directory ready for a use: a real directory owned by the agent's user with
+// mode 0700, which nobody else can enter, swap or plant a link in. Whatever else stands at its name
+// (another owner, other mode bits, a link, a file) is renamed aside with a WARNING and the
+// directory is made again. kTempDirReady, or kTempDirFailed after an ERROR line.
+[[nodiscard]] int prepareTemporaryDirectory();
+
 int createBaseDir();
 int deleteBaseDir();
 int checkReqPatches();

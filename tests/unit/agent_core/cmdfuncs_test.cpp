@@ -1,6 +1,7 @@
 #include "agent_core/cmdfuncs.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <cstring>
 #include <string>
@@ -12,8 +13,10 @@
 #include "agent_core/cache/uat.h"
 #include "agent_core/cmdsthr.h"
 #include "agent_core/data/slm_time.h"
+#include "agent_core/security_settings.h"
+#include "agent_core/slm_conf.h"
 #include "agent_core/support/bytes.h"
-#include "agent_core/support/shell_runner.h"
+#include "agent_core/support/program_runner.h"
 #include "service/threads.h"
 #include "service/unix/base_dir.h"
 #include "support/service_sandbox.h"
@@ -23,11 +26,21 @@ namespace {
 
 constexpr AgentTime kNow = 1700000000;
 
-// What the shell was asked to run, and the status it answers with.
+// What the agent ran (each argv joined by blanks), the environment of the last one, and the
+// status the runs answer with.
 std::vector<std::string> shellLines;
+std::vector<std::string> lastEnvironment;
 int shellStatus = 0;
-int recordingShell(const char* line) {
+int recordingShell(const char* const* argv, const char* const* environment) {
+  std::string line;
+  for (const char* const* word = argv; *word != nullptr; ++word) {
+    line += (line.empty() ? "" : " ") + std::string(*word);
+  }
   shellLines.push_back(line);
+  lastEnvironment.clear();
+  for (const char* const* entry = environment; *entry != nullptr; ++entry) {
+    lastEnvironment.push_back(*entry);
+  }
   return shellStatus;
 }
 
@@ -44,10 +57,11 @@ class Commands : public test::ServiceSandbox {
     ASSERT_EQ(setAgentIntValue(kAgentPluggedIn, 1), kAgentValueOk);
     shellLines.clear();
     shellStatus = 0;
-    setShellRunner(recordingShell);
+    setProgramRunner(recordingShell);
   }
   void TearDown() override {
-    setShellRunner(nullptr);
+    setProgramRunner(nullptr);
+    setSecuritySettings(SecuritySettings{});
     slmAgentCleanCommands();
     deleteUATCache();
     deleteComponentsCache();
@@ -245,19 +259,89 @@ class SelfUpdate : public Commands {
 
 TEST_F(SelfUpdate, VerifiedFilesAreInstalledAndTheAgentGoes) {
   const std::string installer = root_.file("tmp/qsam/install.sh");
-  offer(installer + " -q");
-  EXPECT_EQ(slmAgentCheckForNewAgentCommand(&command_), kCommandFatal);
-  EXPECT_EQ(shellLines, (std::vector<std::string>{"chmod +x " + installer, installer + " -q"}));
-  EXPECT_EQ(test::readFile(root_.file("tmp/qsam/kvdagent")), std::string(3000, 'k'));
-  int32_t update = 0, maximum = 7;
-  ASSERT_EQ(loadParameter(kParameterSecondsToUpdate, &update), kParameterOk);
-  ASSERT_EQ(loadParameter(kParameterMaxUpdatePeriod, &maximum), kParameterOk);
-  EXPECT_EQ(update * 10 + maximum, -10);
-  EXPECT_TRUE(traced("Exiting....."));
-  // The agent information is gone with the agent.
+  const std::string shell = "/bin/sh -c ";
+  struct Case {
+    SelfUpdateMode mode;
+    std::vector<std::string> ran;
+  } cases[] = {
+      {SelfUpdateMode::kLegacy, {shell + "chmod +x " + installer, shell + installer + " -q"}},
+      // Without a shell: the mode is set directly, and the installer runs from its words.
+      {SelfUpdateMode::kStrict, {installer + " -q"}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(static_cast<int>(c.mode));
+    SecuritySettings settings;
+    settings.selfUpdate = c.mode;
+    setSecuritySettings(settings);
+    shellLines.clear();
+    remove(installer.c_str());
+    offer(installer + " -q");
+    EXPECT_EQ(slmAgentCheckForNewAgentCommand(&command_), kCommandFatal);
+    EXPECT_TRUE(traced("Executed command: chmod +x " + installer + "; exit 0"));
+    startTrace(root_.file("trace.log").c_str());
+    EXPECT_EQ(shellLines, c.ran);
+    EXPECT_EQ(test::readFile(root_.file("tmp/qsam/kvdagent")), std::string(3000, 'k'));
+    int32_t update = 0, maximum = 7;
+    ASSERT_EQ(loadParameter(kParameterSecondsToUpdate, &update), kParameterOk);
+    ASSERT_EQ(loadParameter(kParameterMaxUpdatePeriod, &maximum), kParameterOk);
+    EXPECT_EQ(update * 10 + maximum, -10);
+    // The agent information is gone with the agent.
+    int64_t id = 0;
+    EXPECT_EQ(getAgentIntValue(kAgentId, &id), kAgentValueFailed);
+    ASSERT_EQ(loadConfigurationFile(conf_file), kConfigurationLoaded);
+    ASSERT_EQ(initAgentInfo(), kAgentValueOk);
+    deleteConfigurationVariables();
+  }
+  // The strict installer was made executable without a shell, and ran with the fixed environment.
+  struct stat status;
+  ASSERT_EQ(stat(installer.c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 0777, 0711u);
+  EXPECT_EQ(lastEnvironment.at(0), "PATH=/usr/sbin:/usr/bin:/sbin:/bin");
+  EXPECT_LE(lastEnvironment.size(), 2u);
+}
+
+TEST_F(SelfUpdate, StrictRunsOnlyAVerifiedDownloadWithPlainWords) {
+  const std::string dir = root_.file("tmp/qsam");
+  struct Case {
+    std::string command;
+    std::string traced;
+  } cases[] = {
+      {dir + "/install.sh;touch /x", "its program '" + dir + "/install.sh;touch' is not one"},
+      {dir + "/install.sh -q;id", "word 2 '-q;id' holds a character other than"},
+      {dir + "/install.sh a|b", "word 2 'a|b'"},
+      {dir + "/install.sh $(id)", "word 2 '$(id)'"},
+      {dir + "/install.sh `id`", "word 2 '`id`'"},
+      // A line feed inside the line (the JSON escape reaches the agent as the byte itself).
+      {dir + "/install.sh x\\nid", "word 2 'x"},
+      {dir + "/install.sh >/etc/passwd", "word 2 '>/etc/passwd'"},
+      {"/bin/sh -c id", "its program '/bin/sh' is not one of the files downloaded into " + dir},
+      {dir + "/../qsam/install.sh", "its program '" + dir + "/../qsam/install.sh' is not one"},
+      {dir + "/install", "its program '" + dir + "/install' is not one"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.command);
+    offer(c.command);
+    EXPECT_EQ(slmAgentCheckForNewAgentCommand(&command_), kCommandRequeue);
+    EXPECT_TRUE(traced("ERROR - Update command refused: " + c.traced)) << trace();
+  }
+  EXPECT_EQ(shellLines, std::vector<std::string>{});
+  // Refused before anything was fetched.
+  EXPECT_FALSE(test::fileExists(dir + "/install.sh"));
   int64_t id = 0;
-  EXPECT_EQ(getAgentIntValue(kAgentId, &id), kAgentValueFailed);
-  startTrace(root_.file("trace.log").c_str());
+  EXPECT_EQ(getAgentIntValue(kAgentId, &id), kAgentValueOk);
+}
+
+TEST_F(SelfUpdate, OffNeverChecksNorQueues) {
+  SecuritySettings settings;
+  settings.selfUpdate = SelfUpdateMode::kOff;
+  setSecuritySettings(settings);
+  offer(root_.file("tmp/qsam/install.sh"));
+  EXPECT_EQ(slmAgentCheckForNewAgentCommand(&command_), kCommandDone);
+  EXPECT_FALSE(test::fileExists(root_.file("tmp/qsam/install.sh")));
+  serve(R"({"require_plugin": false, "parameters": {"update_enabled": "yes"}})");
+  Command parameters{slmAgentDownloadParametersCommand, kNow, 0, 86400};
+  EXPECT_EQ(slmAgentDownloadParametersCommand(&parameters), kCommandRequeueToo);
+  EXPECT_FALSE(isCommandQueued(slmAgentCheckForNewAgentCommand));
 }
 
 TEST_F(SelfUpdate, AFailedInstallerBringsTheAgentBack) {
@@ -280,6 +364,9 @@ TEST_F(SelfUpdate, NothingRunsUnlessEveryFileIsSigned) {
   offer(root_.file("tmp/qsam/install.sh"), false);
   EXPECT_EQ(slmAgentCheckForNewAgentCommand(&command_), kCommandRequeue);
   EXPECT_TRUE(traced("ERROR - Signature file " + root_.file("tmp/qsam/kvdagent.sign") + " error"));
+  // A file that failed its check is not left under its name, nor is its part.
+  EXPECT_FALSE(test::fileExists(root_.file("tmp/qsam/kvdagent")));
+  EXPECT_FALSE(test::fileExists(root_.file("tmp/qsam/kvdagent.part")));
   offer("install.sh -q");
   EXPECT_EQ(slmAgentCheckForNewAgentCommand(&command_), kCommandRequeue);
   EXPECT_TRUE(traced("ERROR - Bad program path 'install.sh'"));

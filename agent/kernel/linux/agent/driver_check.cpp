@@ -15,10 +15,11 @@
 #include "agent_core/cache/system_tuple.h"
 #include "agent_core/communication/slm.h"
 #include "agent_core/communication/slm_stream.h"
+#include "agent_core/install_command.h"
 #include "agent_core/slm_conf.h"
 #include "agent_core/support/bytes.h"
 #include "agent_core/support/file_handle.h"
-#include "agent_core/support/shell_runner.h"
+#include "agent_core/support/program_runner.h"
 #include "agent_core/support/trace.h"
 #include "agent_core/support/unix_common.h"
 #include "agent_core/verifySign.h"
@@ -29,11 +30,7 @@ namespace {
 constexpr char kDriverConfKey[] = "driver_conf_file";
 constexpr char kProcDevices[] = "/proc/devices";
 constexpr char kProcModules[] = "/proc/modules";
-constexpr char kInsmodCommand[] = "/sbin/insmod ";
-// Standard error goes where standard output went, which is the terminal; only then is standard
-// output silenced. The order is kept: it is what the loader has always been run with.
-constexpr char kInsmodRedirections[] = " 2>&1 > /dev/null";
-constexpr size_t kInsmodCommandSize = 128;
+constexpr char kInsmod[] = "/sbin/insmod";
 // Lines of /proc/devices and /proc/modules are read up to this many characters.
 constexpr size_t kProcLineSize = 4096;
 // A driver configuration line as the kernel-configuration stream delivers it.
@@ -125,7 +122,7 @@ bool namesModule(const char* line, const char* name) {
 // query_module no longer exists on current kernels, so the kernel's module list is read instead:
 // a line whose first word is the module's name means it is loaded.
 int moduleLoadState(const char* name) {
-  FileHandle modules(fopen(rootedPath(kProcModules).c_str(), "r"));
+  FileHandle modules(fopen(rootedPath(kProcModules).c_str(), "re"));
   if (modules == nullptr) return kModuleQueryFailed;
   char line[kProcLineSize];
   bool lineStart = true;
@@ -135,13 +132,6 @@ int moduleLoadState(const char* name) {
     if (starts && namesModule(line, name)) return kModuleLoaded;
   }
   return ferror(modules.get()) ? kModuleQueryFailed : kModuleNotLoaded;
-}
-
-// The agent's temporary directory, made when it is missing.
-bool makeTemporaryDirectory() {
-  if (mkdir(tempDir, 0700) == 0 || errno == EEXIST) return true;
-  SLM_TRACE(0, "ERROR - Couldn't create directory %s, errno: %d", tempDir, errno);
-  return false;
 }
 
 }  // namespace
@@ -231,7 +221,7 @@ int downloadKernelExtensions(ServerAddress* context, DriverEntry* entry) {
   if (getSystemTuple(tuple) != kSystemTupleBuilt) return kKernelExtensionsNotConfigured;
   if (initSlmRSAContext() != kRsaContextReady) return kKernelExtensionsNotConfigured;
   RsaContextGuard verification;
-  if (!makeTemporaryDirectory()) return kKernelExtensionsNotConfigured;
+  if (prepareTemporaryDirectory() != kTempDirReady) return kKernelExtensionsNotConfigured;
 
   char confFile[kPathSize];
   snprintf(confFile, sizeof confFile, "%.4094s/", tempDir);
@@ -252,6 +242,14 @@ int downloadKernelExtensions(ServerAddress* context, DriverEntry* entry) {
   }
 
   SLM_TRACE(2, "Kernel extensions found");
+  // The module's name becomes a file name and the loader's argument: plain characters only.
+  if (!isPlainWord(module)) {
+    SLM_TRACE(0,
+              "ERROR - Module path '%s' refused: it holds a character other than "
+              "A-Z a-z 0-9 . _ , = / : + -",
+              module);
+    return kKernelExtensionsNoConfiguration;
+  }
   copyBounded(context->path, sizeof context->path - 1, module);
   copyBounded(entry->moduleFile, sizeof entry->moduleFile - 1, driverDir);
   if (slmGetSignedFile(context, entry->moduleFile, sizeof entry->moduleFile) != kDownloadDone) {
@@ -303,14 +301,8 @@ int activateSlmDriver(DriverEntry* entry) {
       break;
     case kModuleNotLoaded: {
       SLM_TRACE(1, "Driver %s is not loaded. Trying to load it", entry->name);
-      char command[kInsmodCommandSize] = "";
-      constexpr size_t kCommandChars = kInsmodCommandSize - 1;
-      const char* pieces[] = {kInsmodCommand, entry->moduleFile, kInsmodRedirections};
-      for (const char* piece : pieces) {
-        size_t used = strlen(command);
-        copyBounded(command + used, kCommandChars - used, piece);
-      }
-      if (runShellCommand(command) != 0) {
+      const char* argv[] = {kInsmod, entry->moduleFile, nullptr};
+      if (runProgram(argv, fixedEnvironment()) != 0) {
         SLM_TRACE(0, "Error inserting module '%s', device %s", entry->moduleFile,
                   entry->deviceFile);
         return kDriverFailed;
@@ -359,7 +351,7 @@ int apply_to_drivers(DriverFunction fn, void* arg) {
 }
 
 int enumerate_loaded_drivers(SlmList* list) {
-  FileHandle devices(fopen(rootedPath(kProcDevices).c_str(), "r"));
+  FileHandle devices(fopen(rootedPath(kProcDevices).c_str(), "re"));
   if (devices == nullptr) {
     SLM_TRACE(0, "Unable to open /proc/devices, errno: %d", errno);
     return kDriverFailed;

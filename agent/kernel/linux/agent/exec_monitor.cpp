@@ -25,7 +25,7 @@
 #include <thread>
 
 #include "agent_core/support/bytes.h"
-#include "agent_core/support/shell_runner.h"
+#include "agent_core/support/program_runner.h"
 #include "agent_core/support/trace.h"
 #include "agent_core/support/unix_common.h"
 #include "inventory/linux/searcher.h"

@@ -23,7 +23,8 @@ std::atomic<int> drv_errno{0};
 namespace {
 
 int systemOpen(const char* path, int flags) {
-  return open(path, flags);
+  // The device is the agent's own: no program it starts may inherit it.
+  return open(path, flags | O_CLOEXEC);
 }
 int systemIoctl(int descriptor, unsigned long request) {
   return ioctl(descriptor, request, 0);

@@ -12,7 +12,7 @@
 #include "agent_core/cache/agent.h"
 #include "agent_core/cache/system_tuple.h"
 #include "agent_core/support/bytes.h"
-#include "agent_core/support/shell_runner.h"
+#include "agent_core/support/program_runner.h"
 #include "support/service_sandbox.h"
 
 namespace slm {
@@ -33,7 +33,11 @@ struct Recorder {
 };
 Recorder recorder;
 
-int recordShell(const char* line) {
+int recordShell(const char* const* argv, const char* const*) {
+  std::string line;
+  for (const char* const* word = argv; *word != nullptr; ++word) {
+    line += (line.empty() ? "" : " ") + std::string(*word);
+  }
   recorder.commands.push_back(line);
   if (recorder.shellStatus == 0 && !recorder.registers.empty()) {
     if (FILE* file = fopen(recorder.devicesFile.c_str(), "a")) {
@@ -71,12 +75,12 @@ class DriverCheck : public test::ServiceSandbox {
     copyBounded(driverDir, kPathSize - 1, root_.file("lib/modules/").c_str());
     recorder = Recorder{};
     recorder.devicesFile = root_.file("proc/devices");
-    setShellRunner(recordShell);
+    setProgramRunner(recordShell);
     setDeviceCalls(&kScriptedDevice);
     ASSERT_EQ(getSystemTuple(tuple_), kSystemTupleBuilt);
   }
   void TearDown() override {
-    setShellRunner(nullptr);
+    setProgramRunner(nullptr);
     setDeviceCalls(nullptr);
     cleanSlmDeviceFileName();
     tempDir[0] = driverDir[0] = '\0';
@@ -193,8 +197,7 @@ TEST_F(DriverCheck, InstallsTheDriverListedForAChangedSystem) {
   EXPECT_EQ(test::readFile(root_.file("lib/modules/kvdkagent-new.o")), module);
   EXPECT_FALSE(test::fileExists(root_.file("lib/modules/kvdkagent-new.o.sign")));
   EXPECT_EQ(recorder.commands,
-            std::vector<std::string>{"/sbin/insmod " + root_.file("lib/modules/kvdkagent-new.o") +
-                                     " 2>&1 > /dev/null"});
+            std::vector<std::string>{"/sbin/insmod " + root_.file("lib/modules/kvdkagent-new.o")});
   EXPECT_EQ(deviceNode(), "c 600 63:0");
   EXPECT_EQ(openedDevice(), open);
   // plugin.dat now names the new driver beside this system's tuple.
@@ -223,6 +226,7 @@ TEST_F(DriverCheck, RecordsTheStepThatFailed) {
                             .c_str()),
             0);
   publish("c/drivers.conf", matchingLine("/c/kvdkagent-c.o"));
+  publish("d/drivers.conf", matchingLine("/d/kvdkagent-d.o;id"));
   publish("c/kvdkagent-c.o", "module");
   serveDownloads();
 
@@ -239,6 +243,8 @@ TEST_F(DriverCheck, RecordsTheStepThatFailed) {
        "ERROR - Kernel driver configuration from from runtime 127.0.0.1"},
       {"/b/drivers.conf", 'f', 0, kDriverStatusNotDownloaded,
        "Error occured downloading KE '/b/kvdkagent-b.o'"},
+      {"/d/drivers.conf", 'f', 0, kDriverStatusNoConfiguration,
+       "ERROR - Module path '/d/kvdkagent-d.o;id' refused"},
       {"", 'f', 0, kDriverStatusNotDownloaded,
        "ERROR - Kernel drivers cannot be downloaded from runtime 127.0.0.1"},
       {"/c/drivers.conf", 'f', 256, kDriverStatusNotActivated,
@@ -261,6 +267,9 @@ TEST_F(DriverCheck, RecordsTheStepThatFailed) {
     EXPECT_EQ(status(), c.status);
     EXPECT_TRUE(traced(c.traced)) << trace();
     EXPECT_FALSE(test::fileExists(cachePath(kPluginDatName)));
+    // A module that failed its check is never left where a later start could load it.
+    EXPECT_FALSE(test::fileExists(root_.file("lib/modules/kvdkagent-b.o")));
+    EXPECT_FALSE(test::fileExists(root_.file("lib/modules/kvdkagent-b.o.part")));
   }
   // Without a server nothing is decided, not even the status.
   deleteServersCache();
@@ -340,10 +349,9 @@ TEST_F(DriverCheck, LoadsAModuleOnlyWhenTheKernelLacksIt) {
     ASSERT_EQ(getDeviceFileName(&entry, entry.deviceFile), kDriverOk);
     EXPECT_EQ(activateSlmDriver(&entry), c.result);
     ASSERT_EQ(recorder.commands.size(), c.commands);
+    // The loader gets the module's whole path as its own argument, without a shell.
     if (c.commands == 1) {
-      // The command is cut to 127 characters, the redirections last.
-      EXPECT_EQ(recorder.commands[0],
-                ("/sbin/insmod " + std::string(c.moduleFile) + " 2>&1 > /dev/null").substr(0, 127));
+      EXPECT_EQ(recorder.commands[0], "/sbin/insmod " + std::string(c.moduleFile));
     }
     EXPECT_EQ(deviceNode(), c.result == kDriverOk ? "c 600 61:0" : "");
   }

@@ -12,7 +12,7 @@
 #include <string>
 
 #include "agent_core/support/bytes.h"
-#include "agent_core/support/shell_runner.h"
+#include "agent_core/support/program_runner.h"
 #include "agent_core/support/unix_common.h"
 #include "kernel/unix/agent/driver_api.h"
 #include "support/temp_root.h"
