@@ -161,6 +161,7 @@ def test_unit_starts_the_daemon_confined(installed):
         "RestrictAddressFamilies": "AF_INET AF_INET6 AF_UNIX AF_NETLINK",
         # The clock stays protected without the device allow-list that ProtectClock brings.
         "CapabilityBoundingSet": "~CAP_SYS_TIME CAP_WAKE_ALARM", "SystemCallFilter": "~@clock",
+        "SystemCallErrorNumber": "EPERM",
     }
     assert {key: service.get(key) for key in expected} == expected
     # Each of these would break the module loader, the self-update or the device.
