@@ -9,15 +9,22 @@
 #include "agent_core/message/messages.h"
 #include "agent_core/message/nls.h"
 #include "agent_core/support/bytes.h"
+#include "agent_core/support/trace.h"
 #include "service/service.h"
 #include "service/unix/base_dir.h"
 #include "service/unix/sys_service.h"
+#include "signing_key.h"
 
 namespace slm {
 namespace {
 
 constexpr const char* kProductName = "Orvane Agent";
 constexpr size_t kProgramNameChars = 255;
+// Said by "-v" and at the start of every trace of a binary built with the development key: whoever
+// has the repository has that key's private half.
+constexpr const char* kDevelopmentKeyWarning =
+    "WARNING - Built with the development signing key: any holder of the repository can sign "
+    "updates";
 
 // The trace level of the on-demand runs.
 constexpr int32_t kOnDemandTraceLevel = 3;
@@ -25,9 +32,11 @@ constexpr int32_t kOnDemandTraceLevel = 3;
 char programName[kProgramNameChars + 1];
 MessageCatalogue* user_msg_cat = nullptr;
 
-// The version line, then the notice: as it stands for "-v", through the formatter in the help.
+// The version line, the development key's warning when the build has that key, then the notice:
+// as it stands for "-v", through the formatter in the help.
 void printVersion(MessageCatalogue* catalogue, bool formatNotice) {
   printMessage(stdout, catalogue, kMsgVersion, kProductName, SLM_VERSION, SLM_BUILD_DATE);
+  if (kSigningKeyIsDevelopment) printf("%s\n\n", kDevelopmentKeyWarning);
   if (formatNotice) {
     printMessage(stdout, catalogue, kMsgNotice);
   } else {
@@ -90,6 +99,7 @@ int runOption(const char* argument) {
 }
 
 int agentMain(int argc, char** argv) {
+  if (kSigningKeyIsDevelopment) setTraceStartNotice(kDevelopmentKeyWarning);
   getBaseDir();
   int dirs = buildDirs();
   if (dirs != 0) {

@@ -12,6 +12,11 @@ HEADER = re.compile(
     r"File: (\S*) Line: (\d+) Time: (Mon|Tue|Wed|Thu|Fri|Sat|Sun) "
     r"(Jan|Feb|Mar|Apr|May|Jun|Jul|Aug|Sep|Oct|Nov|Dec) [ \d]\d \d\d:\d\d:\d\d \d{4} Tid: \d+$")
 
+# The binary under test is built with the development key (the reference server signs with it):
+# every trace it starts begins with this.
+DEV_KEY_WARNING = ("WARNING - Built with the development signing key: any holder of the repository "
+                   "can sign updates")
+
 USAGE = ('Usage: "{name} [option]" where the option may be:\n'
          "\t-v : Version\n\t-p : Plugin\n\t-s : Inventory\n\t-sp -ps: Inventory and Plugin\n"
          "\t(none): Run as process\n")
@@ -110,8 +115,9 @@ PLUG_IN_FAILED = "ERROR - Error init http request, service: 2"
 # built-in exec monitor is used where the kernel has it (its device says it closed at the stop);
 # otherwise the monitor does not start. The commands thread runs beside the start-up, so the order
 # of these lines varies; the stop line comes last.
-LEVEL_0_TRACE = ["Unable to open /proc/devices, errno: 2", "Could not delete old drivers",
-                 "CMDS - No self update to do (time: 0)", "ERROR - no http handle", PLUG_IN_FAILED]
+LEVEL_0_TRACE = [DEV_KEY_WARNING, "Unable to open /proc/devices, errno: 2",
+                 "Could not delete old drivers", "CMDS - No self update to do (time: 0)",
+                 "ERROR - no http handle", PLUG_IN_FAILED]
 # The stop's close cuts the monitor's read short; a monitor stopped while it was still opening the
 # device finds nothing to read and closes the device itself.
 WITH_BUILTIN_MONITOR = (["DRIVER CLOSED", "ERROR  - Reading Driver: nBytesRead 0 drv_errno 0",
@@ -166,7 +172,8 @@ def test_bad_configuration_fails_start_up(agent_root, configuration):
     result = agent_root.run()
     assert result.returncode == 0
     assert wait_for(lambda: not agent_root.daemon_pids())
-    assert messages(agent_root.trace_text()) == ["ERROR - Main loading 'kvdagent.ini' not loaded"]
+    assert messages(agent_root.trace_text()) == [DEV_KEY_WARNING,
+                                                 "ERROR - Main loading 'kvdagent.ini' not loaded"]
     # The daemon child reports the failed initialisation step on the standard error it inherited.
     assert agent_root.file("run.err").read_text() == (
         "Failure at file: agent/service/unix/sys_service.cpp, line: 245\n")

@@ -2,7 +2,7 @@
 import pytest
 
 from conftest import wait_for
-from test_frame import messages
+from test_frame import DEV_KEY_WARNING, messages
 
 
 @pytest.mark.parametrize("missing", ["agentid", "divisionid", "tag", "customer"])
@@ -12,7 +12,8 @@ def test_missing_required_key_fails_start_up(agent_root, missing):
     assert result.returncode == 0
     assert wait_for(lambda: not agent_root.daemon_pids())
     texts = messages(agent_root.trace_text())
-    assert texts == [f'ERROR - Needed tag "{missing}" not found', "ERROR - Init the agent info"]
+    assert texts == [DEV_KEY_WARNING, f'ERROR - Needed tag "{missing}" not found',
+                     "ERROR - Init the agent info"]
 
 
 def test_complete_configuration_describes_the_agent(agent_root):

@@ -29,6 +29,8 @@ struct TraceRecord {
 };
 
 TraceRecord trace;
+// The first message of every trace started; set once at start-up, before any other thread runs.
+const char* startNotice = nullptr;
 // Statically initialised and never destroyed, so that a message written while the trace is being
 // stopped or restarted still finds a valid lock.
 pthread_mutex_t trace_mutex = PTHREAD_MUTEX_INITIALIZER;
@@ -71,7 +73,12 @@ void rollOver() {
 
 }  // namespace
 
-void startTrace(const char* path) {
+void setTraceStartNotice(const char* text) {
+  startNotice = text;
+}
+
+// startTrace without its notice; the notice is written once this has released the lock.
+static void openTrace(const char* path) {
   TraceLock lock;
   closeStream();
   trace.stream = nullptr;
@@ -87,6 +94,12 @@ void startTrace(const char* path) {
   trace.level = 0;
   trace.sizeLimit = kTraceDefaultSize;
   trace.active = trace.stream != nullptr;
+}
+
+void startTrace(const char* path) {
+  openTrace(path);
+  // At level 0, which a start sets, so that no configured level keeps it out of the file.
+  if (startNotice != nullptr) SLM_TRACE(0, "%s", startNotice);
 }
 
 void setTraceLevel(int32_t level) {

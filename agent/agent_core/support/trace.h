@@ -12,8 +12,12 @@ constexpr int32_t kTraceMinSize = 5000;       // limits at or below this are ref
 constexpr int32_t kTraceMaxSize = 100000000;  // limits at or above this are refused
 constexpr int kTraceNameMax = 1023;
 
-// `path` null traces to standard output. Empties the file, resets level 0 and the default size.
+// `path` null traces to standard output. Empties the file, resets level 0 and the default size,
+// then writes the start notice, if one is set.
 void startTrace(const char* path);
+// A message every trace started afterwards begins with (null: none), such as a warning about the
+// build. `text` must outlive the process's traces; set it before any thread starts.
+void setTraceStartNotice(const char* text);
 // Stores -1..3 and ignores other values; -1 also closes the stream and turns tracing off.
 void setTraceLevel(int32_t level);
 void setTraceSize(int32_t bytes);
