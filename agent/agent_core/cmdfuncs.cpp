@@ -187,6 +187,10 @@ int32_t getUploadMinimumTime() {
   return uploadMinimumSeconds.load();
 }
 
+void setUploadMinimumTime(int32_t seconds) {
+  uploadMinimumSeconds.store(seconds);
+}
+
 int slmAgentDownloadCatalogCommand(Command*) {
   int64_t updateTime = getLATLastUpdateTime();
   ListHandle components = makeList(sizeof(ComponentRecord));
@@ -402,16 +406,15 @@ int slmAgentDownloadParametersCommand(Command* command) {
   if (words[15] < 1) {
     SLM_TRACE(0, "ERROR - Bad upload minimum time %d", words[15]);
   } else {
-    uploadMinimumSeconds.store(words[15]);
+    setUploadMinimumTime(words[15]);
   }
 
   const int32_t maxPeriod = words[17];
   // With self-update off the server's word is not asked: the command is never queued.
   if (words[kParameterUpdateEnableWord] != 1 ||
       securitySettings().selfUpdate == SelfUpdateMode::kOff) {
-    if (isCommandQueued(slmAgentCheckForNewAgentCommand)) {
-      (void)dequeueCommand(slmAgentCheckForNewAgentCommand);
-    }
+    // Asked even when nothing is queued: the queue says so in the trace.
+    (void)dequeueCommand(slmAgentCheckForNewAgentCommand);
     savedMaxUpdatePeriod = -1;
     return kCommandRequeueToo;
   }

@@ -32,7 +32,9 @@ int slmAgentDownloadTopologyCommand(Command* command);
 int slmAgentDownloadParametersCommand(Command* command);
 int slmAgentCheckForNewAgentCommand(Command* command);
 
-// The seconds between the record of an unknown file and its upload; the parameters set it.
+// The seconds between the record of an unknown file and its upload; the parameters set it, and
+// every start of the monitor thread puts it back to kDefaultUploadMinimumSeconds.
 int32_t getUploadMinimumTime();
+void setUploadMinimumTime(int32_t seconds);
 
 }  // namespace slm

@@ -169,6 +169,9 @@ int slmAgentInitMonitor() {
     SLM_TRACE(0, "Found driver status %d exiting", static_cast<int>(status));
     return 1;
   }
+  // A monitor restarted after a failed installer waits the default again, whatever the last
+  // parameters said.
+  setUploadMinimumTime(kDefaultUploadMinimumSeconds);
   return 0;
 }
 

@@ -191,7 +191,10 @@ TEST_F(Monitor, DeviceFailuresSetTheirStatus) {
   ASSERT_EQ(setAgentIntValue(kAgentDriverStatus, 0), kAgentValueOk);
   device_.failWrites(EIO);
   device_.queueEvent(start("/opt/app/known", 1));
+  // Whatever the last parameters said, a started monitor waits the default before an upload.
+  setUploadMinimumTime(120);
   run();
+  EXPECT_EQ(getUploadMinimumTime(), kDefaultUploadMinimumSeconds);
   ASSERT_TRUE(statusBecomes(kDriverStatusIoFailed));
   EXPECT_TRUE(traced("ERROR - Driver error"));
   stop();
