@@ -12,12 +12,19 @@ constexpr int32_t kTraceMinSize = 5000;       // limits at or below this are ref
 constexpr int32_t kTraceMaxSize = 100000000;  // limits at or above this are refused
 constexpr int kTraceNameMax = 1023;
 
+// The bytes that would break a line of text apart or hide in it: 0x00 to 0x1F and 0x7F.
+constexpr bool isControlByte(unsigned char byte) {
+  return byte < 0x20 || byte == 0x7F;
+}
+
 // `path` null traces to standard output. Empties the file, resets level 0 and the default size.
 void startTrace(const char* path);
 // Stores -1..3 and ignores other values; -1 also closes the stream and turns tracing off.
 void setTraceLevel(int32_t level);
 void setTraceSize(int32_t bytes);
 bool traceActive(int32_t level);
+// Writes one message. Control bytes the formatted text holds are written escaped ("\n", "\r",
+// "\t", "\x1b"): each message stays on its own line, whatever its arguments carry.
 void outputTrace(const char* file, int line, const char* format, ...)
     __attribute__((format(printf, 3, 4)));
 void stopTrace();
