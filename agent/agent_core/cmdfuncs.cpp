@@ -68,6 +68,9 @@ void uploadRecordOf(const UnknownFileEntry& entry, InventoryRecord* record) {
   record->first = static_cast<uint32_t>(entry.attribute1);
   record->second = static_cast<uint32_t>(entry.attribute2);
   copyBounded(record->directory, sizeof record->directory - 1, entry.path);
+  // The monitor recorded the names as the program was started: a local user chose them.
+  replaceControlBytes(record->name);
+  replaceControlBytes(record->directory);
   blankTexts(record);
 }
 

@@ -3,6 +3,7 @@
 
 #include <pthread.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -126,7 +127,8 @@ bool isScannedRecord(const uint8_t* raw, const InventoryRecord& record) {
 }
 
 // The records of one inventory, from the in-memory list or from "scan.dat", one ahead so that the
-// sender knows which packet is the last.
+// sender knows which packet is the last. Names go out with no control bytes, whatever agent wrote
+// a waiting "scan.dat".
 class RecordSource {
  public:
   RecordSource(FILE* file, SlmList* list) : file_(file), list_(list) { fetch(); }
@@ -147,6 +149,10 @@ class RecordSource {
     } else {
       pending_ = getNextFromFile(file_, &record_);
     }
+    if (pending_) {
+      replaceControlBytes(record_.name);
+      replaceControlBytes(record_.directory);
+    }
   }
 
   FILE* file_;
@@ -156,9 +162,30 @@ class RecordSource {
   InventoryRecord record_{};
 };
 
-// Writes "scan.dat" whole or not at all: a failed write leaves the file as it was, which may be
-// an earlier result still waiting to be sent.
+// Whether the file system of the cache directory has room for a file of `bytes` beside what it
+// holds; true when that cannot be asked, and the write finds out.
+bool roomForFile(const char* path, uint64_t bytes) {
+  char directory[kCachePathSize];
+  copyBounded(directory, sizeof directory - 1, path);
+  if (char* slash = strrchr(directory, '/')) *slash = '\0';
+  struct statvfs space;
+  if (statvfs(directory, &space) != 0) return true;
+  const uint64_t available = static_cast<uint64_t>(space.f_bavail) * space.f_frsize;
+  if (available >= bytes) return true;
+  SLM_TRACE(0, "ERROR - No room for inventory file %s: %llu bytes, %llu available", path,
+            static_cast<unsigned long long>(bytes), static_cast<unsigned long long>(available));
+  return false;
+}
+
+}  // namespace
+
 bool writeScanFile(const char* path, SlmList* list, AgentTime scanTime) {
+  const uint64_t bytes =
+      kScanFileRecordsOffset + static_cast<uint64_t>(entries(list)) * kInventoryRecordSize;
+  if (!roomForFile(path, bytes)) {
+    SLM_TRACE(0, "ERROR - Some problems saving inventory file");
+    return false;
+  }
   FILE* file = createCacheFile(path);
   if (file == nullptr) {
     SLM_TRACE(0, "ERROR - Some problems opening inventory file");
@@ -180,6 +207,8 @@ bool writeScanFile(const char* path, SlmList* list, AgentTime scanTime) {
   if (!written) SLM_TRACE(0, "ERROR - Some problems saving inventory file");
   return written;
 }
+
+namespace {
 
 // A fresh list with the scan's records, or null after the failure's message.
 SlmList* performDisksScan() {
@@ -213,7 +242,7 @@ bool sendScanFile(const char* path, int32_t secondsToNextScan) {
   if (retryWait < sleep_time) sleep_time = retryWait;
   SLM_TRACE(1, "INV - Sending inventory to server");
   SLM_TRACE(1, "INV - Catching inventory from file %s", path);
-  FileHandle file(fopen(path, "rb"));
+  FileHandle file(fopen(path, "rbe"));
   if (!file) {
     SLM_TRACE(0, "ERROR - Opening inventory file for sending");
     SLM_TRACE(1, "WARNING - Inventory not yet sent");

@@ -54,6 +54,11 @@ constexpr int kWaitOver = 1;
 // when a stop request ended it.
 int waitBeforeSend(int32_t seconds);
 
+// Writes "scan.dat" at `path` with the scan time and the records of `list`, whole or not at all: a
+// write that fails, or that its file system has no room for, leaves the file as it was (it may
+// hold an earlier result still waiting to be sent). True when written.
+[[nodiscard]] bool writeScanFile(const char* path, SlmList* list, AgentTime scanTime);
+
 // Reads the next record of an open "scan.dat" into `record`; false at the end of the file or at a
 // cut record. Records that a scan cannot have written are skipped.
 bool getNextFromFile(FILE* file, InventoryRecord* record);

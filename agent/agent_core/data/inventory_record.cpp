@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "agent_core/support/bytes.h"
+#include "agent_core/support/trace.h"
 
 namespace slm {
 namespace {
@@ -14,6 +15,12 @@ void getField(const uint8_t* in, size_t size, char* field) {
 }
 
 }  // namespace
+
+void replaceControlBytes(char* text) {
+  for (; *text != '\0'; ++text) {
+    if (isControlByte(static_cast<unsigned char>(*text))) *text = '?';
+  }
+}
 
 void encodeInventoryRecord(const InventoryRecord& record, uint8_t* out) {
   encodeFileKey(record.name, record.size, record.first, record.second, out);

@@ -42,6 +42,11 @@ static_assert(kInventoryText2Offset + kInventoryText2Size == kInventoryText3Offs
 static_assert(kInventoryText3Offset + kInventoryText3Size == kInventoryText4Offset);
 static_assert(kInventoryText4Offset + kInventoryText4Size == kInventoryRecordSize);
 
+// Writes "?" over every control byte of the text (0x01 to 0x1F and 0x7F) up to its terminator:
+// a file or directory name a local user chose then travels as one field of one record. Other bytes,
+// UTF-8 sequences among them, stay as they are.
+void replaceControlBytes(char* text);
+
 // Text fields are written as held.
 void encodeInventoryRecord(const InventoryRecord& record, uint8_t* out);
 // Every text field is terminated in its last byte.

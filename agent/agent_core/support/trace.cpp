@@ -11,6 +11,8 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <memory>
+#include <new>
 
 #include "agent_core/support/bytes.h"
 
@@ -50,7 +52,7 @@ void closeStream() {
 
 // Opens the recorded file name empty. Returns 0 or the system error number.
 int openEmpty() {
-  FILE* stream = fopen(trace.fileName, "w+");
+  FILE* stream = fopen(trace.fileName, "w+e");
   if (stream == nullptr) return errno;
   trace.stream = stream;
   trace.toStdout = false;
@@ -69,6 +71,36 @@ void rollOver() {
   remove(backup);
   rename(trace.fileName, backup);
   if (openEmpty() == 0) trace.active = true;
+}
+
+// Most messages are formatted on the stack; a longer one is formatted again on the heap.
+constexpr size_t kInlineMessageBytes = 1024;
+
+// Writes `length` bytes of a formatted message with every control byte spelt out, so that what a
+// message carries (a file name, a server's text) can never start a line of its own: the trace's
+// lines are the ones it writes itself.
+void writeEscaped(FILE* stream, const char* text, size_t length) {
+  size_t plain = 0;
+  for (size_t at = 0; at < length; ++at) {
+    const unsigned char byte = static_cast<unsigned char>(text[at]);
+    if (!isControlByte(byte)) continue;
+    fwrite(text + plain, 1, at - plain, stream);
+    plain = at + 1;
+    switch (byte) {
+      case '\n':
+        fputs("\\n", stream);
+        break;
+      case '\r':
+        fputs("\\r", stream);
+        break;
+      case '\t':
+        fputs("\\t", stream);
+        break;
+      default:
+        fprintf(stream, "\\x%02x", byte);
+    }
+  }
+  fwrite(text + plain, 1, length - plain, stream);
 }
 
 }  // namespace
@@ -140,10 +172,26 @@ void outputTrace(const char* file, int line, const char* format, ...) {
   when[24] = '\0';  // drop the calendar form's line end
   fprintf(trace.stream, "File: %s Line: %d Time: %s Tid: %u\n  ", file, line, when,
           static_cast<unsigned>(pthread_self()));
+  char onStack[kInlineMessageBytes];
   va_list args;
   va_start(args, format);
-  vfprintf(trace.stream, format, args);
+  va_list again;
+  va_copy(again, args);
+  const int formatted = vsnprintf(onStack, sizeof onStack, format, args);
   va_end(args);
+  const char* text = onStack;
+  size_t length = formatted < 0 ? 0 : static_cast<size_t>(formatted);
+  std::unique_ptr<char[]> onHeap;
+  if (length >= sizeof onStack) {
+    onHeap.reset(new (std::nothrow) char[length + 1]);
+    if (onHeap != nullptr && vsnprintf(onHeap.get(), length + 1, format, again) >= 0) {
+      text = onHeap.get();
+    } else {
+      length = sizeof onStack - 1;  // without the memory, the message's beginning
+    }
+  }
+  va_end(again);
+  writeEscaped(trace.stream, text, length);
   fputc('\n', trace.stream);
   fflush(trace.stream);
 }
@@ -156,7 +204,7 @@ void stopTrace() {
 int resumeTrace() {
   TraceLock lock;
   if (trace.stream == nullptr || !trace.closed || trace.toStdout) return -1;
-  FILE* stream = fopen(trace.fileName, "a+");
+  FILE* stream = fopen(trace.fileName, "a+e");
   if (stream == nullptr) return errno;
   trace.stream = stream;
   trace.closed = false;

@@ -12,6 +12,11 @@ constexpr int32_t kTraceMinSize = 5000;       // limits at or below this are ref
 constexpr int32_t kTraceMaxSize = 100000000;  // limits at or above this are refused
 constexpr int kTraceNameMax = 1023;
 
+// The bytes that would break a line of text apart or hide in it: 0x00 to 0x1F and 0x7F.
+constexpr bool isControlByte(unsigned char byte) {
+  return byte < 0x20 || byte == 0x7F;
+}
+
 // `path` null traces to standard output. Empties the file, resets level 0 and the default size,
 // then writes the start notice, if one is set.
 void startTrace(const char* path);
@@ -22,6 +27,8 @@ void setTraceStartNotice(const char* text);
 void setTraceLevel(int32_t level);
 void setTraceSize(int32_t bytes);
 bool traceActive(int32_t level);
+// Writes one message. Control bytes the formatted text holds are written escaped ("\n", "\r",
+// "\t", "\x1b"): each message stays on its own line, whatever its arguments carry.
 void outputTrace(const char* file, int line, const char* format, ...)
     __attribute__((format(printf, 3, 4)));
 void stopTrace();

@@ -13,6 +13,8 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <climits>
+#include <cstdint>
 #include <cstring>
 #include <map>
 #include <mutex>
@@ -26,6 +28,7 @@
 #include "agent_core/data/inventory_record.h"
 #include "agent_core/data/slm_time.h"
 #include "agent_core/message/nls.h"
+#include "agent_core/security_settings.h"
 #include "agent_core/support/bytes.h"
 #include "agent_core/support/file_handle.h"
 #include "agent_core/support/hash_table.h"
@@ -177,12 +180,28 @@ uint64_t stateOf(const struct stat& status) {
   return state & ~uint64_t{1};
 }
 
+// A directory of the walk, from the start down to the one being walked. Its descriptor is closed
+// (-1) while the bound on open directories holds it shut; it is reopened, and must then be the
+// directory seen before, when another of its subdirectories is to be entered.
+struct Level {
+  int fd;
+  dev_t device;
+  ino_t inode;
+  size_t length;  // the directory's path fills the path buffer up to here
+};
+
 // The walk's state beside the path buffer: the devices already checked, the answers of the last
-// walk and those of this one.
+// walk and those of this one, the directories it is in and the records it made.
 struct Walk {
   SlmList* list;
   char* path;
   FileSystemCheck check;
+  std::vector<Level> levels;
+  size_t openLevels = 0;
+  size_t maxOpenLevels = kMaxOpenScanDirectories;
+  std::string rootedStart;  // the start's path with the agent root before it, for a reopen
+  int64_t records = 0;
+  int64_t maxRecords = 0;
   static constexpr size_t kDeviceSlots = 32;
   dev_t devices[kDeviceSlots];
   bool walked[kDeviceSlots];
@@ -237,7 +256,7 @@ char* knownFilesPath(char* out) {
 std::vector<KnownFile> readKnownFiles() {
   char path[kCachePathSize];
   knownFilesPath(path);
-  FileHandle file(fopen(path, "rb"));
+  FileHandle file(fopen(path, "rbe"));
   if (!file) return {};
   struct stat status;
   std::vector<KnownFile> files;
@@ -405,6 +424,7 @@ int appendRecord(SlmList* list, const char* path, size_t nameOffset, off_t size)
   } else {
     (void)convertToUtf8(nullptr, name, record.name, kFileNameSize);
   }
+  replaceControlBytes(record.name);
   // The record carries the 32-bit size, sign-extended, as the inventory transfer has always had.
   record.size = static_cast<int32_t>(size);
   copyBounded(record.directory, sizeof record.directory - 1, kBlankField);
@@ -436,6 +456,14 @@ int readAnswer(int fd) {
   return answer;
 }
 
+// Whether the open `fd` is still the file a look at its name found: the same device, inode and
+// type. A name can be given to another file between the look and the open.
+bool isFileSeen(int fd, const struct stat& seen) {
+  struct stat status;
+  return fstat(fd, &status) == 0 && status.st_dev == seen.st_dev && status.st_ino == seen.st_ino &&
+         (status.st_mode & S_IFMT) == (seen.st_mode & S_IFMT);
+}
+
 int recordAnswer(SlmList* list, const char* path, size_t nameOffset, off_t size, int answer) {
   if (answer < 0) return kSearchUnreadable;
   return answer == kIsExecutable ? appendRecord(list, path, nameOffset, size) : kSearchOk;
@@ -448,6 +476,76 @@ int openEntry(int parentFd, const char* name, int flags) {
   int fd = openat(parentFd, name, flags | O_NOATIME);
   if (fd < 0 && errno == EPERM) fd = openat(parentFd, name, flags);
   return fd;
+}
+
+// Opens the candidate `name` (relative to `parentFd`, or a path) to read its header, when it is
+// still the regular file `seen`; -1 otherwise. A FIFO renamed there after the look would hold a
+// blocking open until some process wrote to it: the open does not wait.
+int openCandidate(int parentFd, const char* name, const struct stat& seen) {
+  const int fd =
+      openEntry(parentFd, name, O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
+  if (fd < 0) return -1;
+  if (S_ISREG(seen.st_mode) && isFileSeen(fd, seen)) return fd;
+  close(fd);
+  return -1;
+}
+
+// Opens the directory `name` (relative to `parentFd`, or a path) when it is still the directory
+// with `device` and `inode`; -1 otherwise: a directory put in its place, or a link, is not walked.
+int openDirectory(int parentFd, const char* name, dev_t device, ino_t inode) {
+  const int fd = openEntry(parentFd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+  if (fd < 0) return -1;
+  struct stat seen {};
+  seen.st_dev = device;
+  seen.st_ino = inode;
+  seen.st_mode = S_IFDIR;
+  if (isFileSeen(fd, seen)) return fd;
+  close(fd);
+  return -1;
+}
+
+// Makes room for one more open directory: at the bound, the shallowest open one but `keep` is
+// closed. The deepest stay open, as the walk needs them next.
+void makeRoom(Walk& walk, size_t keep) {
+  if (walk.openLevels < walk.maxOpenLevels) return;
+  for (size_t i = 0; i < walk.levels.size(); ++i) {
+    Level& level = walk.levels[i];
+    if (level.fd < 0 || i == keep) continue;
+    close(level.fd);
+    level.fd = -1;
+    --walk.openLevels;
+    return;
+  }
+}
+
+// The descriptor of the walk's directory at `depth`. One the bound closed is reopened name by
+// name from the nearest ancestor still open (the start from its path), each directory checked to
+// be the one seen before; -1 when one is gone or another: the rest below it is not walked.
+int levelFd(Walk& walk, size_t depth) {
+  size_t open = depth;
+  while (open > 0 && walk.levels[open].fd < 0) --open;
+  if (walk.levels[open].fd < 0) {
+    makeRoom(walk, SIZE_MAX);
+    const Level& start = walk.levels[0];
+    const int fd = openDirectory(AT_FDCWD, walk.rootedStart.c_str(), start.device, start.inode);
+    if (fd < 0) return -1;
+    walk.levels[0].fd = fd;
+    ++walk.openLevels;
+  }
+  for (size_t i = open + 1; i <= depth; ++i) {
+    const size_t nameOffset = walk.levels[i - 1].length + 1;
+    char name[NAME_MAX + 1];
+    const size_t nameLength = std::min(walk.levels[i].length - nameOffset, sizeof name - 1);
+    memcpy(name, walk.path + nameOffset, nameLength);
+    name[nameLength] = '\0';
+    makeRoom(walk, i - 1);
+    const int fd =
+        openDirectory(walk.levels[i - 1].fd, name, walk.levels[i].device, walk.levels[i].inode);
+    if (fd < 0) return -1;
+    walk.levels[i].fd = fd;
+    ++walk.openLevels;
+  }
+  return walk.levels[depth].fd;
 }
 
 // As much as a directory read asks for at once: the entries of most directories in one call.
@@ -475,19 +573,39 @@ bool hasExecuteBit(const struct stat& status) {
 // its parent, so that the lookups of one directory's entries come together while the kernel still
 // holds that directory's entries close at hand; a walk in that order runs markedly faster.
 constexpr int kEnterLater = -1;
+// What it answers for an executable beyond the bound on records: the walk ends there, and what it
+// recorded stands.
+constexpr int kRecordsBounded = -2;
 
-int walkEntry(Walk& walk, int parentFd, size_t nameOffset, size_t length, unsigned char type);
+// Whether a result ends the walk.
+bool endsWalk(int result) {
+  return result == kSearchNoMemory || result == kSearchStopped || result == kRecordsBounded;
+}
 
-// Walks the open directory whose path fills the first `length` characters of the buffer: its
-// entries in the order read, then the directories among them. Closes `fd`; the buffer holds the
-// directory's path again on return.
-int walkDirectory(Walk& walk, int fd, size_t length) {
+// A directory to enter once its parent's entries are all seen: where its name lies in the
+// parent's list of names, and what a look at it found.
+struct Pending {
+  size_t nameAt;
+  dev_t device;
+  ino_t inode;
+};
+
+int walkEntry(Walk& walk, int parentFd, size_t nameOffset, size_t length, unsigned char type,
+              struct stat* status);
+
+// Walks the open directory at `depth` of the walk's levels: its entries in the order read, then
+// the directories among them. The buffer holds the directory's path again on return; the
+// directory's level stays for the caller to close.
+int walkDirectory(Walk& walk, size_t depth) {
   char* path = walk.path;
+  const size_t length = walk.levels[depth].length;
+  const int fd = walk.levels[depth].fd;
   path[length] = '/';
   path[length + 1] = '\0';
   const size_t nameOffset = length + 1;
   int result = kSearchOk;
-  std::string later;  // the names of the directories to enter, each ended by a 0
+  std::string names;  // the names of the directories to enter, each ended by a 0
+  std::vector<Pending> later;
   walk.direntAt = walk.direntBytes = 0;
   for (const dirent64* entry = nextEntry(walk, fd); entry != nullptr; entry = nextEntry(walk, fd)) {
     const char* name = entry->d_name;
@@ -495,35 +613,51 @@ int walkDirectory(Walk& walk, int fd, size_t length) {
     const size_t nameLength = strlen(name);
     if (nameOffset + nameLength > kSearchPathMaxChars) continue;
     memcpy(path + nameOffset, name, nameLength + 1);
-    result = walkEntry(walk, fd, nameOffset, nameOffset + nameLength, entry->d_type);
+    struct stat status;
+    result = walkEntry(walk, fd, nameOffset, nameOffset + nameLength, entry->d_type, &status);
     if (result == kEnterLater) {
       try {
-        later.append(name, nameLength + 1);
+        later.push_back({names.size(), status.st_dev, status.st_ino});
+        names.append(name, nameLength + 1);
       } catch (const std::bad_alloc&) {
         result = kSearchNoMemory;
       }
     }
-    if (result == kSearchNoMemory || result == kSearchStopped) break;
+    if (endsWalk(result)) break;
     result = kSearchOk;
   }
-  for (size_t at = 0; result == kSearchOk && at < later.size();) {
-    const char* name = later.c_str() + at;
+  for (size_t i = 0; result == kSearchOk && i < later.size(); ++i) {
+    const char* name = names.c_str() + later[i].nameAt;
     const size_t nameLength = strlen(name);
-    at += nameLength + 1;
+    const int parentFd = levelFd(walk, depth);
+    if (parentFd < 0) {
+      SLM_TRACE(1, "WARNING - Directory %.*s changed during the scan, not walked further",
+                static_cast<int>(length), path);
+      break;
+    }
     memcpy(path + nameOffset, name, nameLength + 1);
-    const int child = openEntry(fd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-    if (child < 0) continue;  // unreadable: skipped like any other entry
-    result = walkDirectory(walk, child, nameOffset + nameLength);
-    if (result != kSearchNoMemory && result != kSearchStopped) result = kSearchOk;
+    makeRoom(walk, depth);
+    const int child = openDirectory(parentFd, name, later[i].device, later[i].inode);
+    if (child < 0) continue;  // unreadable, or no longer what was seen: skipped
+    // Room for every level a path can have was reserved before the walk.
+    walk.levels.push_back({child, later[i].device, later[i].inode, nameOffset + nameLength});
+    ++walk.openLevels;
+    result = walkDirectory(walk, depth + 1);
+    if (walk.levels.back().fd >= 0) {
+      close(walk.levels.back().fd);
+      --walk.openLevels;
+    }
+    walk.levels.pop_back();
+    if (!endsWalk(result)) result = kSearchOk;
   }
   path[length] = '\0';
-  close(fd);
   return result;
 }
 
 // One entry of an open directory: its path fills the buffer up to `length`, its name begins at
-// `nameOffset`.
-int walkEntry(Walk& walk, int parentFd, size_t nameOffset, size_t length, unsigned char type) {
+// `nameOffset`. `status` gets what a look at it found, where one was made.
+int walkEntry(Walk& walk, int parentFd, size_t nameOffset, size_t length, unsigned char type,
+              struct stat* status) {
   const char* path = walk.path;
   const bool valid = walk.check == FileSystemCheck::kEveryPath ? isValidPath(path) == kPathValid
                                                                : !isExcludedEntry(path, nameOffset);
@@ -543,30 +677,48 @@ int walkEntry(Walk& walk, int parentFd, size_t nameOffset, size_t length, unsign
   const char* name = path + nameOffset;
   // A directory too is looked at (and its device asked) before it is opened: an open would have
   // an automounter mount whatever it serves there. A look never does.
-  struct stat status;
-  if (fstatat(parentFd, name, &status, AT_SYMLINK_NOFOLLOW) != 0) return kSearchUnreadable;
-  if (walk.check == FileSystemCheck::kOncePerDevice && !deviceWalked(walk, status.st_dev)) {
+  if (fstatat(parentFd, name, status, AT_SYMLINK_NOFOLLOW) != 0) return kSearchUnreadable;
+  if (walk.check == FileSystemCheck::kOncePerDevice && !deviceWalked(walk, status->st_dev)) {
     SLM_TRACE(3, "The path = %s is not valid", path);
     return kSearchOk;
   }
-  if (S_ISDIR(status.st_mode)) {
+  if (S_ISDIR(status->st_mode)) {
     return length + 1 > kSearchPathMaxChars ? kSearchPathTooLong : kEnterLater;
   }
   // A file shorter than a header cannot be an executable: it is not opened.
-  if (S_ISREG(status.st_mode) && hasExecuteBit(status) &&
-      status.st_size >= static_cast<off_t>(kExecHeaderBytes)) {
-    const uint64_t file = fileOf(status);
-    const uint64_t state = stateOf(status);
+  if (S_ISREG(status->st_mode) && hasExecuteBit(*status) &&
+      status->st_size >= static_cast<off_t>(kExecHeaderBytes)) {
+    const uint64_t file = fileOf(*status);
+    const uint64_t state = stateOf(*status);
     int answer = knownAnswer(walk, file, state);
     if (answer < 0) {
-      int fd = openEntry(parentFd, name, O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY);
+      const int fd = openCandidate(parentFd, name, *status);
       if (fd < 0) return kSearchUnreadable;
       answer = readAnswer(fd);
     }
-    if (answer >= 0) learn(walk, status, file, state, answer);
-    return recordAnswer(walk.list, path, nameOffset, status.st_size, answer);
+    if (answer >= 0) learn(walk, *status, file, state, answer);
+    if (answer == kIsExecutable && walk.records >= walk.maxRecords) {
+      SLM_TRACE(0, "WARNING - Scan stopped at %lld records (%s)",
+                static_cast<long long>(walk.records), kMaxScanRecordsKey);
+      return kRecordsBounded;
+    }
+    const int result = recordAnswer(walk.list, path, nameOffset, status->st_size, answer);
+    if (result == kSearchOk && answer == kIsExecutable) ++walk.records;
+    return result;
   }
   return kSearchOk;
+}
+
+// How many directories a walk keeps open: kMaxOpenScanDirectories, or half of what the process may
+// open if that is less (its other threads need the rest), and never fewer than a directory and
+// its parent.
+size_t openDirectoryBound() {
+  size_t bound = kMaxOpenScanDirectories;
+  struct rlimit limit;
+  if (getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur != RLIM_INFINITY) {
+    bound = std::min<size_t>(bound, limit.rlim_cur / 2);
+  }
+  return std::max<size_t>(bound, 2);
 }
 
 }  // namespace
@@ -609,7 +761,7 @@ int isValidPath(const char* path) {
 
 int processFile(SlmList* list, char* path, const struct stat& fileStatus) {
   char rooted[2 * kSearchPathSize];
-  int fd = open(rootedPath(path, rooted, sizeof rooted), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+  const int fd = openCandidate(AT_FDCWD, rootedPath(path, rooted, sizeof rooted), fileStatus);
   if (fd < 0) return kSearchUnreadable;
   const char* slash = strrchr(path, '/');
   if (slash == nullptr) {
@@ -633,6 +785,8 @@ int analyzePath(SlmList* list, char* path, FileSystemCheck check) {
   walk.list = list;
   walk.path = path;
   walk.check = check;
+  walk.maxOpenLevels = openDirectoryBound();
+  walk.maxRecords = securitySettings().maxScanRecords;
   // The start was checked by its path: its device is known to be walked.
   walk.devices[0] = status.st_dev;
   walk.walked[0] = true;
@@ -642,15 +796,23 @@ int analyzePath(SlmList* list, char* path, FileSystemCheck check) {
     if (length + 1 > kSearchPathMaxChars) return kSearchPathTooLong;
     try {
       walk.dirents.resize(kDirentBufferBytes);
+      // Every name of a path takes at least two characters, its "/" among them.
+      walk.levels.reserve(kSearchPathSize / 2 + 1);
+      walk.rootedStart = rooted;
     } catch (const std::bad_alloc&) {
       return kSearchNoMemory;
     }
-    int fd = open(rooted, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    const int fd = openDirectory(AT_FDCWD, rooted, status.st_dev, status.st_ino);
     if (fd < 0) return kSearchUnreadable;
     if (check == FileSystemCheck::kOncePerDevice) walk.unwalkedMounts = unwalkedMountPoints();
     takeKnownFiles(walk);
-    const int result = walkDirectory(walk, fd, length);
+    walk.levels.push_back({fd, status.st_dev, status.st_ino, length});
+    walk.openLevels = 1;
+    int result = walkDirectory(walk, 0);
+    if (walk.levels[0].fd >= 0) close(walk.levels[0].fd);
     keepKnownFiles(walk);
+    // A walk that met the bound on records delivers what it recorded.
+    if (result == kRecordsBounded) result = kSearchOk;
     return result;
   }
   if (S_ISREG(status.st_mode) && hasExecuteBit(status)) return processFile(list, path, status);

@@ -1,7 +1,8 @@
 // The disk walk of the inventory: from the root it enters the local disk file systems of known
 // types and appends one InventoryRecord to a list for every executable program it finds. Symbolic
-// links are never followed. Runs on the inventory thread (or an on-demand run); the list is private
-// to the caller until the walk ends.
+// links are never followed, and a name given to another file between a look and an open is
+// skipped. Runs on the inventory thread (or an on-demand run); the list is private to the caller
+// until the walk ends.
 #pragma once
 
 #include <sys/stat.h>
@@ -91,9 +92,15 @@ extern const size_t fileExecPredicateCount;
 // result), or, as a reference, by a statfs of every path.
 enum class FileSystemCheck { kOncePerDevice, kEveryPath };
 
-// Walks from the root. kSearchOk when the walk finished (unreadable parts are skipped),
-// kSearchNoMemory when a record could not be appended, kSearchPathTooLong or kSearchUnreadable
-// only for the root itself.
+// At most this many directories of a walk are open at once (fewer where the process may open
+// fewer than twice as many descriptors): a deeper one is entered after closing the shallowest, and
+// that one is opened again by name when the walk comes back to it.
+constexpr size_t kMaxOpenScanDirectories = 64;
+
+// Walks from the root. kSearchOk when the walk finished (unreadable parts are skipped) or stopped
+// at the bound on records (securitySettings().maxScanRecords, with a WARNING: the records made
+// stand), kSearchNoMemory when a record could not be appended, kSearchPathTooLong or
+// kSearchUnreadable only for the root itself.
 [[nodiscard]] int createInventoryList(SlmList* list);
 
 // Walks `path` (a kSearchPathSize buffer holding a path as seen from the root), recursively; the
@@ -108,7 +115,8 @@ enum class FileSystemCheck { kOncePerDevice, kEveryPath };
 
 // Tests the file at `path` (as seen from the root, lstat result `fileStatus`) and appends its
 // record when it is an executable. kSearchOk (recorded or not an executable), kSearchNoMemory,
-// kSearchUnreadable (cannot be opened, shorter than the header, or no "/" in the path).
+// kSearchUnreadable (cannot be opened or is no longer the regular file `fileStatus` describes,
+// shorter than the header, or no "/" in the path).
 [[nodiscard]] int processFile(SlmList* list, char* path, const struct stat& fileStatus);
 
 // ---- What walks learn.

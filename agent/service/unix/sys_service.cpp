@@ -6,12 +6,15 @@
 
 #include <pthread.h>
 #include <semaphore.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
 
+#include "agent_core/support/trace.h"
 #include "kernel/linux/agent/driver_check.h"
 #include "kernel/unix/agent/driver_api.h"
 #include "service/service.h"
@@ -43,6 +46,24 @@ void waitForStop() {
 }
 
 }  // namespace
+
+int raiseDescriptorLimit() {
+  struct rlimit limit;
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return errno;
+  if (limit.rlim_max != RLIM_INFINITY && limit.rlim_max < kWantedDescriptors) {
+    // Only a privileged process may raise its hard limit; any other keeps the one it has.
+    const struct rlimit wanted = {kWantedDescriptors, kWantedDescriptors};
+    if (setrlimit(RLIMIT_NOFILE, &wanted) == 0) return 0;
+  }
+  // No process may have an unlimited soft limit on descriptors: under an unlimited hard one the
+  // soft one goes to kWantedDescriptors.
+  const rlim_t soft = limit.rlim_max != RLIM_INFINITY
+                          ? limit.rlim_max
+                          : std::max<rlim_t>(limit.rlim_cur, kWantedDescriptors);
+  if (limit.rlim_cur >= soft) return 0;
+  limit.rlim_cur = soft;
+  return setrlimit(RLIMIT_NOFILE, &limit) == 0 ? 0 : errno;
+}
 
 void stopHandler(int) {
   int savedErrno = errno;
@@ -86,11 +107,13 @@ int serviceMain() {
   }
 
   signal(SIGTERM, stopHandler);
+  const int raised = raiseDescriptorLimit();
 
   if (serviceInitialization() != 0) {
     reportFailure(kStepInitialization);
     return kExitOk;
   }
+  if (raised != 0) SLM_TRACE(0, "WARNING - Descriptor limit not raised, error %d", raised);
 
   waitForStop();
 

@@ -1,8 +1,11 @@
 #include "agent_core/invthr.h"
 
 #include <gtest/gtest.h>
+#include <sys/mount.h>
 
+#include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <string>
 #include <vector>
@@ -15,6 +18,8 @@
 
 namespace slm {
 namespace {
+
+using test::readFile;
 
 constexpr AgentTime kNow = 1700000000;
 
@@ -174,6 +179,25 @@ TEST_F(InventorySender, ReadsOnlyWholeUndamagedRecordsFromTheScanFile) {
     fclose(file);
     EXPECT_EQ(count, c.records) << c.content.size();
   }
+}
+
+TEST_F(InventorySender, ScanFileTooLargeForItsFileSystemIsNotWrittenAndTheWaitingOneStays) {
+  root_.makeDirs("small");
+  const std::string small = root_.file("small");
+  if (mount("scan-test", small.c_str(), "tmpfs", 0, "size=64k") != 0) {
+    GTEST_SKIP() << "no file system can be mounted here: " << strerror(errno);
+  }
+  const std::string path = small + "/" + kScanFileName;
+  root_.writeFile("small/scan.dat", "waiting");
+  // 64 KiB hold 68 records, not 100.
+  EXPECT_FALSE(writeScanFile(path.c_str(), records(100), kNow));
+  EXPECT_TRUE(traced("ERROR - No room for inventory file " + path + ": 96004 bytes, "));
+  EXPECT_EQ(readFile(path), "waiting");
+  EXPECT_FALSE(test::fileExists(path + ".new"));
+  deleteList(list_);
+  EXPECT_TRUE(writeScanFile(path.c_str(), records(30), kNow));
+  EXPECT_EQ(readFile(path).size(), 4u + 30 * kInventoryRecordSize);
+  umount2(small.c_str(), MNT_DETACH);
 }
 
 TEST_F(InventorySender, StopSavesTheSecondsToSendAndTheNextStartKeepsThem) {

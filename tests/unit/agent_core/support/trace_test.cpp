@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <regex>
 #include <string>
 #include <thread>
@@ -39,6 +40,31 @@ TEST_F(Trace, WritesHeaderAndIndentedMessage) {
       "(Jan|Feb|Mar|Apr|May|Jun|Jul|Aug|Sep|Oct|Nov|Dec) [ 0-9]\\d \\d\\d:\\d\\d:\\d\\d \\d{4} "
       "Tid: \\d+\n  OK - value 7\n");
   EXPECT_TRUE(std::regex_match(content(), kMessage)) << content();
+}
+
+TEST_F(Trace, SpellsOutControlBytesSoNoMessageForgesALine) {
+  struct Case {
+    std::string argument;
+    std::string written;
+  };
+  const std::string longName = std::string(1500, 'n') + "\n" + std::string(500, 'm');
+  const Case cases[] = {
+      {"plain /usr/bin/app \xc3\xa9t\xc3\xa9 50% a\\nb",
+       "plain /usr/bin/app \xc3\xa9t\xc3\xa9 50% a\\nb"},
+      {"x\n  OK - Agent stopped", "x\\n  OK - Agent stopped"},
+      {"cr\r\nlf", "cr\\r\\nlf"},
+      {"tab\there", "tab\\there"},
+      {"\x1b[31mred\x7f\x01", "\\x1b[31mred\\x7f\\x01"},
+      {longName, std::string(1500, 'n') + "\\n" + std::string(500, 'm')},
+  };
+  for (const Case& c : cases) {
+    startTrace(path_.c_str());
+    outputTrace("f", 1, "OK - [%.*s]", static_cast<int>(c.argument.size()), c.argument.data());
+    const std::string text = content();
+    // The header line, then the message on one line.
+    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 2) << text;
+    EXPECT_EQ(text.substr(text.find('\n') + 1), "  OK - [" + c.written + "]\n");
+  }
 }
 
 TEST_F(Trace, LevelsGateMessagesAndOutOfRangeLevelsAreIgnored) {

@@ -6,17 +6,21 @@
 #include <linux/fuse.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/fanotify.h>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/vfs.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <ctime>
+#include <filesystem>
 #include <functional>
 #include <set>
 #include <string>
@@ -25,8 +29,11 @@
 
 #include "agent_core/data/inventory_record.h"
 #include "agent_core/data/slm_time.h"
+#include "agent_core/security_settings.h"
+#include "agent_core/support/trace.h"
 #include "agent_core/support/unix_common.h"
 #include "support/agent_sandbox.h"
+#include "support/wait_until.h"
 
 namespace slm {
 namespace {
@@ -62,6 +69,26 @@ std::string farTableElf(bool interpreter) {
   out.replace(32, 8, test::le64(64 + 400));
   return out;
 }
+
+// While it lives, the process may open only a few descriptors more than it has open; a walk then
+// keeps half of the limit's directories open.
+class FewDescriptors {
+ public:
+  FewDescriptors() {
+    int open = 0;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+      (void)entry;
+      ++open;
+    }
+    EXPECT_EQ(getrlimit(RLIMIT_NOFILE, &saved_), 0);
+    const struct rlimit few = {static_cast<rlim_t>(2 * open + 16), saved_.rlim_max};
+    EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &few), 0);
+  }
+  ~FewDescriptors() { setrlimit(RLIMIT_NOFILE, &saved_); }
+
+ private:
+  struct rlimit saved_;
+};
 
 // A scratch root on a walked file system, or none (the tests then skip).
 class ScanRoot : public ::testing::Test {
@@ -179,7 +206,9 @@ TEST_F(ScanRoot, FollowsNoLinksAndSkipsTopLevelProcAndXfnOnly) {
   write("processes/quirk", elf(2, 2, 62));  // "//proc" is matched as a prefix
   write("xfn/named", elf(2, 2, 62));
   write("var/qsam/caf\xe9", elf(2, 2, 62));
-  EXPECT_EQ(scannedNames(), (std::set<std::string>{"tool", "inproc", "inxfn", "caf\xc3\xa9"}));
+  write("var/qsam/odd\r\n  OK - Agent stopped\x1b", elf(2, 2, 62));  // control bytes: "?"
+  EXPECT_EQ(scannedNames(), (std::set<std::string>{"tool", "inproc", "inxfn", "caf\xc3\xa9",
+                                                   "odd??  OK - Agent stopped?"}));
 }
 
 TEST_F(ScanRoot, FillsTheRecordAsTheInventoryTransferExpects) {
@@ -225,6 +254,161 @@ TEST_F(ScanRoot, KeepsPathsWithin4095Characters) {
   close(fd);
   write("top", elf(2, 2, 62));
   EXPECT_EQ(scannedNames(), (std::set<std::string>{"x", "top"}));
+}
+
+// The process may open only a few descriptors more than it has open: a walk that kept a directory
+// open for every level would lose the tree below the first few dozen. Two branches leave level 100
+// and go 50 deeper, so whichever comes first, the walk comes back to level 100 (long closed) to
+// enter the other; the chain goes on to level 300.
+TEST_F(ScanRoot, DeepTreeIsWalkedWholeWithFewDirectoriesOpen) {
+  std::string level;
+  std::set<std::string> expected;
+  for (int depth = 1; depth <= 300; ++depth) {
+    level += "d/";
+    if (depth % 60 == 0) {
+      write(level + "at" + std::to_string(depth), elf(2, 2, 62));
+      expected.insert("at" + std::to_string(depth));
+    }
+    if (depth == 100) {
+      for (const std::string branch : {"a", "b"}) {
+        std::string deep = level;
+        for (int i = 0; i < 50; ++i) deep += branch + "/";
+        write(deep + branch + "-end", elf(2, 2, 62));
+        expected.insert(branch + "-end");
+      }
+    }
+  }
+  write(level + "bottom", elf(2, 3, 62, true));
+  expected.insert("bottom");
+
+  std::set<std::string> names;
+  {
+    FewDescriptors few;
+    names = scannedNames();
+  }
+  EXPECT_EQ(names, expected);
+}
+
+// A directory the walk closed (for the bound on open directories) and comes back to is swapped,
+// while the walk is deep in its first subdirectory, for another holding a subdirectory of the same
+// name: the walk must not enter the stranger. Opening the program at the bottom of the first
+// subdirectory is the moment (a permission event holds it while the directories are swapped).
+TEST_F(ScanRoot, ADirectorySwappedWhileClosedIsNotWalkedAgain) {
+  forgetKnownFiles(Forget::kMemoryAndFile);
+  const std::string chain = "/c/c/c/c/c/c/c/c/c/c/c/c/c/c/c/c/c/c/c/c/c/c/c/c/c/c/c/c/c/c/";
+  for (const std::string branch : {"x", "y"})
+    write("top/" + branch + chain + "mark", elf(2, 2, 62));
+  test::TempDir stranger;
+  for (const std::string branch : {"x", "y"}) {
+    stranger.writeFile(branch + "/intruder", elf(2, 2, 62));
+    ASSERT_EQ(chmod(stranger.file(branch + "/intruder").c_str(), 0755), 0);
+  }
+  const int events = fanotify_init(FAN_CLASS_CONTENT | FAN_CLOEXEC, O_RDONLY);
+  if (events < 0) GTEST_SKIP() << "no permission events here: " << strerror(errno);
+  for (const std::string branch : {"x", "y"}) {
+    ASSERT_EQ(fanotify_mark(events, FAN_MARK_ADD, FAN_OPEN_PERM, AT_FDCWD,
+                            root_.file("top/" + branch + chain + "mark").c_str()),
+              0);
+  }
+  const std::string tracePath = root_.file("trace.log");
+  startTrace(tracePath.c_str());
+  setTraceLevel(1);
+  std::atomic<bool> walked{false};
+  std::set<std::string> names;
+  std::thread walk([&] {
+    FewDescriptors few;
+    names = scannedNames();
+    walked = true;
+  });
+  bool swapped = false;
+  while (!walked) {
+    pollfd ready{events, POLLIN, 0};
+    if (poll(&ready, 1, 20) <= 0) continue;
+    fanotify_event_metadata event;
+    if (read(events, &event, sizeof event) != static_cast<ssize_t>(sizeof event)) continue;
+    if (!swapped) {
+      swapped = renameat2(AT_FDCWD, root_.file("top").c_str(), AT_FDCWD, stranger.path().c_str(),
+                          RENAME_EXCHANGE) == 0;
+    }
+    const fanotify_response allow{event.fd, FAN_ALLOW};
+    EXPECT_EQ(::write(events, &allow, sizeof allow), static_cast<ssize_t>(sizeof allow));
+    close(event.fd);
+  }
+  walk.join();
+  close(events);
+  stopTrace();
+  setTraceLevel(-1);
+  ASSERT_TRUE(swapped);
+  EXPECT_EQ(names, std::set<std::string>{"mark"});
+  EXPECT_NE(test::readFile(tracePath).find("WARNING - Directory //top changed during the scan"),
+            std::string::npos);
+}
+
+// Hard links make as many records as names: a user can make thousands of one program. The walk
+// ends at the bound, keeping what it recorded; a tree within the bound is walked whole.
+TEST_F(ScanRoot, StopsAtTheBoundOnRecordsWithAWarning) {
+  write("bin/prog", elf(2, 2, 62));
+  for (int i = 0; i < 29; ++i) {
+    const std::string name = root_.file("bin/link" + std::to_string(i));
+    ASSERT_EQ(::link(root_.file("bin/prog").c_str(), name.c_str()), 0);
+  }
+  const std::string tracePath = root_.file("trace.log");
+  struct Case {
+    int64_t bound;
+    size_t records;
+    bool warned;
+  } cases[] = {{30, 30, false}, {29, 29, true}, {1, 1, true}};
+  for (const Case& c : cases) {
+    SecuritySettings settings;
+    settings.maxScanRecords = c.bound;
+    setSecuritySettings(settings);
+    startTrace(tracePath.c_str());
+    int result = -1;
+    EXPECT_EQ(scan(FileSystemCheck::kOncePerDevice, &result).size(), c.records) << c.bound;
+    EXPECT_EQ(result, kSearchOk);
+    stopTrace();
+    const std::string warning = "WARNING - Scan stopped at " + std::to_string(c.bound) + " records";
+    EXPECT_EQ(test::readFile(tracePath).find(warning) != std::string::npos, c.warned) << c.bound;
+  }
+  setSecuritySettings(SecuritySettings{});
+  setTraceLevel(-1);
+}
+
+// A name swapped between a regular program and a FIFO, over and over, while walks run: a walk
+// that opened what it looked at as a program and got the FIFO would wait for a writer for ever.
+// Every walk must end; one that does not is released by a writer, and the test fails.
+TEST_F(ScanRoot, ACandidateSwappedForAFifoNeverHoldsTheWalk) {
+  write("opt/app", elf(2, 2, 62));
+  const std::string app = root_.file("opt/app");
+  const std::string pipe = root_.file("opt/pipe");
+  ASSERT_EQ(mkfifo(pipe.c_str(), 0755), 0);
+  std::atomic<bool> swapping{true};
+  std::atomic<bool> walked{false};
+  std::thread swapper([&] {
+    while (swapping) {
+      renameat2(AT_FDCWD, app.c_str(), AT_FDCWD, pipe.c_str(), RENAME_EXCHANGE);
+    }
+  });
+  std::thread walks([&] {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(2);
+    while (std::chrono::steady_clock::now() < end) {
+      for (const InventoryRecord& record : scan()) {
+        EXPECT_TRUE(strcmp(record.name, "app") == 0 || strcmp(record.name, "pipe") == 0);
+      }
+    }
+    walked = true;
+  });
+  const bool ended = test::waitUntil([&] { return walked.load(); }, std::chrono::seconds(20));
+  swapping = false;
+  swapper.join();
+  while (!walked) {
+    for (const std::string& name : {app, pipe}) {
+      const int writer = open(name.c_str(), O_WRONLY | O_NONBLOCK);
+      if (writer >= 0) close(writer);
+    }
+  }
+  walks.join();
+  EXPECT_TRUE(ended) << "a walk waited on the FIFO";
 }
 
 TEST_F(ScanRoot, OneFileSystemCheckPerDeviceGivesTheRecordsOfOnePerPath) {
