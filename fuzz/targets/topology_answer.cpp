@@ -1,6 +1,6 @@
 // The topology answer (downloadTopology) and its merge into the server cache, as the topology
 // command does it: the division and enterprise sections of "host|path|port" lines, then the
-// trailer.
+// trailer. Only servers with an acceptable host come into the lists.
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -21,6 +21,7 @@ int checkedEntries(SlmList* servers) {
     const auto* server = static_cast<const ServerAddress*>(item);
     FUZZ_CHECK(server->port != 0);
     FUZZ_CHECK(strnlen(server->host, kServerHostSize) < kServerHostSize);
+    FUZZ_CHECK(acceptableServerHost(server->host));  // no other host is ever listed
     FUZZ_CHECK(strnlen(server->path, kServerPathSize) < kServerPathSize);
     ++count;
   }

@@ -31,6 +31,17 @@ def test_close_after_cuts_the_answer(start_server, tmp_path):
     assert split_response(exchange(srv.port, download_request("/none")))[2] == b"not|a\r\nfile"
 
 
+def test_content_length_announces_a_lie_over_the_real_body(start_server):
+    srv = start_server({"services": {"ping": {"content_length": 2000000000}},
+                        "downloads": {"faults": {"/big": {"payload": "0123456789",
+                                                          "content_length": "2000000000"}}}})
+    for request, body in ((service_request("1", []), b"<response:0,0:ok>\r\n"),
+                          (download_request("/big"), b"0123456789")):
+        _, headers, got = split_response(exchange(srv.port, request))
+        assert "Content-Length: 2000000000" in headers
+        assert got == body
+
+
 def test_version_header_wrong_or_missing(start_server):
     srv = start_server({"services": {"1": {"scp_version": "1.0.9"}, "2": {"scp_version": None}}})
     _, headers, _ = split_response(exchange(srv.port, service_request("1", [])))

@@ -136,7 +136,7 @@ class Handler(socketserver.BaseRequestHandler):
         head = framing.response_head(http_status, [
             ("Connection", "close"),
             ("Content-Type", "text/plain"),
-            ("Content-Length", str(ans.length + len(tail))),
+            ("Content-Length", _content_length(b, ans.length + len(tail))),
             ("SCPVersion", b.get("scp_version", SCP_VERSION)),
             ("Service", service),
         ], scenario.header_separator, b.get("http_reason"))
@@ -160,7 +160,7 @@ class Handler(socketserver.BaseRequestHandler):
         head = framing.response_head(status, [
             ("Connection", "close"),
             ("Content-Type", "application/octet-stream"),
-            ("Content-Length", str(size)),
+            ("Content-Length", _content_length(b, size)),
         ], scenario.header_separator, b.get("http_reason"))
         server.state.set_answer(rid, status, None, None)
         self.send(head, chunks, b, len(head) + size)
@@ -195,6 +195,12 @@ class Handler(socketserver.BaseRequestHandler):
                 pass
         except OSError:
             pass
+
+
+def _content_length(behaviour, length):
+    """The Content-Length value: the body's length unless the behaviour
+    announces another (a lying server); the body itself is unchanged."""
+    return str(behaviour.get("content_length", length))
 
 
 def _chain(*iterables):

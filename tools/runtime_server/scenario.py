@@ -47,6 +47,7 @@ PARAMETER_ORDER = (
 BEHAVIOUR_KEYS = {
     "result", "status", "http_status", "http_reason", "scp_version",
     "delay", "close_after", "close_at", "payload", "trailer", "skip", "count",
+    "content_length",
 }
 
 

@@ -44,6 +44,27 @@ bool plausibleNumber(const char* text, int64_t value) {
   return value != 0 || text[0] == '0';
 }
 
+// Whether `text` (of `length` characters) is a decimal from 0 to 255 without leading zeros.
+bool isAddressPart(const char* text, size_t length) {
+  if (length == 0 || length > 3 || (length > 1 && text[0] == '0')) return false;
+  int value = 0;
+  for (size_t i = 0; i < length; ++i) {
+    if (text[i] < '0' || text[i] > '9') return false;
+    value = value * 10 + (text[i] - '0');
+  }
+  return value <= 255;
+}
+
+// The host as a trace shows it: bytes outside printable ASCII become '?', so that a hostile
+// answer cannot write lines of its own into the trace.
+std::string printableHost(const char* host) {
+  std::string shown(host);
+  for (char& c : shown) {
+    if (c < 0x20 || c > 0x7E) c = '?';
+  }
+  return shown;
+}
+
 // Reads one section of "host|path|port" lines up to `endTag`, appending each server to `servers`.
 int readServerSection(HttpHandle* handle, const TokenDesc* endTag, SlmList* servers) {
   for (;;) {
@@ -64,6 +85,11 @@ int readServerSection(HttpHandle* handle, const TokenDesc* endTag, SlmList* serv
       SLM_TRACE(0, "ERROR - Null server port, string %s", port.text());
       return kServiceMalformedPayload;
     }
+    if (!acceptableServerHost(host.text())) {
+      SLM_TRACE(0, "ERROR - Server host %s refused: neither a host name nor an IPv4 address",
+                printableHost(host.text()).c_str());
+      continue;
+    }
     ServerAddress server{};
     copyBounded(server.host, kServerHostSize - 1, host.text());
     copyBounded(server.path, kServerPathSize - 1, path.text());
@@ -76,6 +102,38 @@ int readServerSection(HttpHandle* handle, const TokenDesc* endTag, SlmList* serv
 }
 
 }  // namespace
+
+bool acceptableServerHost(const char* host) {
+  constexpr size_t kHostNameMax = 253;
+  constexpr size_t kLabelMax = 63;
+  constexpr int kAddressParts = 4;
+  const size_t length = strlen(host);
+  if (length == 0 || length > kHostNameMax) return false;
+  int labels = 0;
+  bool addressParts = true;  // every label so far could be a part of an address
+  bool lastAllDigits = false;
+  const char* label = host;
+  for (;;) {
+    const char* dot = strchr(label, '.');
+    size_t size = dot != nullptr ? static_cast<size_t>(dot - label) : strlen(label);
+    if (size == 0 || size > kLabelMax || label[0] == '-' || label[size - 1] == '-') return false;
+    lastAllDigits = true;
+    for (size_t i = 0; i < size; ++i) {
+      // Plain ASCII classes: the process locale must not widen what a name may hold.
+      char c = label[i];
+      bool digit = c >= '0' && c <= '9';
+      bool letter = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
+      if (!digit && !letter && c != '-') return false;
+      lastAllDigits = lastAllDigits && digit;
+    }
+    addressParts = addressParts && isAddressPart(label, size);
+    ++labels;
+    if (dot == nullptr) break;
+    label = dot + 1;
+  }
+  // A name never ends in a numeric label: that form is an address's, and must be a whole one.
+  return !lastAllDigits || (labels == kAddressParts && addressParts);
+}
 
 int plugIn(const ServerAddress* server) {
   SLM_TRACE(2, "SRVCS - Plugging in on server: %s", server->host);

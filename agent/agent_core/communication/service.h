@@ -42,8 +42,15 @@ constexpr int kPingFailed = 1;
 [[nodiscard]] int pingRTServer(const ServerAddress* server);
 
 // Appends the division servers and the enterprise servers of the preferred server's topology to
-// `division` and `enterprise`, lists of ServerAddress records.
+// `division` and `enterprise`, lists of ServerAddress records. A server whose host is not
+// acceptableServerHost is left out after "ERROR - Server host ... refused"; the others are kept.
 [[nodiscard]] int downloadTopology(SlmList* division, SlmList* enterprise);
+
+// A host the agent will connect to from a server's word: an IPv4 address in four decimal parts
+// (0 to 255, no leading zeros), or a host name of dot-separated labels of letters, digits and "-"
+// (1 to 63 characters, neither starting nor ending with "-"; 253 characters in all, no final dot)
+// whose last label is not all digits.
+bool acceptableServerHost(const char* host);
 
 // Asks the preferred server for a newer agent, sending the text in `command` along. On success
 // `command` holds the update command line (at most `commandSize` - 1 characters) and `files`, a

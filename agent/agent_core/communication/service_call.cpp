@@ -3,9 +3,11 @@
 
 #include <cinttypes>
 #include <cstdio>
+#include <cstring>
 
 #include "agent_core/cache/agent.h"
 #include "agent_core/cache/srvs.h"
+#include "agent_core/security_settings.h"
 #include "agent_core/support/trace.h"
 
 namespace slm {
@@ -47,7 +49,14 @@ int preferredServer(ServerAddress* server) {
 HttpHandle* openService(const ServerAddress& server, const char* serviceId,
                         uint16_t timeoutSeconds) {
   HttpHandle* handle = newSlmService(&server, serviceId, timeoutSeconds);
-  if (handle == nullptr) SLM_TRACE(0, "ERROR - Error init http request, service: %s", serviceId);
+  if (handle == nullptr) {
+    SLM_TRACE(0, "ERROR - Error init http request, service: %s", serviceId);
+    return nullptr;
+  }
+  // Only the catalog is large; every other answer is a few lines.
+  setAnswerLimit(handle, strcmp(serviceId, kServiceCatalog) == 0
+                             ? securitySettings().maxCatalogBytes
+                             : kMaxServiceAnswerBytes);
   return handle;
 }
 

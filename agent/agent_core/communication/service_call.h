@@ -29,8 +29,9 @@ std::string int32Text(int64_t value);
 // kServiceFailed after "ERROR - No preferred server info retrieved".
 [[nodiscard]] int preferredServer(ServerAddress* server);
 
-// Opens service `serviceId` on `server` with a read time-out of `timeoutSeconds`. Null, after its
-// message, when no connection could be made.
+// Opens service `serviceId` on `server` with a read time-out of `timeoutSeconds`, its answer
+// bounded by the catalog limit of the security settings for the catalog, else by
+// kMaxServiceAnswerBytes. Null, after its message, when no connection could be made.
 [[nodiscard]] HttpHandle* openService(const ServerAddress& server, const char* serviceId,
                                       uint16_t timeoutSeconds);
 // Ends the request (when `sent`, the fields having gone out) and reads the answer's head. The

@@ -20,6 +20,7 @@
 #include "agent_core/communication/slm_http.h"
 #include "agent_core/data/slm_time.h"
 #include "agent_core/message/nls.h"
+#include "agent_core/security_settings.h"
 #include "agent_core/support/bytes.h"
 #include "agent_core/support/file_handle.h"
 #include "agent_core/support/trace.h"
@@ -371,6 +372,7 @@ int fetchToPart(const ServerAddress* server, char* localPath, size_t size, PartF
   }
   // A download is taken as it comes: no body conversion, no encoding header.
   putHeader(handle.get(), kHeaderContentEncoding, kHeaderSuppressed);
+  setAnswerLimit(handle.get(), securitySettings().maxDownloadBytes);
   int answer = getAnswer(handle.get());
   if (answer != 1) {
     handle.reset();

@@ -3,11 +3,14 @@
 // and the encoding name are written at start-up before any service runs and read unlocked.
 #include "agent_core/communication/slm_http.h"
 
+#include <cinttypes>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <new>
 
+#include "agent_core/security_settings.h"
 #include "agent_core/support/bytes.h"
 #include "agent_core/support/trace.h"
 
@@ -155,6 +158,20 @@ bool readResponseHeaders(HttpHandle* handle) {
   }
 }
 
+// Refuses the handle's answer, with the ERROR line naming it by its service or else its path;
+// `announced` is the Content-Length that was over the limit, or -1 when the bytes themselves were.
+void refuseAnswer(HttpHandle* handle, int64_t announced) {
+  handle->answerBytes = kAnswerRefused;
+  char announcedText[48] = "";
+  if (announced >= 0) {
+    snprintf(announcedText, sizeof announcedText, " (%" PRId64 " announced)", announced);
+  }
+  const bool service = handle->answerService[0] != '\0';
+  SLM_TRACE(0, "ERROR - Answer of %s%s over its limit of %" PRId64 " bytes%s",
+            service ? "service " : "", service ? handle->answerService : handle->path,
+            handle->answerLimitBytes, announcedText);
+}
+
 }  // namespace
 
 HttpHandle* newHttpHandle(int method, const char* path, const char* version, const char* host,
@@ -167,6 +184,7 @@ HttpHandle* newHttpHandle(int method, const char* path, const char* version, con
   copyBounded(handle->version, kHttpVersionMax, version);
   copyBounded(handle->host, kHttpHostMax, host);
   handle->port = port;
+  handle->answerLimitBytes = kMaxServiceAnswerBytes;
 
   auto timeoutSeconds = static_cast<int16_t>(timeout);
   if (proxy_port != 0 && (flags & kHttpNoProxy) == 0) {
@@ -319,15 +337,41 @@ int getAnswer(HttpHandle* handle) {
       return 0;
   }
 
+  copyBounded(handle->answerService, kHeaderValueMax, handle->headers[kHeaderService]);
   memset(handle->headers, 0, sizeof handle->headers);
   freeCustomHeaders(handle);
   if (!readResponseHeaders(handle)) return 0;
 
-  int bodyLength = atoi(handle->headers[kHeaderContentLength]);
+  // Read in 64 bits: a length past the int range must not wrap below the limit.
+  long long bodyLength = strtoll(handle->headers[kHeaderContentLength], nullptr, 10);
+  if (bodyLength < 0) return 0;
+  if (bodyLength > handle->answerLimitBytes) {
+    refuseAnswer(handle, bodyLength);
+    return 0;
+  }
   resetBufferedStream(handle->bodyStream);
-  // Sized once, so that the service layer can tokenize the whole response in memory. A length
-  // within the buffer changes nothing; a negative one fails the answer.
-  return adjustBufferStream(handle->bodyStream, bodyLength) == 0 ? 1 : 0;
+  // The service layer tokenizes the whole response in memory: the buffer may grow to the
+  // announced length, but only as the bytes come, so a length that lies costs nothing. A length
+  // within the buffer changes nothing.
+  handle->bodyStream->growLimit = static_cast<int>(bodyLength < INT_MAX ? bodyLength : INT_MAX);
+  return 1;
+}
+
+void setAnswerLimit(HttpHandle* handle, int64_t maxBytes) {
+  handle->answerLimitBytes = maxBytes;
+}
+
+int64_t answerRoom(const HttpHandle* handle) {
+  if (handle->answerBytes == kAnswerRefused) return -1;
+  return handle->answerLimitBytes - handle->answerBytes;
+}
+
+bool countAnswerBytes(HttpHandle* handle, int count) {
+  if (handle->answerBytes == kAnswerRefused) return false;
+  handle->answerBytes += count;
+  if (handle->answerBytes <= handle->answerLimitBytes) return true;
+  refuseAnswer(handle, -1);
+  return false;
 }
 
 int getHeaderById(const HttpHandle* handle, int id, char* destination) {

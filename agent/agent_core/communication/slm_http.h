@@ -1,7 +1,8 @@
 // The agent's HTTP/1.0 client: one handle per request and one TCP connection per handle, directly
 // or through a forwarding proxy. The request body is gathered in memory and sent behind its head
-// when the answer is asked for; the response body is read through the handle's body stream. A
-// handle is used by one thread; the proxy and the header defaults are set at start-up, unlocked.
+// when the answer is asked for; the response body is read through the handle's body stream, up to
+// the handle's answer limit. A handle is used by one thread; the proxy and the header defaults are
+// set at start-up, unlocked.
 #pragma once
 
 #include <cstdint>
@@ -71,10 +72,18 @@ struct HttpHandle {
   BufferedStream* headStream;  // over the socket stream
   BufferedStream* bodyStream;  // over the encoding stream
   SlmStream* encodingStream;   // writes to and reads from the head stream
+  int64_t answerLimitBytes;    // the largest response body taken
+  int64_t answerBytes;         // body bytes received so far; kAnswerRefused once over the limit
+  // The request's Service value, which names the answer when it is refused (the path names it
+  // when empty).
+  char answerService[kHeaderValueBytes];
 };
 
+constexpr int64_t kAnswerRefused = -1;
+
 // Opens a connected handle, through the proxy unless none is set or `flags` holds kHttpNoProxy.
-// `timeout` is the read time-out in seconds. Null on failure.
+// `timeout` is the read time-out in seconds. Its answer limit is kMaxServiceAnswerBytes. Null on
+// failure.
 HttpHandle* newHttpHandle(int method, const char* path, const char* version, const char* host,
                           uint16_t port, int timeout, int flags);
 // Null-safe. Closes the streams and the connection, frees the handle.
@@ -96,8 +105,18 @@ int putCustomHearder(HttpHandle* handle, const CustomHeader* record);
 int setRequest(HttpHandle* handle);
 // Appends to the request body. 1, or 0 when the write fails.
 int sendContent(HttpHandle* handle, const char* data, int length);
+// Sets the largest response body the handle takes, by its Content-Length or by the bytes that
+// come. An answer over it is refused with "ERROR - Answer of ... over its limit of N bytes".
+void setAnswerLimit(HttpHandle* handle, int64_t maxBytes);
+// How many more body bytes the answer may take; below 0 once it was refused.
+int64_t answerRoom(const HttpHandle* handle);
+// Counts `count` body bytes as received. False, after the refusal's ERROR line, when they take the
+// answer over its limit; every later answerRoom is then below 0.
+bool countAnswerBytes(HttpHandle* handle, int count);
 // Sends the request and reads the answer's status line and headers. 1 for a 2xx answer (the
-// header fields then hold the response's headers), else 0.
+// header fields then hold the response's headers), else 0; also 0, after the refusal's ERROR
+// line, when the Content-Length is over the handle's answer limit. The body buffer grows towards
+// the Content-Length only as the body's bytes arrive.
 int getAnswer(HttpHandle* handle);
 // Copies header `id`'s value into `destination` (kHeaderValueBytes). 1, or 0 for an id below 0
 // or above 15; id 15 names no header and gives an empty value.

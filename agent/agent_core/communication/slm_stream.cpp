@@ -6,11 +6,13 @@
 #include <arpa/inet.h>
 #include <netdb.h>
 #include <netinet/in.h>
-#include <sys/select.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <climits>
 #include <cstddef>
 #include <cstdio>
@@ -19,6 +21,8 @@
 #include <new>
 
 #include "agent_core/communication/slm_http.h"
+#include "agent_core/data/slm_time.h"
+#include "agent_core/support/trace.h"
 
 namespace slm {
 namespace {
@@ -75,12 +79,82 @@ bool resizeBuffer(BufferedStream* stream, int size, bool terminated) {
   return true;
 }
 
+// Reads into the free room behind the stored bytes. While a read fills the room and the buffer
+// is below its grow limit, the buffer is doubled (at most to the limit) and the reading goes on.
+// The bytes read, or the first read's result below 1.
+int readIntoRoom(BufferedStream* stream) {
+  int total = 0;
+  for (;;) {
+    int room = stream->capacity - stream->stored;
+    int result = stream->lower->read(stream->lower->context, stream->buf + stream->stored, room, 0);
+    if (result < 1) return total > 0 ? total : result;
+    stream->stored += result;
+    total += result;
+    if (result < room || stream->capacity >= stream->growLimit) return total;
+    int64_t doubled = int64_t{stream->capacity} * 2;
+    int grown = static_cast<int>(std::min<int64_t>(doubled, stream->growLimit));
+    // Without the memory the bytes read so far are still delivered; the rest waits for a refill.
+    if (!resizeBuffer(stream, grown, true)) return total;
+  }
+}
+
 struct SocketContext {
   char* host;
   uint16_t port;
   int timeoutSeconds;
   int socket;
+  AgentTime windowStart;  // when the exchange's current window began, on the agent clock
+  int64_t windowBytes;    // bytes sent and received within it
+  bool cut;               // the exchange moved too little: nothing more is sent or received
 };
+
+// Whether the exchange may go on. When a window has run out, it must have moved
+// kExchangeMinimumBytes, and a new window begins; otherwise the exchange is cut for good, after
+// its ERROR line. A clock set back starts the window afresh.
+bool exchangeMoving(SocketContext* socket) {
+  if (socket->cut) return false;
+  AgentTime now = getNowWithOffset(0);
+  int32_t elapsed =
+      static_cast<int32_t>(static_cast<uint32_t>(now) - static_cast<uint32_t>(socket->windowStart));
+  if (elapsed < 0) socket->windowStart = now;
+  if (elapsed < kExchangeWindowSeconds) return true;
+  if (socket->windowBytes >= kExchangeMinimumBytes) {
+    socket->windowStart = now;
+    socket->windowBytes = 0;
+    return true;
+  }
+  socket->cut = true;
+  SLM_TRACE(0, "ERROR - Exchange with %s:%u cut: fewer than %d bytes in %d seconds", socket->host,
+            static_cast<unsigned>(socket->port), kExchangeMinimumBytes, kExchangeWindowSeconds);
+  return false;
+}
+
+// Milliseconds left in the exchange's current window (exchangeMoving keeps it under a window).
+int64_t windowLeftMs(const SocketContext* socket) {
+  int32_t elapsed = static_cast<int32_t>(static_cast<uint32_t>(getNowWithOffset(0)) -
+                                         static_cast<uint32_t>(socket->windowStart));
+  return int64_t{kExchangeWindowSeconds - std::clamp(elapsed, 0, kExchangeWindowSeconds)} * 1000;
+}
+
+// Waits until the socket is ready for `events`, at most the time-out, and looks at the exchange's
+// progress whenever its window runs out meanwhile. 1 when ready; kStreamReadTimeout when the
+// time-out passes or the exchange is cut; kStreamIoError when the wait itself fails. poll, not
+// select: a daemon with many files open gets descriptors past select's fixed set.
+int waitSocket(SocketContext* socket, short events) {
+  using Clock = std::chrono::steady_clock;
+  const Clock::time_point deadline = Clock::now() + std::chrono::seconds(socket->timeoutSeconds);
+  for (;;) {
+    if (!exchangeMoving(socket)) return kStreamReadTimeout;
+    int64_t timeLeftMs = std::max<int64_t>(
+        0, std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count());
+    int64_t windowMs = windowLeftMs(socket);
+    pollfd polled{socket->socket, events, 0};
+    int ready = poll(&polled, 1, static_cast<int>(std::min(timeLeftMs, windowMs)));
+    if (ready > 0) return 1;
+    if (ready < 0 && errno != EINTR) return kStreamIoError;
+    if (ready == 0 && timeLeftMs <= windowMs) return kStreamReadTimeout;
+  }
+}
 
 struct EncodingContext {
   HttpHandle* handle;
@@ -200,10 +274,8 @@ int adjustBufferStream(BufferedStream* stream, int size) {
 }
 
 int refillBufferedStream(BufferedStream* stream, int mode) {
-  int result = 0;
   if (mode == kRefillFresh) {
     resetBufferedStream(stream);
-    result = stream->lower->read(stream->lower->context, stream->buf, stream->capacity, 0);
   } else if (mode == kRefillCompact) {
     // Nothing consumed: compacting cannot make room, so a token that did not fit in what was read
     // before is not read on here.
@@ -211,14 +283,10 @@ int refillBufferedStream(BufferedStream* stream, int mode) {
     stream->stored -= static_cast<int>(stream->cur - stream->buf);
     memmove(stream->buf, stream->cur, static_cast<size_t>(stream->stored));
     stream->cur = stream->buf;
-    result = stream->lower->read(stream->lower->context, stream->buf + stream->stored,
-                                 stream->capacity - stream->stored, 0);
   } else {
     return 0;
   }
-  if (result < 1) return result;
-  stream->stored += result;
-  return result;
+  return readIntoRoom(stream);
 }
 
 int flushBufferedStream(BufferedStream* stream) {
@@ -316,7 +384,7 @@ int convertToAscii(const char* source, char* destination, int length) {
 // Socket stream.
 
 SlmStream* newSocketStream(const char* host, int hostLength, uint16_t port, int16_t timeout) {
-  return newNamedStream(host, hostLength, SocketContext{nullptr, port, timeout, -1},
+  return newNamedStream(host, hostLength, SocketContext{nullptr, port, timeout, -1, 0, 0, false},
                         &SocketContext::host,
                         SlmStream{nullptr, slm_sopen, slm_sread, slm_swrite, slm_sclose});
 }
@@ -331,7 +399,8 @@ int slm_sopen(void* context) {
   address.sin_family = AF_INET;
   address.sin_port = htons(socketContext->port);
   if (!resolveHost(socketContext->host, &address.sin_addr.s_addr)) return kStreamIoError;
-  int fd = socket(AF_INET, SOCK_STREAM, 0);
+  // Close-on-exec: an installer or module loader the agent starts must not hold its connections.
+  int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   if (fd < 0) return kStreamIoError;
   socketContext->socket = fd;
   int connected;
@@ -343,41 +412,50 @@ int slm_sopen(void* context) {
     socketContext->socket = -1;
     return kStreamIoError;
   }
+  socketContext->windowStart = getNowWithOffset(0);
+  socketContext->windowBytes = 0;
+  socketContext->cut = false;
   return 0;
 }
 
 int slm_sread(void* context, char* data, int len, int /*flags*/) {
   auto* socketContext = static_cast<SocketContext*>(context);
   int fd = socketContext->socket;
-  if (fd < 0 || fd >= FD_SETSIZE) return kStreamIoError;
-  // Linux leaves the remaining time in `wait`, so a retried wait keeps the original deadline.
-  timeval wait{socketContext->timeoutSeconds, 0};
-  int ready;
-  do {
-    fd_set readable;
-    FD_ZERO(&readable);
-    FD_SET(fd, &readable);
-    ready = select(fd + 1, &readable, nullptr, nullptr, &wait);
-  } while (ready < 0 && errno == EINTR);
-  if (ready != 1) return kStreamReadTimeout;
+  if (fd < 0) return kStreamIoError;
+  int ready = waitSocket(socketContext, POLLIN);
+  if (ready != 1) return ready;
   ssize_t received;
   do {
     received = recv(fd, data, static_cast<size_t>(len), 0);
   } while (received < 0 && errno == EINTR);
   if (received < 0) return kStreamIoError;
   if (received == 0) return kStreamEndOfData;
+  socketContext->windowBytes += received;
   return static_cast<int>(received);
 }
 
 int slm_swrite(void* context, const char* data, int len, int /*flags*/) {
   auto* socketContext = static_cast<SocketContext*>(context);
-  ssize_t sent;
-  // A peer that went away must give an error result, not a SIGPIPE that ends the daemon.
-  do {
-    sent = send(socketContext->socket, data, static_cast<size_t>(len), MSG_NOSIGNAL);
-  } while (sent < 0 && errno == EINTR);
-  if (sent < 1) return kStreamIoError;
-  return static_cast<int>(sent);
+  if (socketContext->socket < 0 || len < 1 || socketContext->cut) return kStreamIoError;
+  int sent = 0;
+  while (sent < len) {
+    // Never blocking in send: a peer that stops reading is waited for like one that stops
+    // writing. No SIGPIPE either: a peer that went away gives an error, not the daemon's end.
+    ssize_t taken = send(socketContext->socket, data + sent, static_cast<size_t>(len - sent),
+                         MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (taken > 0) {
+      sent += static_cast<int>(taken);
+      socketContext->windowBytes += taken;
+    } else if (taken < 0 && errno == EINTR) {
+      continue;
+    } else if (taken < 0 && (errno == EAGAIN || errno == EWOULDBLOCK) &&
+               waitSocket(socketContext, POLLOUT) == 1) {
+      continue;
+    } else {
+      return kStreamIoError;
+    }
+  }
+  return sent;
 }
 
 int slm_sclose(void* context) {
@@ -426,21 +504,34 @@ int encoder_open(void* /*context*/) {
 
 int decode_read(void* context, char* data, int len, int /*flags*/) {
   auto* encoding = static_cast<EncodingContext*>(context);
-  if (encoding->decode == nullptr || len == 0) {
-    return readBufferStr(encoding->socketSide, data, len);
+  HttpHandle* handle = encoding->handle;
+  const bool converted = encoding->decode != nullptr && len != 0;
+  int wanted = len;
+  if (converted) {
+    // The scaled count is kept within int so that it cannot wrap into a huge allocation.
+    double scaled = static_cast<double>(len) * encoding->readFactor;
+    wanted = scaled < INT_MAX ? static_cast<int>(scaled) : INT_MAX;
   }
-  // A response body buffer sized from a Content-Length near the int limit asks for that much: the
-  // scaled count is kept within int so it cannot wrap into a huge allocation.
-  double scaled = static_cast<double>(len) * encoding->readFactor;
-  int wanted = scaled < INT_MAX ? static_cast<int>(scaled) : INT_MAX;
-  char* raw = static_cast<char*>(malloc(static_cast<size_t>(wanted) + 1));
-  if (raw == nullptr) return kStreamIoError;
+  if (handle != nullptr && wanted > 0) {
+    // One byte more than the answer may still take is asked for: getting it shows the answer
+    // over its limit, without reading further into it.
+    int64_t room = answerRoom(handle);
+    if (room < 0) return kStreamIoError;
+    if (room < wanted) wanted = static_cast<int>(room + 1);
+  }
+  char* raw = data;
+  if (converted) {
+    raw = static_cast<char*>(malloc(static_cast<size_t>(wanted) + 1));
+    if (raw == nullptr) return kStreamIoError;
+  }
   int result = readBufferStr(encoding->socketSide, raw, wanted);
-  if (result > 0) {
+  if (result > 0 && handle != nullptr && !countAnswerBytes(handle, result)) {
+    result = kStreamIoError;
+  } else if (result > 0 && converted) {
     raw[result] = '\0';
     result = encoding->decode(raw, data, len);
   }
-  free(raw);
+  if (converted) free(raw);
   return result;
 }
 
@@ -492,7 +583,7 @@ void closeKerConfFileStream(SlmStream* stream) {
 
 int slm_kcfopen(void* context) {
   auto* file = static_cast<KerConfContext*>(context);
-  file->file = fopen(file->path, "r");
+  file->file = fopen(file->path, "re");
   return file->file == nullptr ? kStreamIoError : 0;
 }
 

@@ -1,7 +1,8 @@
 // The agent's byte streams: a lower stream (socket, body encoder or kernel-configuration file)
 // under a buffered stream that the HTTP client and the service layer read, write and split into
 // tokens at delimiter strings. A stream belongs to one handle or reader and is used by one thread
-// at a time; nothing here is locked and nothing here writes to the trace.
+// at a time; nothing here is locked. The socket stream traces the one event it alone sees: an
+// exchange cut for moving too little.
 #pragma once
 
 #include <cstdint>
@@ -33,6 +34,12 @@ constexpr int kTokenFoundA = 2;
 constexpr int kWriteFlush = 0;
 constexpr int kWriteGrow = 1;
 
+// A socket exchange that moves (sends and receives) fewer than kExchangeMinimumBytes within a
+// window of kExchangeWindowSeconds is cut: a peer trickling a byte now and then never meets the
+// read time-out and would otherwise hold the agent's thread for ever.
+constexpr int kExchangeWindowSeconds = 180;
+constexpr int kExchangeMinimumBytes = 1024;
+
 // A lower stream: one context owned by the stream object and four operations on it. `flags` is
 // always 0.
 struct SlmStream {
@@ -53,6 +60,9 @@ struct BufferedStream {
   int capacity;
   int stored;
   SlmStream* lower;  // not owned: the creator frees it
+  // A refill whose read fills the buffer doubles it, up to this many bytes, and reads on: a body
+  // is held whole up to its announced length, but memory follows the bytes that really came.
+  int growLimit;
 };
 
 // A delimiter: its text and its length, twice.
@@ -84,9 +94,10 @@ int getStoredBytes(const BufferedStream* stream);
 // Enlarges the buffer to `size` bytes keeping the position; a smaller size changes nothing.
 // Returns 0, kStreamIoError for a negative size or when the memory cannot be had.
 [[nodiscard]] int adjustBufferStream(BufferedStream* stream, int size);
-// Mode kRefillFresh or kRefillCompact (any other mode reads nothing and returns 0). Returns the
-// bytes read, kStreamNoRoom when compaction is asked of a buffer that holds bytes none of which
-// were consumed, or the lower read's result below 1 (then `stored` is unchanged).
+// Mode kRefillFresh or kRefillCompact (any other mode reads nothing and returns 0). Reads into the
+// free room, growing the buffer towards `growLimit` while the reads fill it. Returns the bytes
+// read, kStreamNoRoom when compaction is asked of a buffer that holds bytes none of which were
+// consumed, or the first lower read's result below 1 (then `stored` is unchanged).
 int refillBufferedStream(BufferedStream* stream, int mode);
 // Writes the stored bytes to the lower stream. A result below 1 is returned and the buffer keeps
 // its contents; otherwise the buffer is reset and the lower write's result returned.
@@ -112,18 +123,24 @@ int tokenizeStream(BufferedStream* stream, const TokenDesc* delimA, const TokenD
 // replaced by '?'. Returns the number of bytes copied.
 int convertToAscii(const char* source, char* destination, int length);
 
-// Socket stream: a TCP connection to `host` with a read time-out in seconds. A host text that
-// starts with '1' to '9' is tried as a dotted address first; anything else is resolved by name.
+// Socket stream: a TCP connection to `host` with a time-out in seconds for each wait to read or to
+// send. A host text that starts with '1' to '9' is tried as a dotted address first; anything else
+// is resolved by name. The socket is not inherited by programs the agent starts. The exchange is
+// timed on the agent clock from the connection on (kExchangeWindowSeconds); once it is cut, after
+// "ERROR - Exchange with HOST:PORT cut ...", every read gives -5 and every write -3.
 SlmStream* newSocketStream(const char* host, int hostLength, uint16_t port, int16_t timeout);
 void closeSocketStream(SlmStream* stream);
 int slm_sopen(void* context);  // 0, or kStreamIoError when no address, socket or connection
-int slm_sread(void* context, char* data, int len, int flags);         // count, -3, -5 or -6
-int slm_swrite(void* context, const char* data, int len, int flags);  // count or -3
+int slm_sread(void* context, char* data, int len, int flags);  // count, -3, -5 or -6
+// Sends all `len` bytes: `len`, or -3 when the send fails or waits in vain.
+int slm_swrite(void* context, const char* data, int len, int flags);
 int slm_sclose(void* context);
 
 // Encoding stream: sits between the body stream and the head stream of an HTTP handle. Writing
 // to it sends the whole request (head with Content-Length, then body); reading from it reads the
-// response body from the head stream. A null conversion passes bytes through.
+// response body from the head stream, never more than the handle's answer may still take
+// (answerRoom of slm_http): a read that takes the answer over its limit gives kStreamIoError, and
+// so does every read after it. A null conversion passes bytes through.
 struct HttpHandle;
 using ConvertFn = int (*)(const char* source, char* destination, int length);
 SlmStream* newEncodingStream(ConvertFn encodeFn, float writeFactor, ConvertFn decodeFn,
@@ -137,9 +154,10 @@ int decode_read(void* context, char* data, int len, int flags);
 int encode_write(void* context, const char* data, int len, int flags);
 int encoder_close(void* context);
 
-// Kernel-configuration-file stream: each read delivers one line of the file at `path` with all
-// white space removed, terminated; the result is its length with the terminator (1 for an empty
-// line), kStreamEndOfData at end of file, kStreamNoRoom when the line does not fit in `len`.
+// Kernel-configuration-file stream: each read delivers one line of the file at `path` (opened
+// close-on-exec) with all white space removed, terminated; the result is its length with the
+// terminator (1 for an empty line), kStreamEndOfData at end of file, kStreamNoRoom when the line
+// does not fit in `len`.
 SlmStream* newKerConfFileStream(const char* path, int pathLength);
 void closeKerConfFileStream(SlmStream* stream);
 int slm_kcfopen(void* context);

@@ -9,6 +9,7 @@
 #include "agent_core/cache/lat.h"
 #include "agent_core/communication/slm.h"
 #include "agent_core/data/inventory_record.h"
+#include "agent_core/security_settings.h"
 #include "support/service_sandbox.h"
 
 namespace slm {
@@ -109,6 +110,41 @@ TEST_F(CatalogService, PayloadLinesGiveTheirRecordsAndResults) {
     } else {  // a bad size or first attribute is reported by its result alone
       EXPECT_FALSE(traced("ERROR - ")) << trace();
     }
+  }
+}
+
+TEST_F(CatalogService, AnswerOverTheCatalogLimitIsRefusedByItsLengthOrItsBytes) {
+  const std::string payload =
+      "5\r\n<components>\r\n12|1|0|2\r\n</components>\r\n<files>\r\napp|4096|0|0|12|\r\n"
+      "</files>\r\n";
+  const int64_t length = static_cast<int64_t>(payload.size() + strlen("<response:0,0:ok>\r\n"));
+  const std::string over =
+      "ERROR - Answer of service 3 over its limit of " + std::to_string(length - 1) + " bytes";
+  struct Restore {
+    ~Restore() { setSecuritySettings(SecuritySettings{}); }
+  } restore;
+  const struct {
+    int64_t limit;
+    std::string length;  // the Content-Length sent; empty: the true one
+    int result;
+    std::string got, message;
+  } cases[] = {
+      {length, "", kServiceOk, "5 | 12:1,0,2 | app[12]", ""},
+      {length - 1, "", kServiceFailed, "77 | |",
+       over + " (" + std::to_string(length) + " announced)\n"},
+      {length - 1, "10", kServiceFailed, "77 | |", over + "\n"},  // streamed: cut by its bytes
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.limit);
+    SecuritySettings settings;
+    settings.maxCatalogBytes = c.limit;
+    setSecuritySettings(settings);
+    const std::string lie = c.length.empty() ? "" : R"(, "content_length": ")" + c.length + "\"";
+    EXPECT_EQ(download(R"({"require_plugin": false, "services": {"catalog": {"payload": ")" +
+                       json(payload) + "\"" + lie + "}}}"),
+              c.result);
+    EXPECT_EQ(got_, c.got);
+    EXPECT_TRUE(c.message.empty() ? !traced("ERROR - ") : traced(c.message)) << trace();
   }
 }
 

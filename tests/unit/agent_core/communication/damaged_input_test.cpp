@@ -136,8 +136,11 @@ TEST_F(DamagedStream, DamagedServiceAnswersGiveDocumentedResults) {
   const std::set<int> results = {
       kServiceOk,      kServiceFailed,       kServiceObsoleteScan,    kServiceUnknownAgent,
       kServiceBadNode, kServiceNoNewerAgent, kServiceUnknownDivision, kServiceMalformedPayload};
+  // A length that lies is harmless up to the answer's limit; past it the answer is refused.
   const std::pair<std::string, int> heads[] = {
-      {"Content-Length: 2147483647", kServiceOk},
+      {"Content-Length: 1048576", kServiceOk},
+      {"Content-Length: 1048577", kServiceFailed},
+      {"Content-Length: 2147483647", kServiceFailed},
       {std::string("Service: 3\0", 11), kServiceOk},
       {"Content-Length: -1", kServiceFailed},
       {"Content-Length: -2147483648", kServiceFailed},

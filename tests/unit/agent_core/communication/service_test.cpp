@@ -169,6 +169,13 @@ TEST_F(NodeService, AnswersMapToResults) {
           "self"]], "enterprise": [{"host": "e1", "path": "/e", "port": 80}]}})",
        't', kServiceOk, "77 h1|/p|8080 127.0.0.1|/|self e1|/e|80", ""},  // division first
       {division(R"(h1|/p|0\r\n)"), 't', kBad, "77", "Null server port, string 0"},
+      // A server whose host is no host name is left out, the others stay.
+      {division(R"(h_1|/p|80\r\nh1|/p|8080\r\n)"), 't', kServiceOk, "77 h1|/p|8080",
+       "ERROR - Server host h_1 refused: neither a host name nor an IPv4 address"},
+      {division(R"(h\u001b[2J|/p|80\r\n)"), 't', kServiceOk, "77",
+       "ERROR - Server host h?[2J refused"},
+      {answer("8", R"("content_length": 1048577)"), 'a', kFail, "-9",
+       "ERROR - Answer of service 8 over its limit of 1048576 bytes (1048577 announced)"},
       {division(R"(h1|/p\r\n)"), 't', kBad, "77", "No name-path separator found, string /p"},
       {division(R"(h1|/p|8080)"), 't', kBad, "77", "No path-port separator found, string 8080"},
       {payload("11", ""), 't', kFail, "77", "Not begin divion servers found, string "},
@@ -200,6 +207,45 @@ TEST_F(NodeService, ServicesWithoutAPreferredServerFail) {
   EXPECT_EQ(call('a'), kServiceFailed);
   EXPECT_TRUE(traced("ERROR - No preferred server info retrieved"));
   EXPECT_EQ(server_->lastRequest("8"), "");
+}
+
+TEST(ServerHost, IsAHostNameOrAFourPartIpv4Address) {
+  const std::string label63(63, 'a');
+  const std::string name253 = label63 + "." + label63 + "." + label63 + "." + std::string(61, 'b');
+  const std::pair<std::string, bool> cases[] = {
+      {"127.0.0.1", true},
+      {"localhost", true},
+      {"h2", true},
+      {"Srv-01.example.COM", true},
+      {"0.0.0.0", true},
+      {"255.255.255.255", true},
+      {"1a.2b", true},
+      {"123.example", true},
+      {label63 + ".x", true},
+      {name253, true},
+      {"", false},
+      {name253 + "b", false},  // 254 characters
+      {label63 + "a.x", false},
+      {"-h", false},
+      {"h-", false},
+      {"a..b", false},
+      {".a", false},
+      {"example.com.", false},  // no final dot
+      {"h_1", false},
+      {"h 1", false},
+      {"h:80", false},
+      {"h/p", false},
+      {"ex\xC3\xA4mple", false},
+      {"256.0.0.1", false},
+      {"1.2.3", false},
+      {"1.2.3.4.5", false},
+      {"010.0.0.1", false},  // a leading zero reads as octal to some resolvers
+      {"123", false},
+      {"example.123", false},
+      {"1.2.3.x4", true},
+  };
+  for (const auto& [host, accepted] : cases)
+    EXPECT_EQ(acceptableServerHost(host.c_str()), accepted) << host;
 }
 
 class CommInit : public NodeService {};

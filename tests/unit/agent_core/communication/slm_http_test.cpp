@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstdint>
 #include <cstring>
 #include <memory>
 #include <optional>
@@ -198,19 +200,74 @@ TEST_F(HttpClient, ResponseHeadersFillTheTableAndFiveCustomSlots) {
   EXPECT_EQ(headerValue(handle.get(), kHeaderCount + 1), "<invalid>");
 }
 
-TEST_F(HttpClient, BodyBufferIsSizedFromContentLength) {
+TEST_F(HttpClient, BodyBufferGrowsTowardsContentLengthOnlyAsTheBodyArrives) {
   const std::string body = std::string(5000, 'a') + "|tail\r\n";
-  // Only the known spelling sizes the buffer; otherwise it stays small and cannot hold the token.
-  for (const char* name : {"Content-Length", "content-length"}) {
-    HandlePtr handle = open({.replies = {std::string("HTTP/1.0 200 OK\r\n") + name + ":" +
-                                         std::to_string(body.size()) + "\r\n\r\n" + body}});
-    ASSERT_EQ(getAnswer(handle.get()), 1);
+  const std::string whole = std::to_string(body.size());
+  // Header line, body, whether the long token is found. Only the known spelling lets the buffer
+  // grow; otherwise it stays small and cannot hold the token. A length far beyond the body costs
+  // nothing until bytes come.
+  const std::tuple<std::string, std::string, bool> cases[] = {
+      {"Content-Length:" + whole, body, true},
+      {"content-length:" + whole, body, false},
+      {"Content-Length:2000000000", "0123456789", false},
+  };
+  for (const auto& [header, sent, found] : cases) {
+    HandlePtr handle = open({.replies = {"HTTP/1.0 200 OK\r\n" + header + "\r\n\r\n" + sent}});
+    setAnswerLimit(handle.get(), int64_t{1} << 32);
+    ASSERT_EQ(getAnswer(handle.get()), 1) << header;
     std::string area(8192, 'Z');
     TokenBuffer token{area.data(), 0, 8192};
     int result = getContentToken(handle.get(), &kCrlf, &kBar, &token, kTokenConsume);
-    EXPECT_EQ(result, name[0] == 'C' ? kTokenFoundB : kStreamNoDelimiter) << name;
-    EXPECT_EQ(area.substr(0, 5001) == std::string(5000, 'a') + '\0', name[0] == 'C') << name;
+    EXPECT_EQ(result == kTokenFoundB, found) << header;
+    EXPECT_EQ(area.substr(0, 5001) == std::string(5000, 'a') + '\0', found) << header;
+    // Grown by doubling only while reads filled the buffer.
+    EXPECT_LE(handle->bodyStream->capacity, std::max<int>(2 * sent.size(), kStreamBufferCount))
+        << header;
   }
+}
+
+TEST_F(HttpClient, AnswerOverItsLimitIsRefusedByItsLengthOrItsBytes) {
+  constexpr int kLimit = 100;
+  // Content-Length (empty: none), body size, result of getAnswer, what the reads deliver (-1:
+  // they fail), the refusal's message (empty: none).
+  const std::tuple<std::string, int, int, int, std::string> cases[] = {
+      {"100", 100, 1, 100, ""},
+      {"", 100, 1, 100, ""},
+      {"101", 101, 0, 0, "Answer of service 3 over its limit of 100 bytes (101 announced)"},
+      {"", 101, 1, -1, "Answer of service 3 over its limit of 100 bytes"},
+      {"10", 5000, 1, -1, "Answer of service 3 over its limit of 100 bytes"},  // a length that lies
+  };
+  for (const auto& [length, size, answered, delivered, message] : cases) {
+    SCOPED_TRACE(length + " " + std::to_string(size));
+    restartTrace();
+    std::string head = "HTTP/1.0 200 OK\r\n";
+    if (!length.empty()) head += "Content-Length: " + length + "\r\n";
+    HandlePtr handle = open({.replies = {head + "\r\n" + std::string(size, 'b')}});
+    setAnswerLimit(handle.get(), kLimit);
+    ASSERT_EQ(putHeader(handle.get(), kHeaderService, "3"), 1);
+    ASSERT_EQ(getAnswer(handle.get()), answered);
+    if (answered == 1) {
+      std::string body;
+      char chunk[64];
+      int got = 0;
+      while ((got = getContentChunk(handle.get(), chunk, sizeof chunk)) > 0)
+        body.append(chunk, got);
+      EXPECT_EQ(got, delivered < 0 ? 0 : kContentEnd);
+      EXPECT_EQ(body.size(), static_cast<size_t>(std::max(delivered, 0)));
+      EXPECT_EQ(getContentChunk(handle.get(), chunk, sizeof chunk), got);  // and stays so
+    }
+    const std::string traced = trace();
+    EXPECT_EQ(traced.find("ERROR - " + message + "\n") != std::string::npos, !message.empty())
+        << traced;
+    EXPECT_EQ(traced.find("ERROR - ") != std::string::npos, !message.empty()) << traced;
+  }
+  // Without a service, the path names the answer.
+  restartTrace();
+  HandlePtr handle = open({.replies = {okAnswer("12345")}}, kHttpGet);
+  setAnswerLimit(handle.get(), 4);
+  EXPECT_EQ(getAnswer(handle.get()), 0);
+  EXPECT_NE(trace().find("ERROR - Answer of /x over its limit of 4 bytes (5 announced)\n"),
+            std::string::npos);
 }
 
 TEST_F(HttpClient, ContentTokenIsTerminatedInsideItsArea) {

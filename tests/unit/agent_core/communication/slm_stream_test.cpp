@@ -1,6 +1,12 @@
 #include "agent_core/communication/slm_stream.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
@@ -8,6 +14,8 @@
 #include <tuple>
 #include <vector>
 
+#include "agent_core/support/trace.h"
+#include "support/fake_clock.h"
 #include "support/loopback_server.h"
 #include "support/temp_root.h"
 
@@ -45,6 +53,42 @@ struct Chunked {
   int writeResult = 0;
   SlmStream lower{this, none, read, write, none};
   BufferedStream* stream;
+};
+
+// The descriptor the next open gets: the lowest free one.
+int nextDescriptor() {
+  int fd = dup(0);
+  close(fd);
+  return fd;
+}
+
+bool closeOnExec(int fd) {
+  int flags = fcntl(fd, F_GETFD);
+  return flags >= 0 && (flags & FD_CLOEXEC) != 0;
+}
+
+// Takes every free descriptor below `above` while it lives, so that the next open gets one past
+// select's fixed set.
+struct LowDescriptorsTaken {
+  explicit LowDescriptorsTaken(int above) {
+    rlimit limit{};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    if (limit.rlim_cur < static_cast<rlim_t>(above) + 64) {
+      limit.rlim_cur = std::min<rlim_t>(limit.rlim_max, static_cast<rlim_t>(above) + 64);
+      setrlimit(RLIMIT_NOFILE, &limit);
+    }
+    for (int fd = dup(0); fd >= 0; fd = dup(0)) {
+      if (fd >= above) {
+        close(fd);
+        break;
+      }
+      taken.push_back(fd);
+    }
+  }
+  ~LowDescriptorsTaken() {
+    for (int fd : taken) close(fd);
+  }
+  std::vector<int> taken;
 };
 
 const TokenDesc kCrlf = makeTokenDesc("\r\n", 2);
@@ -171,7 +215,9 @@ TEST(SlmStream, KernelConfigurationLinesLoseAllWhiteSpace) {
   dir.writeFile("driver.conf", " foo bar\t=1\n\n\va b\r\nlast");
   std::string path = dir.file("driver.conf");
   SlmStream* file = newKerConfFileStream(path.c_str(), static_cast<int>(path.size()));
+  int fd = nextDescriptor();
   ASSERT_EQ(slm_kcfopen(file->context), 0);
+  EXPECT_TRUE(closeOnExec(fd));  // a module loader the agent starts does not inherit it
   char line[1000];
   EXPECT_EQ(slm_kcfread(file->context, line, sizeof line, 0), 9);
   EXPECT_STREQ(line, "foobar=1");
@@ -206,6 +252,62 @@ TEST(SlmStream, SocketCarriesBytesBothWaysAndSeesThePeerClose) {
   closeBufferedStream(socket);
   closeSocketStream(lower);
   EXPECT_EQ(server.received(), "ping\r\n");
+}
+
+TEST(SlmStream, SocketPastSelectsSetIsReadAndNotInherited) {
+  LoopbackServer server({LoopbackScript::Start::kOnConnect, {"hello"}});
+  LowDescriptorsTaken low(FD_SETSIZE);
+  int fd = nextDescriptor();
+  ASSERT_GE(fd, FD_SETSIZE);
+  SlmStream* lower = newSocketStream("127.0.0.1", 9, server.port(), 5);
+  ASSERT_EQ(slm_sopen(lower->context), 0);
+  // The descriptor taken is the connection's.
+  struct stat status {};
+  sockaddr_in peer{};
+  socklen_t size = sizeof peer;
+  ASSERT_EQ(fstat(fd, &status), 0);
+  ASSERT_TRUE(S_ISSOCK(status.st_mode));
+  ASSERT_EQ(getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &size), 0);
+  EXPECT_EQ(ntohs(peer.sin_port), server.port());
+  EXPECT_TRUE(closeOnExec(fd));
+  char data[16];
+  EXPECT_EQ(slm_sread(lower->context, data, sizeof data, 0), 5);
+  slm_sclose(lower->context);
+  closeSocketStream(lower);
+}
+
+TEST(SlmStream, ExchangeMovingTooLittleInAWindowIsCut) {
+  test::TempDir dir;
+  startTrace(dir.file("trace.log").c_str());
+  setTraceLevel(0);
+  test::FakeClock clock(1700000000);
+  // A window's worth, then a byte now and then.
+  LoopbackServer server({LoopbackScript::Start::kOnConnect,
+                         {std::string(kExchangeMinimumBytes, 'x'), "y", "z"},
+                         std::chrono::milliseconds(20)});
+  SlmStream* lower = newSocketStream("127.0.0.1", 9, server.port(), 5);
+  ASSERT_EQ(slm_sopen(lower->context), 0);
+  char data[2 * kExchangeMinimumBytes];
+  for (int got = 0; got < kExchangeMinimumBytes;) {
+    int read = slm_sread(lower->context, data, kExchangeMinimumBytes - got, 0);
+    ASSERT_GT(read, 0);
+    got += read;
+  }
+  clock.advance(kExchangeWindowSeconds);  // the window moved enough: a new one begins
+  EXPECT_GT(slm_sread(lower->context, data, sizeof data, 0), 0);
+  clock.advance(kExchangeWindowSeconds - 1);  // "z", or the end when it came with "y"
+  EXPECT_NE(slm_sread(lower->context, data, sizeof data, 0), kStreamReadTimeout);
+  clock.advance(1);  // this window moved a byte or two
+  EXPECT_EQ(slm_sread(lower->context, data, sizeof data, 0), kStreamReadTimeout);
+  EXPECT_EQ(slm_swrite(lower->context, "late", 4, 0), kStreamIoError);
+  slm_sclose(lower->context);
+  closeSocketStream(lower);
+  stopTrace();
+  setTraceLevel(-1);
+  EXPECT_NE(test::readFile(dir.file("trace.log"))
+                .find("ERROR - Exchange with 127.0.0.1:" + std::to_string(server.port()) +
+                      " cut: fewer than 1024 bytes in 180 seconds\n"),
+            std::string::npos);
 }
 
 TEST(SlmStream, SocketOpenFailsForARefusedPortOrAnUnknownHost) {

@@ -12,6 +12,7 @@
 
 #include "agent_core/cache/agent.h"
 #include "agent_core/communication/slm_http.h"
+#include "agent_core/security_settings.h"
 #include "agent_core/slm_conf.h"
 #include "agent_core/support/trace.h"
 #include "agent_core/support/unix_common.h"
@@ -229,6 +230,24 @@ TEST_F(SlmServiceDownload, ReportsEachFailure) {
   EXPECT_EQ(download("/pkg/slow", {"HTTP/1.0 200 OK\r\n\r\n", "part"}, 4096, "", false),
             kDownloadFailed);
   EXPECT_THAT(traceText(), HasSubstr("ERROR - Getting Http content, error 0"));
+}
+
+TEST_F(SlmServiceDownload, FileOverTheDownloadLimitIsRefused) {
+  struct Restore {
+    ~Restore() { setSecuritySettings(SecuritySettings{}); }
+  } restore;
+  SecuritySettings settings;
+  settings.maxDownloadBytes = 4;
+  setSecuritySettings(settings);
+  EXPECT_EQ(download("/pkg/fits", {answer("data", "")}), kDownloadDone);
+  // Announced over the limit: refused before any file is made.
+  EXPECT_EQ(download("/pkg/big", {answer("data!", "")}), kDownloadNoAnswer);
+  EXPECT_FALSE(test::fileExists(dir_ + "big"));
+  EXPECT_THAT(traceText(),
+              HasSubstr("ERROR - Answer of /pkg/big over its limit of 4 bytes (5 announced)\n"));
+  // Not announced: the download fails at the byte past the limit.
+  EXPECT_EQ(download("/pkg/long", {"HTTP/1.0 200 OK\r\n\r\n", "data!"}), kDownloadFailed);
+  EXPECT_THAT(traceText(), HasSubstr("ERROR - Answer of /pkg/long over its limit of 4 bytes\n"));
 }
 
 class SignedDownload : public SlmService {
