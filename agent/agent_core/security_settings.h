@@ -18,7 +18,8 @@ enum class SelfUpdateMode { kStrict, kLegacy, kOff };
 
 constexpr int64_t kDefaultMaxCatalogMb = 256;
 constexpr int64_t kDefaultMaxDownloadMb = 256;
-// Every answer but the catalog's, and every signature, is refused above this.
+// Every service answer but the catalog's is refused above this; downloads, signatures included,
+// have their own bound.
 constexpr int64_t kMaxServiceAnswerBytes = 1 << 20;
 constexpr int64_t kDefaultMaxScanRecords = 2'000'000;
 

@@ -9,14 +9,18 @@ import re
 import resource
 import shutil
 import stat
+import struct
 import subprocess
 import threading
 
 import pytest
 
 from conftest import AGENT_BIN, scan_start_ms, wait_for
-from test_caches import header, unknown_entry
-from test_commands import Server, run_agent, seed_cache, servers, traced  # noqa: F401 (fixture)
+from test_caches import catalog_file, component, header, unknown_entry
+from test_commands import (Server, cache_file, catalog_contents, run_agent, seed_cache,  # noqa: F401
+                           servers, traced)
+# test_commands has put the reference server's package on the import path.
+from runtime_server.catalog import Catalog  # noqa: E402
 
 REPORT_ROWS: list[tuple[str, str, str]] = []
 
@@ -155,12 +159,6 @@ def test_a_users_temporary_directory_is_not_used(agent_root, servers, tmp_path, 
 
 
 # --- Answers too large or too slow ---------------------------------------------------------------
-
-import struct  # noqa: E402
-
-from runtime_server.catalog import Catalog  # noqa: E402
-from test_caches import catalog_file, component, header  # noqa: E402
-from test_commands import cache_file, catalog_contents, seed_cache  # noqa: E402
 
 LIE = 2_000_000_000  # a Content-Length for an answer of ten bytes
 MIB = 1 << 20

@@ -119,7 +119,8 @@ constexpr int kDownloadNoAnswer = -1;
 // which the file's local name is appended: the part of the path behind its last "/", or the
 // server's host and port when that part is a single character. The body is written as NAME.part,
 // created afresh (never through a link), and takes the file's name once the server has closed
-// the connection after it: kDownloadDone. kDownloadNoAnswer when no 2xx answer came; else
+// the connection after it: kDownloadDone. kDownloadNoAnswer when no 2xx answer came or its
+// Content-Length is over the largest download taken; else (the bytes themselves over it too)
 // kDownloadFailed, and nothing is left at either name.
 [[nodiscard]] int slmGetFile(const ServerAddress* server, char* localPath, size_t size);
 
