@@ -179,7 +179,9 @@ bool roomForFile(const char* path, uint64_t bytes) {
 
 }  // namespace
 
-bool writeScanFile(const char* path, SlmList* list, AgentTime scanTime) {
+namespace {
+
+bool writeWholeScanFile(const char* path, SlmList* list, AgentTime scanTime) {
   const uint64_t bytes =
       kScanFileRecordsOffset + static_cast<uint64_t>(entries(list)) * kInventoryRecordSize;
   if (!roomForFile(path, bytes)) {
@@ -206,6 +208,14 @@ bool writeScanFile(const char* path, SlmList* list, AgentTime scanTime) {
   }
   if (!written) SLM_TRACE(0, "ERROR - Some problems saving inventory file");
   return written;
+}
+
+}  // namespace
+
+bool writeScanFile(const char* path, SlmList* list, AgentTime scanTime) {
+  if (writeWholeScanFile(path, list, scanTime)) return true;
+  if (remove(path) == 0) SLM_TRACE(1, "WARNING - Older inventory file %s removed", path);
+  return false;
 }
 
 namespace {
@@ -244,10 +254,13 @@ bool sendScanFile(const char* path, int32_t secondsToNextScan) {
   SLM_TRACE(1, "INV - Catching inventory from file %s", path);
   FileHandle file(fopen(path, "rbe"));
   if (!file) {
+    // Sending nothing still goes through the sender, which says so; the result waits for a later
+    // pass either way.
     SLM_TRACE(0, "ERROR - Opening inventory file for sending");
+    (void)sendPacketInventory(nullptr, nullptr, 0, sleep_time);
     SLM_TRACE(1, "WARNING - Inventory not yet sent");
     SLM_TRACE(0, "Inventory file not opened");
-    return !fileExists(path);
+    return false;
   }
   uint8_t raw[kScanFileRecordsOffset];
   if (fread(raw, 1, sizeof raw, file.get()) != sizeof raw) {
@@ -522,7 +535,7 @@ int slmAgentInventoryFunction() {
       continue;
     }
     SLM_TRACE(1, "OK - Disks scan completes");
-    resultWaiting = writeScanFile(path, list.get(), scanTime) || fileExists(path);
+    resultWaiting = writeScanFile(path, list.get(), scanTime);
     list.reset();
     const int32_t next = secondsToScan(&scanEvent, rule);
     const AgentTime finished = now() - 1;
@@ -566,8 +579,9 @@ int inventoryOnDemand(const MessageCatalogue* catalogue) {
   printLine(catalogue, kMsgScanning);
   fflush(stdout);
   const AgentTime scanTime = now();
+  // Somebody asked for this inventory now: it runs at the normal priority, unlike the daemon's
+  // scheduled scans.
   ListHandle list(createList(sizeof(InventoryRecord)));
-  (void)lowerScanPriority();
   if (!list || createInventoryList(list.get()) != kSearchOk) {
     printLine(catalogue, kMsgScanNotCreated);
     return kOnDemandFailed;
@@ -589,13 +603,9 @@ int runOnDemandActions(int actions, const MessageCatalogue* catalogue) {
     fputc('\n', stdout);
     return kOnDemandFailed;
   }
-  const int communication = initCommunication();
-  if (communication != kCommOk) {
-    printMessage(stdout, catalogue, kMsgAgentInitFailed, communication);
-    fputc('\n', stdout);
-    clearAgentInfo();
-    return kOnDemandFailed;
-  }
+  // A communication layer that did not start is no reason to stop here: a server that cannot be
+  // reached is reported as such by the run itself.
+  (void)initCommunication();
   ServerInfo server;
   int result = kOnDemandFailed;
   if (configuredServer(&server) && createServersCache(&server) == kSrvsOk) {

@@ -54,9 +54,9 @@ constexpr int kWaitOver = 1;
 // when a stop request ended it.
 int waitBeforeSend(int32_t seconds);
 
-// Writes "scan.dat" at `path` with the scan time and the records of `list`, whole or not at all: a
-// write that fails, or that its file system has no room for, leaves the file as it was (it may
-// hold an earlier result still waiting to be sent). True when written.
+// Writes "scan.dat" at `path` with the scan time and the records of `list`, whole or not at all.
+// True when written. A write that fails, or that its file system has no room for, also removes an
+// earlier result still waiting there: an older inventory must never be delivered as this scan's.
 [[nodiscard]] bool writeScanFile(const char* path, SlmList* list, AgentTime scanTime);
 
 // Reads the next record of an open "scan.dat" into `record`; false at the end of the file or at a

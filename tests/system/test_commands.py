@@ -215,13 +215,12 @@ def test_first_plug_in_resets_catalog_and_unknown_files(agent_root, servers):
 
 
 def test_unknown_agent_answer_plugs_in_again(agent_root, servers):
-    server = servers({"services": {"catalog": {"result": -1, "count": 1}},
-                      "parameters": {"catalog_period": 1}})
+    server = servers({"services": {"parameters": {"result": -1, "count": 1}}})
     pid = run_agent(agent_root, server)
-    assert wait_for(lambda: server.requests("3")[-1:] == [(0, 0)], timeout=30)
-    assert server.requests("3")[0] == (0, -1)
-    assert server.rows("SELECT first, result FROM plugins ORDER BY id") == [(1, 1), (0, 0)]
-    assert "ERROR - Catalog not received" in agent_root.trace_text()
+    assert wait_for(lambda: server.rows("SELECT first, result FROM plugins ORDER BY id") ==
+                    [(1, 1), (0, 0)], timeout=30)
+    assert server.requests("8")[0] == (0, -1)
+    assert "ERROR - Agent unknown: plug-in needed" in agent_root.trace_text()
     agent_root.stop_daemon(pid)
 
 

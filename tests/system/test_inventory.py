@@ -2,14 +2,16 @@
 the daemon's scheduled scan with its "scan.dat"."""
 import json
 import os
+import pathlib
 import shutil
 import sqlite3
+import subprocess
 import sys
 import time
 
 import pytest
 
-from conftest import SOURCE_DIR, scan_start_ms, wait_for
+from conftest import AGENT_BIN, SOURCE_DIR, scan_start_ms, wait_for
 
 sys.path.insert(0, str(SOURCE_DIR / "tools"))
 from runtime_server.httpd import RuntimeServer  # noqa: E402
@@ -102,15 +104,40 @@ def test_plugin_on_demand_enrols_and_reports_the_server(agent_root, server_facto
     result = agent_root.run("-p")
     assert result.returncode == 1
     assert result.stdout == "3518 - The agent failed to contact the runtime server 127.0.0.1.\n"
+    # A host name that resolves nowhere does not stop the run before it tries the server.
+    result = subprocess.run(["unshare", "--uts", "sh", "-c", 'hostname no-such-host-q7 && "$0" -p',
+                             AGENT_BIN], env=agent_root.environment(), capture_output=True,
+                            text=True, timeout=60)
+    assert result.returncode == 1, result
+    assert result.stdout == "3518 - The agent failed to contact the runtime server 127.0.0.1.\n"
+
+
+def run_watching_niceness(agent_root, *args) -> tuple[subprocess.CompletedProcess, set]:
+    """Runs the agent to its exit, sampling its niceness while it runs."""
+    process = subprocess.Popen([AGENT_BIN, *args], env=agent_root.environment(), text=True,
+                               stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+    seen = set()
+    while process.poll() is None:
+        try:
+            seen.add(int(pathlib.Path(f"/proc/{process.pid}/stat").read_text().rsplit(")")[1]
+                         .split()[16]))
+        except (OSError, IndexError, ValueError):
+            pass
+        time.sleep(0.02)
+    out, err = process.communicate()
+    return subprocess.CompletedProcess(process.args, process.returncode, out, err), seen
 
 
 def test_inventory_on_demand_sends_exactly_the_executables(agent_root, server_factory):
     expected = place_programs(agent_root)
-    server = server_factory()
+    # The held answer keeps the run alive long enough to see the priority it scanned at.
+    server = server_factory({"services": {"upload": {"delay": 1.0}}})
     configure(agent_root, server)
     assert agent_root.run("-p").returncode == 0
-    result = agent_root.run("-s")
+    result, niceness = run_watching_niceness(agent_root, "-s")
     assert result.returncode == 0, result
+    # Somebody asked for it now: it runs at the normal priority.
+    assert niceness == {0}
     assert result.stdout.splitlines() == [
         "3519 - Scanning your system ...", "3521 - Sending the inventory to the runtime server ...",
         "3522 - The inventory scan was completed and sent."]

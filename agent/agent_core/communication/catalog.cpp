@@ -148,10 +148,10 @@ int downloadCatalog(int64_t* lastUpdateTime, SlmList* components, SlmList* files
   if (handle == nullptr) return kServiceFailed;
 
   Token time;
+  // An answer without its first line holds no catalog, whatever its trailer says: the agent stays
+  // plugged in and asks again at the next period.
   if (time.read(handle, &crlf_tk, &response_tag_tk, kTokenPeek) == kTokenFoundB) {
-    // No catalog: a refusal (an unknown agent, say) is passed on, anything else is a failure.
-    int result = endSlmService(handle);
-    return result == kServiceOk ? kServiceFailed : result;
+    return abandonService(handle, kServiceFailed);
   }
   if (time.read(handle, &crlf_tk, &response_tag_tk) != kTokenFoundA) {
     return abandonService(handle, kServiceFailed);

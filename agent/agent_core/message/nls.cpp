@@ -301,6 +301,38 @@ int convertToUtf8(const CodeSet* local, const char* text, char* out, size_t size
   return convertBytes(codeSetOrDefault(local), kUtf8, text, strlen(text), out, size, 1, bytes);
 }
 
+int convertToUtf8Replacing(const CodeSet* local, const char* text, char* out, size_t size) {
+  if (size == 0) return kTextTruncated;
+  IconvHandle cd(kUtf8, codeSetOrDefault(local));
+  if (!cd.valid()) {
+    out[0] = '\0';
+    return kTextNoConverter;
+  }
+  char* inNext = const_cast<char*>(text);
+  size_t inLeft = strlen(text);
+  char* outNext = out;
+  size_t outLeft = size - 1;
+  int result = kTextConverted;
+  while (inLeft > 0) {
+    if (iconv(cd.get(), &inNext, &inLeft, &outNext, &outLeft) != static_cast<size_t>(-1)) break;
+    if (errno == E2BIG || outLeft == 0) {
+      result = kTextTruncated;
+      break;
+    }
+    // The byte that cannot be read stands as "?"; the conversion goes on from the next one.
+    *outNext++ = '?';
+    --outLeft;
+    ++inNext;
+    --inLeft;
+  }
+  if (result == kTextConverted &&
+      iconv(cd.get(), nullptr, nullptr, &outNext, &outLeft) == static_cast<size_t>(-1)) {
+    result = kTextTruncated;
+  }
+  *outNext = '\0';
+  return result;
+}
+
 int convertFromUtf8(const CodeSet* local, const char* utf8, char* out, size_t size, size_t* bytes) {
   return convertBytes(kUtf8, codeSetOrDefault(local), utf8, strlen(utf8), out, size, 1, bytes);
 }

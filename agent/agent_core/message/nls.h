@@ -78,6 +78,10 @@ constexpr int kTextNoConverter = 3;
 
 [[nodiscard]] int convertToUtf8(const CodeSet* local, const char* text, char* out, size_t size,
                                 size_t* bytes = nullptr);
+// convertToUtf8, except that every byte the local code set cannot read (an invalid or cut
+// sequence) is taken as "?": whatever its bytes, a name comes out whole. Never kTextInvalid.
+[[nodiscard]] int convertToUtf8Replacing(const CodeSet* local, const char* text, char* out,
+                                         size_t size);
 [[nodiscard]] int convertFromUtf8(const CodeSet* local, const char* utf8, char* out, size_t size,
                                   size_t* bytes = nullptr);
 [[nodiscard]] int convertUtf8ToUcs2(const char* utf8, uint16_t* out, size_t units,

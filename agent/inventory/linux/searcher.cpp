@@ -422,7 +422,9 @@ int appendRecord(SlmList* list, const char* path, size_t nameOffset, off_t size)
   if (std::all_of(name, name + nameLength, [](char c) { return (c & 0x80) == 0; })) {
     copyBounded(record.name, kFileNameSize - 1, name);
   } else {
-    (void)convertToUtf8(nullptr, name, record.name, kFileNameSize);
+    // A name the agent's code set cannot read keeps its readable part, so that the record is
+    // whole and the server can still tell the file by name.
+    (void)convertToUtf8Replacing(nullptr, name, record.name, kFileNameSize);
   }
   replaceControlBytes(record.name);
   // The record carries the 32-bit size, sign-extended, as the inventory transfer has always had.

@@ -95,7 +95,7 @@ class Commands : public test::ServiceSandbox {
   Command command_{nullptr, kNow, 0, 86400};
 };
 
-TEST_F(Commands, CatalogIsMergedAndAnUnknownAgentMustPlugInAgain) {
+TEST_F(Commands, CatalogIsMergedAndATrailerAloneIsNoCatalog) {
   serve(R"({"require_plugin": false, "catalog": {"update_time": 1700000000000,
       "components": [[12, 1, 0, 2]], "files": [["App.exe", 4096, 1, 2, [12]]]}})");
   EXPECT_EQ(slmAgentDownloadCatalogCommand(&command_), kCommandRequeueToo);
@@ -106,10 +106,11 @@ TEST_F(Commands, CatalogIsMergedAndAnUnknownAgentMustPlugInAgain) {
   key.size = 4096;
   EXPECT_EQ(findFileEntry(&key, &found, nullptr, nullptr), kLatOk);
 
+  // A trailer alone is no catalog, whatever result it carries: the agent stays plugged in.
   serve(R"({"services": {"catalog": {"result": -1}}})");
   EXPECT_EQ(slmAgentDownloadCatalogCommand(&command_), kCommandRequeue);
   EXPECT_TRUE(traced("ERROR - Catalog not received"));
-  EXPECT_EQ(plugged(), 0);
+  EXPECT_EQ(plugged(), 1);
   EXPECT_EQ(getLATLastUpdateTime(), 1700000000000);
   expectConforming();
 }

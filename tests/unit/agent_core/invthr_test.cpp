@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 #include <sys/mount.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
@@ -181,7 +184,7 @@ TEST_F(InventorySender, ReadsOnlyWholeUndamagedRecordsFromTheScanFile) {
   }
 }
 
-TEST_F(InventorySender, ScanFileTooLargeForItsFileSystemIsNotWrittenAndTheWaitingOneStays) {
+TEST_F(InventorySender, ScanFileTooLargeForItsFileSystemIsNotWrittenNorIsAnOlderOneLeft) {
   root_.makeDirs("small");
   const std::string small = root_.file("small");
   if (mount("scan-test", small.c_str(), "tmpfs", 0, "size=64k") != 0) {
@@ -192,7 +195,8 @@ TEST_F(InventorySender, ScanFileTooLargeForItsFileSystemIsNotWrittenAndTheWaitin
   // 64 KiB hold 68 records, not 100.
   EXPECT_FALSE(writeScanFile(path.c_str(), records(100), kNow));
   EXPECT_TRUE(traced("ERROR - No room for inventory file " + path + ": 96004 bytes, "));
-  EXPECT_EQ(readFile(path), "waiting");
+  // The waiting result is older than the scan that could not be written: it must not pass for it.
+  EXPECT_FALSE(test::fileExists(path));
   EXPECT_FALSE(test::fileExists(path + ".new"));
   deleteList(list_);
   EXPECT_TRUE(writeScanFile(path.c_str(), records(30), kNow));
@@ -265,6 +269,26 @@ TEST_F(InventoryThread, KeepsTheScanFileWhenEveryAttemptFails) {
   EXPECT_EQ(uploads(), 5u);
   EXPECT_TRUE(test::fileExists(path));
   EXPECT_TRUE(traced("WARNING - Inventory not yet sent"));
+}
+
+TEST_F(InventoryThread, AScanFileThatCannotBeOpenedWaitsForALaterPass) {
+  servePluggedIn();
+  // A socket stands at the file's name: it is there, and no stream can be opened on it.
+  const std::string path = cachePath(kScanFileName);
+  int sock = socket(AF_UNIX, SOCK_STREAM, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  ASSERT_LT(path.size(), sizeof address.sun_path);
+  strcpy(address.sun_path, path.c_str());
+  ASSERT_EQ(bind(sock, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  startThread(4);
+  ASSERT_TRUE(test::waitUntil([&] { return traced("Inventory file not opened"); }));
+  EXPECT_TRUE(traced("ERROR - Opening inventory file for sending"));
+  EXPECT_TRUE(traced("ERROR - Inventory data not found"));
+  stopSlmThread(inv_thread);
+  close(sock);
+  EXPECT_EQ(uploads(), 0u);
+  EXPECT_TRUE(test::fileExists(path));
 }
 
 TEST_F(InventoryThread, DropsAScanFileWithoutItsScanTime) {

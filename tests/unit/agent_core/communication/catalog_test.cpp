@@ -91,10 +91,11 @@ TEST_F(CatalogService, PayloadLinesGiveTheirRecordsAndResults) {
       {"5\r\n<components>\r\n0|1|1|1\r\n", kServiceMalformedPayload, "5 | |",
        "ERROR - Null component id, string 0"},
       {"5\r\n<components>\r\n12|1|0\r\n", kServiceFailed, "5 | |", ""},
+      // The trace writes the line ends the tag and the text hold escaped.
       {"5\r\nno sections\r\n", kServiceFailed, "5 | |",
-       "ERROR - '<components>\r\n' not found in 'no sections\r\n'"},
+       "ERROR - '<components>\\r\\n' not found in 'no sections\\r\\n'"},
       {"5\r\n" + comps + "no files\r\n", kServiceFailed, "5 | 12:1,0,2 |",
-       "ERROR - '<files>\r\n' not found in"},
+       "ERROR - '<files>\\r\\n' not found in"},
       // Size and second attribute: malformed; first attribute: failed.
       {withFiles("ok|1|0|0|\r\napp|0|0|0|7|\r\n"), kServiceMalformedPayload, "5 | 12:1,0,2 | ok[]",
        ""},

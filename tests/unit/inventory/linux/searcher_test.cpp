@@ -29,6 +29,7 @@
 
 #include "agent_core/data/inventory_record.h"
 #include "agent_core/data/slm_time.h"
+#include "agent_core/message/nls.h"
 #include "agent_core/security_settings.h"
 #include "agent_core/support/trace.h"
 #include "agent_core/support/unix_common.h"
@@ -209,6 +210,18 @@ TEST_F(ScanRoot, FollowsNoLinksAndSkipsTopLevelProcAndXfnOnly) {
   write("var/qsam/odd\r\n  OK - Agent stopped\x1b", elf(2, 2, 62));  // control bytes: "?"
   EXPECT_EQ(scannedNames(), (std::set<std::string>{"tool", "inproc", "inxfn", "caf\xc3\xa9",
                                                    "odd??  OK - Agent stopped?"}));
+  // Under UTF-8 the same byte is no character: it stands as "?", the rest of the name is kept.
+  write("var/qsam/na\xc3\xafve", elf(2, 2, 62));
+  CodeSet* builtin = getDefaultCodeSet();
+  CodeSet* utf8 = createCodeSet("UTF-8");
+  ASSERT_NE(utf8, nullptr);
+  setDefaultCodeSet(utf8);
+  std::set<std::string> names = scannedNames();
+  setDefaultCodeSet(builtin);
+  freeCodeSet(utf8);
+  EXPECT_EQ(names.count("caf?"), 1u);
+  EXPECT_EQ(names.count("na\xc3\xafve"), 1u);
+  EXPECT_EQ(names.count(""), 0u);
 }
 
 TEST_F(ScanRoot, FillsTheRecordAsTheInventoryTransferExpects) {
