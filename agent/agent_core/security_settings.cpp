@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "agent_core/slm_conf.h"
+#include "agent_core/support/bytes.h"
 #include "agent_core/support/trace.h"
 
 namespace slm {
@@ -30,11 +31,9 @@ constexpr int64_t kMaxScanRecordsLimit = 1'000'000'000;
 
 }  // namespace
 
-void parseSecuritySettings(const char* selfUpdate, const char* maxCatalogMb,
-                           const char* maxDownloadMb, const char* maxScanRecords,
-                           SecuritySettings* settings) {
+void parseSecuritySettings(const char* const texts[kSecurityKeyCount], SecuritySettings* settings) {
   *settings = SecuritySettings{};
-  if (selfUpdate != nullptr) {
+  if (const char* selfUpdate = texts[0]) {
     if (strcmp(selfUpdate, "strict") == 0) {
       settings->selfUpdate = SelfUpdateMode::kStrict;
     } else if (strcmp(selfUpdate, "legacy") == 0) {
@@ -52,9 +51,9 @@ void parseSecuritySettings(const char* selfUpdate, const char* maxCatalogMb,
     int shift;
     int64_t* target;
   } counts[] = {
-      {kMaxCatalogKey, maxCatalogMb, kMaxMegabytes, 20, &settings->maxCatalogBytes},
-      {kMaxDownloadKey, maxDownloadMb, kMaxMegabytes, 20, &settings->maxDownloadBytes},
-      {kMaxScanRecordsKey, maxScanRecords, kMaxScanRecordsLimit, 0, &settings->maxScanRecords},
+      {kMaxCatalogKey, texts[1], kMaxMegabytes, 20, &settings->maxCatalogBytes},
+      {kMaxDownloadKey, texts[2], kMaxMegabytes, 20, &settings->maxDownloadBytes},
+      {kMaxScanRecordsKey, texts[3], kMaxScanRecordsLimit, 0, &settings->maxScanRecords},
   };
   for (const auto& count : counts) {
     if (count.text == nullptr) continue;
@@ -65,20 +64,35 @@ void parseSecuritySettings(const char* selfUpdate, const char* maxCatalogMb,
       SLM_TRACE(0, "WARNING - Bad %s value: %s (the default is used)", count.key, count.text);
     }
   }
+  if (const char* tls = texts[4]) {
+    settings->serverTls = strcmp(tls, "no") != 0;
+    if (strcmp(tls, "yes") != 0 && strcmp(tls, "no") != 0) {
+      SLM_TRACE(0, "WARNING - Bad %s value: %s (yes is used)", kServerTlsKey, tls);
+    }
+  }
+  if (const char* policy = texts[6]) {
+    settings->signaturePolicy =
+        strcmp(policy, "legacy") == 0 ? SignaturePolicy::kLegacy : SignaturePolicy::kSite;
+    if (strcmp(policy, "legacy") != 0 && strcmp(policy, "site") != 0) {
+      SLM_TRACE(0, "WARNING - Bad %s value: %s (site is used)", kSignaturePolicyKey, policy);
+    }
+  }
+  if (texts[5] != nullptr) copyBounded(settings->tlsCaFile, kSecurityTextSize - 1, texts[5]);
+  if (texts[7] != nullptr) copyBounded(settings->siteKeysFile, kSecurityTextSize - 1, texts[7]);
+  if (texts[8] != nullptr) copyBounded(settings->tlsPins, kSecurityTextSize - 1, texts[8]);
 }
 
 void readSecuritySettings() {
-  constexpr size_t kValueBytes = kConfigurationValueChars + 1;
-  char texts[4][kValueBytes];
-  const char* keys[4] = {kSelfUpdateKey, kMaxCatalogKey, kMaxDownloadKey, kMaxScanRecordsKey};
-  const char* found[4] = {};
-  for (int i = 0; i < 4; ++i) {
-    if (getConfigurationValue(keys[i], texts[i], kValueBytes) == kConfigurationValueFound) {
+  char texts[kSecurityKeyCount][kSecurityTextSize];
+  const char* found[kSecurityKeyCount] = {};
+  for (size_t i = 0; i < kSecurityKeyCount; ++i) {
+    if (getConfigurationValue(kSecurityKeys[i], texts[i], kSecurityTextSize) ==
+        kConfigurationValueFound) {
       found[i] = texts[i];
     }
   }
   SecuritySettings settings;
-  parseSecuritySettings(found[0], found[1], found[2], found[3], &settings);
+  parseSecuritySettings(found, &settings);
   current = settings;
 }
 

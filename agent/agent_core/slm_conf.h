@@ -1,4 +1,4 @@
-// The reader of the agent's configuration file: key=value lines with twenty known keys, loaded
+// The reader of the agent's configuration file: key=value lines with twenty-five known keys, loaded
 // once at start-up into a process-wide list of texts and freed again before the worker threads
 // need anything from it. Loading, look-ups and freeing all run on the thread that starts the agent
 // (or an on-demand run), so the list has no lock.
@@ -9,10 +9,10 @@
 
 namespace slm {
 
-constexpr int kConfigurationKeyCount = 20;
-// The keys in the order in which a line is tried against them. The last five (the exec monitor of
-// today's kernels, the self-update's rule and the bounds on what the agent takes in) come last so
-// that the other keys read as they always have.
+constexpr int kConfigurationKeyCount = 25;
+// The keys in the order in which a line is tried against them. The keys of today's systems (the
+// exec monitor, the self-update's rule, the bounds on what the agent takes in, TLS and site
+// signatures) come last so that the other keys read as they always have.
 constexpr const char* kConfigurationKeys[kConfigurationKeyCount] = {"agentid",
                                                                     "divisionid",
                                                                     "tag",
@@ -32,7 +32,12 @@ constexpr const char* kConfigurationKeys[kConfigurationKeyCount] = {"agentid",
                                                                     "self_update",
                                                                     "max_catalog_mb",
                                                                     "max_download_mb",
-                                                                    "max_scan_records"};
+                                                                    "max_scan_records",
+                                                                    "server_tls",
+                                                                    "tls_ca_file",
+                                                                    "tls_pin_sha256",
+                                                                    "signature_policy",
+                                                                    "site_keys_file"};
 
 constexpr size_t kConfigurationKeyField = 50;     // key text, terminated: at most 49 characters
 constexpr size_t kConfigurationValueChars = 200;  // value text, at most 200 characters

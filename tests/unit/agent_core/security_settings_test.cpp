@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <string>
+
 namespace slm {
 namespace {
 
@@ -34,12 +36,40 @@ TEST(SecuritySettings, ReadsEachKeyAndKeepsTheDefaultForWhatItCannotRead) {
   for (const Case& c : cases) {
     SecuritySettings settings;
     settings.maxScanRecords = 42;  // whatever was there before is replaced
-    parseSecuritySettings(c.selfUpdate, c.catalogMb, c.downloadMb, c.scanRecords, &settings);
+    const char* texts[kSecurityKeyCount] = {c.selfUpdate, c.catalogMb, c.downloadMb, c.scanRecords};
+    parseSecuritySettings(texts, &settings);
     SCOPED_TRACE(c.selfUpdate != nullptr ? c.selfUpdate : "(absent)");
     EXPECT_EQ(settings.selfUpdate, c.mode);
     EXPECT_EQ(settings.maxCatalogBytes, c.catalogBytes);
     EXPECT_EQ(settings.maxDownloadBytes, c.downloadBytes);
     EXPECT_EQ(settings.maxScanRecords, c.records);
+  }
+}
+
+TEST(SecuritySettings, TlsAndSignatureSwitchesNeverWeakenOnATypingError) {
+  struct Case {
+    const char* tls;
+    const char* policy;
+    bool serverTls;
+    SignaturePolicy signatures;
+  } cases[] = {
+      {nullptr, nullptr, false, SignaturePolicy::kLegacy},
+      {"no", "legacy", false, SignaturePolicy::kLegacy},
+      {"yes", "site", true, SignaturePolicy::kSite},
+      {"Yes", "Legacy", true, SignaturePolicy::kSite},
+      {"", "", true, SignaturePolicy::kSite},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(std::string(c.tls ? c.tls : "-") + "/" + (c.policy ? c.policy : "-"));
+    const char* texts[kSecurityKeyCount] = {nullptr,   nullptr,  nullptr,     nullptr,    c.tls,
+                                            "/ca.pem", c.policy, "/keys.pem", "AAAA,BBBB"};
+    SecuritySettings settings;
+    parseSecuritySettings(texts, &settings);
+    EXPECT_EQ(settings.serverTls, c.serverTls);
+    EXPECT_EQ(settings.signaturePolicy, c.signatures);
+    EXPECT_STREQ(settings.tlsCaFile, "/ca.pem");
+    EXPECT_STREQ(settings.siteKeysFile, "/keys.pem");
+    EXPECT_STREQ(settings.tlsPins, "AAAA,BBBB");
   }
 }
 
