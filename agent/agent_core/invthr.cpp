@@ -523,8 +523,10 @@ int slmAgentInventoryFunction() {
         reloadAfterUpdate(false, resultWaiting, &scanEvent, &rule);
         continue;
       }
-      // A sleep without a scheduled scan ends only by a wake-up: nothing to scan for yet.
-      if (toScan < 0) continue;
+      // The schedule is asked again after every sleep: the one-second pause after a scan that
+      // began this very second must not become a second scan, and a sleep without a scheduled
+      // scan ends only by a wake-up.
+      continue;
     }
 
     lastScan = now();

@@ -148,6 +148,11 @@ TEST_F(CommandQueue, ChoosesByWaitGapAndToleranceOnAHeldClock) {
   EXPECT_EQ(next(), "second");
   EXPECT_EQ(next(), "first");
   EXPECT_EQ(next(), "empty");
+
+  // Exactly three seconds after a run the gap is kept: a command due now runs at once.
+  const AgentTime now = static_cast<AgentTime>(clock_.now());
+  push(first, now, 0, 0, now - 3);
+  EXPECT_EQ(next(), "first");
 }
 
 TEST_F(CommandQueue, EndedOneShotRunsOnceThenGoes) {

@@ -93,18 +93,37 @@ class InventorySender : public test::ServiceSandbox {
   SlmList* list_ = nullptr;
 };
 
-TEST_F(InventorySender, SendsSixtyRecordsInPacketsOf25And25And10WithTheLastFlagOnTheThird) {
-  servePluggedIn();
-  EXPECT_EQ(sendPacketInventory(nullptr, records(60), kNow - 50, 0), kInventoryDelivered);
-  EXPECT_EQ(rows("SELECT packet, count(*) FROM inventory_records GROUP BY packet ORDER BY packet"),
-            (std::vector<std::string>{"1|25", "2|25", "3|10"}));
-  EXPECT_EQ(rows("SELECT scan_time, packets, records, complete FROM inventories"),
-            std::vector<std::string>{"1699999950000|3|60|1"});
-  // The body's fields: agent id, inventory, scan time, last.
-  EXPECT_EQ(rows("SELECT instr(CAST(raw AS TEXT), char(13, 10) || char(116, 114, 117, 101) || "
-                 "char(13, 10) || char(60, 102)) > 0 FROM requests WHERE service = 7 ORDER BY id"),
-            (std::vector<std::string>{"0", "0", "1"}));
-  expectConforming();
+TEST_F(InventorySender, SendsPacketsOfTheirSizeWithTheLastFlagOnTheLastOnly) {
+  const struct {
+    int records;
+    int packetSize;
+    std::vector<std::string> packets;
+    std::vector<std::string> lastFlags;
+  } cases[] = {
+      {60, 25, {"1|25", "2|25", "3|10"}, {"0", "0", "1"}},
+      // A last packet that is full is still the last.
+      {50, 10, {"1|10", "2|10", "3|10", "4|10", "5|10"}, {"0", "0", "0", "0", "1"}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.records);
+    servePluggedIn();
+    ASSERT_EQ(setAgentIntValue(kAgentPacketSize, c.packetSize), kAgentValueOk);
+    ASSERT_EQ(slmAgentInitInventory(), 0);
+    if (list_ != nullptr) deleteList(list_);
+    EXPECT_EQ(sendPacketInventory(nullptr, records(c.records), kNow - 50, 0), kInventoryDelivered);
+    EXPECT_EQ(
+        rows("SELECT packet, count(*) FROM inventory_records GROUP BY packet ORDER BY packet"),
+        c.packets);
+    EXPECT_EQ(rows("SELECT scan_time, packets, records, complete FROM inventories"),
+              std::vector<std::string>{"1699999950000|" + std::to_string(c.packets.size()) + "|" +
+                                       std::to_string(c.records) + "|1"});
+    // The body's fields: agent id, inventory, scan time, last.
+    EXPECT_EQ(
+        rows("SELECT instr(CAST(raw AS TEXT), char(13, 10) || char(116, 114, 117, 101) || "
+             "char(13, 10) || char(60, 102)) > 0 FROM requests WHERE service = 7 ORDER BY id"),
+        c.lastFlags);
+    expectConforming();
+  }
 }
 
 TEST_F(InventorySender, GivesUpAfterFiveFailedSendsOverTheWholeInventory) {
@@ -257,6 +276,30 @@ TEST_F(InventoryThread, DeliversTheWaitingScanFileAndRemovesIt) {
             std::vector<std::string>{"1699996400000|2|30|1"});
   ASSERT_TRUE(test::waitUntil([&] { return traced("waiting to do scan in 4 seconds"); }));
   EXPECT_LT(giveSecondsToEvent(inventorySendEvent()), 0);  // nothing more to send
+}
+
+TEST_F(InventoryThread, AWaitingScanGoesBeforeAScanDueTheSameSecondAndNoScanIsRepeated) {
+  servePluggedIn();
+  scanFile(3);
+  // The scan and the waiting send are both due now, and the clock stays in this second.
+  startThread(0);
+  ASSERT_TRUE(test::waitUntil([&] { return !rows("SELECT id FROM inventories").empty(); }));
+  EXPECT_EQ(rows("SELECT scan_time, records FROM inventories ORDER BY id LIMIT 1"),
+            std::vector<std::string>{"1699996400000|3"});
+  // After its pause the thread looks at the schedule again rather than scanning once more.
+  auto pauses = [&] {
+    const std::string text = trace();
+    size_t count = 0;
+    for (size_t at = text.find("waiting to do scan in 1 seconds"); at != std::string::npos;
+         at = text.find("waiting to do scan in 1 seconds", at + 1)) {
+      ++count;
+    }
+    return count;
+  };
+  ASSERT_TRUE(test::waitUntil([&] { return pauses() >= 3; }));
+  stopSlmThread(inv_thread);
+  const std::string text = trace();
+  EXPECT_EQ(text.find("OK - Disks scan completes"), text.rfind("OK - Disks scan completes"));
 }
 
 TEST_F(InventoryThread, KeepsTheScanFileWhenEveryAttemptFails) {
