@@ -516,6 +516,15 @@ TEST_F(ScanRoot, AnswersOutliveARestartInTheirFile) {
   setSlmClock(nullptr);
   forgetKnownFiles(Forget::kMemoryAndFile);
   EXPECT_FALSE(test::fileExists(stored));
+
+  // On the real clock: a program whose contents date from yesterday but whose inode changed just
+  // now is recorded, and not remembered before it has settled.
+  write("bin/fresh", elf(2, 2, 62));
+  const struct timespec yesterday[2] = {{0, UTIME_OMIT}, {time(nullptr) - 86400, 0}};
+  ASSERT_EQ(utimensat(AT_FDCWD, root_.file("bin/fresh").c_str(), yesterday, 0), 0);
+  EXPECT_EQ(scannedNames().count("fresh"), 1u);
+  EXPECT_TRUE(!test::fileExists(stored) || storedFiles().empty());
+  forgetKnownFiles(Forget::kMemoryAndFile);
 }
 
 // A scan leaves access times as they were, so it never has the file system write inodes back. The
@@ -685,11 +694,18 @@ TEST_F(ScanRoot, WalksWhatIsMountedLastAtAPoint) {
   if (mount("scan-test", point.c_str(), "tmpfs", 0, nullptr) != 0) {
     GTEST_SKIP() << "no file system can be mounted here: " << strerror(errno);
   }
+  // A file system that is not walked at point/inner, then hidden with everything below the point
+  // by a bind mount over it: what the point shows now, local/inner included, is walked.
+  write("local/inner/tool", elf(2, 2, 62));
+  root_.makeDirs("point/inner");
+  const std::string inner = root_.file("point/inner");
+  ASSERT_EQ(mount("scan-test", inner.c_str(), "tmpfs", 0, nullptr), 0) << strerror(errno);
   const bool bound =
       mount(root_.file("local").c_str(), point.c_str(), nullptr, MS_BIND, nullptr) == 0;
   EXPECT_TRUE(bound) << strerror(errno);
-  EXPECT_EQ(scan().size(), bound ? 2u : 1u);
+  EXPECT_EQ(scan().size(), bound ? 4u : 2u);
   if (bound) umount2(point.c_str(), MNT_DETACH);
+  umount2(inner.c_str(), MNT_DETACH);
   umount2(point.c_str(), MNT_DETACH);
 }
 
