@@ -339,6 +339,13 @@ def test_full_cache_file_system(full_cache, tmp_path):
         stored = {p.name: p.read_bytes() for p in cache.iterdir()}
         assert {"catalog.dat", "uat.dat", "server.dat"} <= stored.keys()
 
+        # An older scan waits, its send put off past the next scan.
+        old_scan = int(time.time()) - 3600
+        (cache / "scan.dat").write_bytes(scan_file(old_scan, INVENTORY[:5]))
+        agent = bytearray((cache / "agent.dat").read_bytes())
+        struct.pack_into("<i", agent, 4, 20)
+        (cache / "agent.dat").write_bytes(bytes(agent))
+
         # Full: a scan whose result cannot be written, then a stop whose stores fail.
         fill()
         server.set_scenario({"catalog": catalog, "parameters": {
@@ -346,6 +353,11 @@ def test_full_cache_file_system(full_cache, tmp_path):
             "max_delay": 1, "upload_min_time": 1, "catalog_period": 1}})
         daemon = Daemon(root)
         assert wait_for(trace_has(root, "ERROR - Some problems saving inventory file"), timeout=30)
+        # The older scan went with the new one that could not be written: it must never pass for
+        # this scan's result.
+        assert wait_for(trace_has(root, f"WARNING - Older inventory file {cache}/scan.dat removed"))
+        assert not (cache / "scan.dat").exists()
+        fill()  # what the older scan took is taken again
         catalogs = server.requests("3")
         # It goes on: the commands run, and a program started is still looked up and reported.
         monitored = "OK - Monitoring with the built-in exec monitor" in root.trace_text()
@@ -360,6 +372,8 @@ def test_full_cache_file_system(full_cache, tmp_path):
         assert cpu_seconds(daemon.pid) - before < 0.5
         assert daemon.stop() is None
         texts = {text for _, text in messages(root.trace_text())}
+        # Nothing is left waiting, so nothing is tried to be sent.
+        assert "ERROR - Opening inventory file for sending" not in texts
         assert f"ERROR - Writing server list to file {cache}/server.dat" in texts
         assert f"ERROR - Writing unknown file list to file {cache}/uat.dat" in texts
         # Every failed store kept the file written with room, and left nothing beside it
@@ -376,6 +390,9 @@ def test_full_cache_file_system(full_cache, tmp_path):
         assert wait_for(lambda: not load_mismatches(root.trace_text(), expected), timeout=10), \
             load_mismatches(root.trace_text(), expected)
         assert daemon.stop() is None
+        # The server never received the older scan, and nothing of it is left.
+        assert server.rows("SELECT COUNT(*) FROM inventories") == [(0,)]
+        assert not (cache / "scan.dat").exists()
     finally:
         server.stop()
 
