@@ -336,9 +336,9 @@ class PartFile {
     if (file == nullptr && fd >= 0) close(fd);
     return file;
   }
-  // Gives the part its name, replacing whatever had it. False with errno set.
   // The name the file takes once published.
   const char* name() const { return name_.c_str(); }
+  // Gives the part its name, replacing whatever had it. False with errno set.
   bool publish() {
     if (renameat(directory_, partName_.c_str(), directory_, name_.c_str()) != 0) return false;
     published_ = true;
@@ -425,14 +425,13 @@ int slmGetFile(const ServerAddress* server, char* localPath, size_t size) {
 
 namespace {
 
-// Replaces the ".sign" that fetchSignedFile left on `server`'s path by `suffix`.
-void replaceSignatureSuffix(ServerAddress* server, const char* suffix) {
+// Takes the ".sign" that fetchSignedFile appended off `server`'s path again.
+void removeSignatureSuffix(ServerAddress* server) {
   const size_t length = strlen(server->path);
   const size_t legacy = strlen(kSignatureSuffix);
   if (length >= legacy && strcmp(server->path + length - legacy, kSignatureSuffix) == 0) {
     server->path[length - legacy] = '\0';
   }
-  appendBounded(server->path, sizeof(server->path), suffix);
 }
 
 // Fetches the site signature of `file` from `server`'s path plus ".sig" into the directory text in
@@ -499,7 +498,7 @@ int fetchSignedFile(ServerAddress* server, char* localPath, size_t size, char* s
     if (sha256OfFile(stream.get(), digest) != kDigestDone) return kSignedFileNotOpened;
     if (site) {
       // The legacy signature passed; the site's must pass too.
-      replaceSignatureSuffix(server, "");
+      removeSignatureSuffix(server);
       int checked = checkSiteSignature(server, file, digest, siteSignaturePath);
       if (checked != kSignedFileValid) return checked;
     }
