@@ -87,8 +87,6 @@ REFUSALS = {
         {"version": "1.1.1.50"}, None,
         f"ERROR - Update refused: manifest version 1.1.1.50 is not newer than this agent's "
         f"{AGENT_VERSION}"),
-    "same version": (
-        {"version": AGENT_VERSION + ".0"}, None, "ERROR - Update refused: manifest version"),
     "expired manifest": (
         {"not_after": "2020-01-01T00:00:00Z"}, None,
         "ERROR - Update refused: manifest /pkg/install.sh.manifest expired at 2020-01-01T00:00:00Z"),
