@@ -182,6 +182,14 @@ SEEDS = {
                         "1.1.1.51, Linux ,*,x86,*,*= /drivers/b.o\n"),
         "bad-format": "1.1.1.50,Linux,*,*,*,*=/x.o\n",
     },
+    "site_manifest": {
+        "two-files": ("kvdagent-site-manifest-v1\nversion 1.1.1.52\nnot-after 2027-06-30T00:00:00Z\n"
+                      "command /tmp/qsam/install.sh -q\n"
+                      "file " + "ab" * 32 + " install.sh\nfile " + "0f" * 32 + " kvdagent\n"),
+        "leap-day": ("kvdagent-site-manifest-v1\nversion 2\nnot-after 2028-02-29T23:59:59Z\n"
+                     "command /tmp/qsam/kvdagent\t--install\nfile " + "9" * 64 + " kvdagent\n"),
+        "cut": "kvdagent-site-manifest-v1\nversion 1.1\nnot-after 2027-06-30T00:00:00Z\ncomm",
+    },
     "agent_dat": {
         "initial": struct.pack("<III", 0, 0, 31),
         "five-slots": struct.pack("<iiiii", 3600, 0, -1, 43200, 7),

@@ -11,8 +11,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <memory>
 #include <new>
+#include <string>
 
 #include "agent_core/cache/agent.h"
 #include "agent_core/cache/lat.h"
@@ -24,8 +26,10 @@
 #include "agent_core/communication/service_call.h"
 #include "agent_core/communication/slm.h"
 #include "agent_core/data/inventory_record.h"
+#include "agent_core/data/slm_time.h"
 #include "agent_core/install_command.h"
 #include "agent_core/security_settings.h"
+#include "agent_core/site_manifest.h"
 #include "agent_core/slm_conf.h"
 #include "agent_core/support/bytes.h"
 #include "agent_core/support/file_handle.h"
@@ -74,13 +78,14 @@ void uploadRecordOf(const UnknownFileEntry& entry, InventoryRecord* record) {
   blankTexts(record);
 }
 
-// Downloads the entry's file and its signature into `directory` and checks one against the other.
-// The file keeps its name only when it passed; the signature file goes away in every case.
-bool signedDownload(ServerAddress entry, const char* directory) {
+// Downloads the entry's file and its signature into `directory` and checks one against the other
+// (and, when `requiredSha256` is not null, the file's SHA-256 against it). The file keeps its name
+// only when it passed; the signature files go away in every case.
+bool signedDownload(ServerAddress entry, const char* directory, const uint8_t* requiredSha256) {
   char filePath[kPathSize];
   char signaturePath[kLocalPathSize];
   copyBounded(filePath, sizeof filePath - 1, directory);
-  switch (fetchSignedFile(&entry, filePath, sizeof filePath, signaturePath)) {
+  switch (fetchSignedFile(&entry, filePath, sizeof filePath, signaturePath, requiredSha256)) {
     case kSignedFileValid:
       return true;
     case kSignedFileNotDownloaded:
@@ -99,33 +104,115 @@ bool signedDownload(ServerAddress entry, const char* directory) {
     case kSignedFileNotSaved:
       SLM_TRACE(0, "ERROR - Saving %s, retval %d", filePath, -1);
       break;
+    case kSiteSignatureNotDownloaded:
+    case kSiteSignatureMismatch:
+      break;  // traced where the site signature was checked
+    case kSignedFileOtherDigest:
+      SLM_TRACE(0, "ERROR - Update refused: the SHA-256 of %s is not the manifest's", filePath);
+      break;
     default:
       SLM_TRACE(0, "ERROR - Signature check failed for %s, %s", filePath, signaturePath);
   }
   return false;
 }
 
-// Checks the installation command line against the files to be downloaded, as a self-update
-// without a shell needs it. False after an ERROR line naming the rule broken.
-bool installCommandAccepted(const char* commandLine, SlmList* files, InstallCommand* command) {
+// The local names of the files a self-update offers, in the offer's order.
+struct OfferedNames {
+  std::unique_ptr<char[]> names;
+  std::unique_ptr<const char*[]> pointers;
+  size_t count = 0;
+};
+
+// False after an ERROR line when there is no memory for the names.
+bool listOfferedNames(SlmList* files, OfferedNames* offered) {
   const size_t count = static_cast<size_t>(entries(files));
   // A one-character name is stored under the host and port, so a name may outgrow a path.
   constexpr size_t kNameSize = 2 * kServerPathSize;
-  std::unique_ptr<char[]> names(new (std::nothrow) char[count * kNameSize + 1]);
-  std::unique_ptr<const char*[]> pointers(new (std::nothrow) const char*[count + 1]);
-  if (names == nullptr || pointers == nullptr) {
+  offered->names.reset(new (std::nothrow) char[count * kNameSize + 1]);
+  offered->pointers.reset(new (std::nothrow) const char*[count + 1]);
+  if (offered->names == nullptr || offered->pointers == nullptr) {
     SLM_TRACE(0, "ERROR - Check for new agent creating list");
     return false;
   }
   size_t n = 0;
   for (void* item = getNext(files, nullptr); item != nullptr; item = getNext(files, item), ++n) {
-    char* name = names.get() + n * kNameSize;
+    char* name = offered->names.get() + n * kNameSize;
     name[0] = '\0';
     appendLocalName(static_cast<const ServerAddress*>(item), name, kNameSize);
-    pointers[n] = name;
+    offered->pointers[n] = name;
   }
+  offered->count = n;
+  return true;
+}
+
+// Fetches the site-signed manifest of the offer (beside its first file) and checks the offer
+// against it. False after an ERROR line naming the rule broken; `manifest` holds the files' digests
+// when it is true.
+bool siteManifestAccepted(const char* commandLine, SlmList* files, const OfferedNames& offered,
+                          const char* directory, SiteManifest* manifest) {
+  ServerAddress address = *static_cast<const ServerAddress*>(getNext(files, nullptr));
+  if (strlen(address.path) + strlen(kSiteManifestSuffix) >= sizeof address.path) {
+    SLM_TRACE(0, "ERROR - Update refused: no room for the manifest's path beside %s", address.path);
+    return false;
+  }
+  strcat(address.path, kSiteManifestSuffix);
+  char manifestPath[kServerPathSize];
+  copyBounded(manifestPath, sizeof manifestPath - 1, address.path);
+  char localPath[kPathSize];
+  copyBounded(localPath, sizeof localPath - 1, directory);
+  std::string text;
+  if (fetchSiteSignedText(&address, localPath, sizeof localPath, kSiteManifestMaxBytes, &text) !=
+      kSignedFileValid) {
+    SLM_TRACE(0, "ERROR - Update refused: no valid site-signed manifest %s", manifestPath);
+    return false;
+  }
+  size_t badLine = 0;
+  if (parseSiteManifest(text.data(), text.size(), manifest, &badLine) != kSiteManifestParsed) {
+    SLM_TRACE(0, "ERROR - Update refused: manifest %s unreadable at line %d", manifestPath,
+              static_cast<int>(badLine));
+    return false;
+  }
+  size_t detail = 0;
+  switch (checkSiteManifest(*manifest, kAgentVersion, getNowWithOffset(0), commandLine,
+                            offered.pointers.get(), offered.count, &detail)) {
+    case kSiteManifestAccepted:
+      return true;
+    case kSiteManifestNotNewer:
+      SLM_TRACE(0, "ERROR - Update refused: manifest version %s is not newer than this agent's %s",
+                manifest->version.c_str(), kAgentVersion);
+      break;
+    case kSiteManifestExpired: {
+      char notAfter[32] = "?";
+      const time_t seconds = static_cast<time_t>(manifest->notAfter);
+      struct tm parts {};
+      if (gmtime_r(&seconds, &parts) != nullptr) {
+        strftime(notAfter, sizeof notAfter, "%Y-%m-%dT%H:%M:%SZ", &parts);
+      }
+      SLM_TRACE(0, "ERROR - Update refused: manifest %s expired at %s", manifestPath, notAfter);
+      break;
+    }
+    case kSiteManifestOtherCommand:
+      SLM_TRACE(0, "ERROR - Update refused: command line '%s' is not the manifest's '%s'",
+                commandLine, manifest->command.c_str());
+      break;
+    case kSiteManifestNotListed:
+      SLM_TRACE(0, "ERROR - Update refused: file %s is not in the manifest",
+                offered.pointers[detail]);
+      break;
+    default:
+      SLM_TRACE(0, "ERROR - Update refused: file %s of the manifest is not offered",
+                manifest->files[detail].name.c_str());
+  }
+  return false;
+}
+
+// Checks the installation command line against the files to be downloaded, as a self-update
+// without a shell needs it. False after an ERROR line naming the rule broken.
+bool installCommandAccepted(const char* commandLine, const OfferedNames& offered,
+                            InstallCommand* command) {
   size_t badWord = 0;
-  switch (splitInstallCommand(commandLine, tempDir, pointers.get(), n, command, &badWord)) {
+  switch (splitInstallCommand(commandLine, tempDir, offered.pointers.get(), offered.count, command,
+                              &badWord)) {
     case kInstallCommandAccepted:
       return true;
     case kInstallCommandNotDownloaded:
@@ -481,8 +568,17 @@ int slmAgentCheckForNewAgentCommand(Command*) {
   // Without a shell, the words are checked before anything is fetched: a command line that could
   // run anything but a verified download never gets that far.
   InstallCommand command{};
-  if (mode == SelfUpdateMode::kStrict &&
-      !installCommandAccepted(commandLine, files.get(), &command)) {
+  OfferedNames offered;
+  const bool site = securitySettings().signaturePolicy == SignaturePolicy::kSite;
+  if ((mode == SelfUpdateMode::kStrict || site) && !listOfferedNames(files.get(), &offered)) {
+    return kCommandRequeue;
+  }
+  if (mode == SelfUpdateMode::kStrict && !installCommandAccepted(commandLine, offered, &command)) {
+    return kCommandRequeue;
+  }
+  // Under the site's signatures, only what its signed manifest lists is fetched at all.
+  SiteManifest manifest;
+  if (site && !siteManifestAccepted(commandLine, files.get(), offered, directory, &manifest)) {
     return kCommandRequeue;
   }
 
@@ -490,10 +586,14 @@ int slmAgentCheckForNewAgentCommand(Command*) {
     SLM_TRACE(0, "ERROR - Unable to set the context");
     return kCommandRequeue;
   }
+  size_t n = 0;
   for (void* item = getNext(files.get(), nullptr); item != nullptr;
-       item = getNext(files.get(), item)) {
+       item = getNext(files.get(), item), ++n) {
+    const SiteManifestFile* listed =
+        site ? findManifestFile(manifest, offered.pointers[n]) : nullptr;
     // Nothing is installed unless every file passed.
-    if (!signedDownload(*static_cast<const ServerAddress*>(item), directory)) {
+    if (!signedDownload(*static_cast<const ServerAddress*>(item), directory,
+                        listed != nullptr ? listed->sha256 : nullptr)) {
       disposeSlmRSAContext();
       return kCommandRequeue;
     }

@@ -21,6 +21,7 @@
 #include "agent_core/data/slm_time.h"
 #include "agent_core/message/nls.h"
 #include "agent_core/security_settings.h"
+#include "agent_core/site_signature.h"
 #include "agent_core/support/bytes.h"
 #include "agent_core/support/file_handle.h"
 #include "agent_core/support/trace.h"
@@ -335,6 +336,8 @@ class PartFile {
     if (file == nullptr && fd >= 0) close(fd);
     return file;
   }
+  // The name the file takes once published.
+  const char* name() const { return name_.c_str(); }
   // Gives the part its name, replacing whatever had it. False with errno set.
   bool publish() {
     if (renameat(directory_, partName_.c_str(), directory_, name_.c_str()) != 0) return false;
@@ -420,8 +423,56 @@ int slmGetFile(const ServerAddress* server, char* localPath, size_t size) {
   return kDownloadDone;
 }
 
-int fetchSignedFile(ServerAddress* server, char* localPath, size_t size, char* signaturePath) {
+namespace {
+
+// Takes the ".sign" that fetchSignedFile appended off `server`'s path again.
+void removeSignatureSuffix(ServerAddress* server) {
+  const size_t length = strlen(server->path);
+  const size_t legacy = strlen(kSignatureSuffix);
+  if (length >= legacy && strcmp(server->path + length - legacy, kSignatureSuffix) == 0) {
+    server->path[length - legacy] = '\0';
+  }
+}
+
+// Fetches the site signature of `file` from `server`'s path plus ".sig" into the directory text in
+// `signaturePath` (kLocalPathSize bytes, receiving the signature's local path) and checks it
+// against `digest` under the file's local name. Every failure is traced here.
+int checkSiteSignature(ServerAddress* server, const PartFile& file, const uint8_t* digest,
+                       char* signaturePath) {
+  SiteKeys keys;
+  if (loadSiteKeys(securitySettings().siteKeysFile, &keys) != kSiteKeysLoaded) {
+    return kSiteSignatureMismatch;
+  }
+  appendBounded(server->path, sizeof(server->path), kSiteSignatureSuffix);
+  PartFile signatureFile;
+  if (fetchToPart(server, signaturePath, kLocalPathSize, &signatureFile) != kDownloadDone) {
+    SLM_TRACE(0, "ERROR - No site signature %s for %s", server->path, file.name());
+    return kSiteSignatureNotDownloaded;
+  }
+  // Exactly the signature: a longer file is not one this agent's tools made.
+  uint8_t signature[kSiteSignatureSize + 1];
+  FileHandle stream(signatureFile.reopen());
+  if (stream == nullptr ||
+      fread(signature, 1, sizeof signature, stream.get()) != kSiteSignatureSize) {
+    SLM_TRACE(0, "ERROR - Site signature %s is not %d bytes", server->path,
+              static_cast<int>(kSiteSignatureSize));
+    return kSiteSignatureMismatch;
+  }
+  if (verifySiteSignature(keys, file.name(), digest, signature) != kSiteSignatureValid) {
+    SLM_TRACE(0, "ERROR - Site signature check failed for %s: no site key signed it as %s",
+              server->path, file.name());
+    return kSiteSignatureMismatch;
+  }
+  return kSignedFileValid;
+}
+
+}  // namespace
+
+int fetchSignedFile(ServerAddress* server, char* localPath, size_t size, char* signaturePath,
+                    const uint8_t* requiredSha256) {
   copyBounded(signaturePath, kLocalPathSize - 1, localPath);
+  char siteSignaturePath[kLocalPathSize];
+  copyBounded(siteSignaturePath, kLocalPathSize - 1, localPath);
   PartFile file;
   if (fetchToPart(server, localPath, size, &file) != kDownloadDone) return kSignedFileNotDownloaded;
   appendBounded(server->path, sizeof(server->path), kSignatureSuffix);
@@ -441,8 +492,50 @@ int fetchSignedFile(ServerAddress* server, char* localPath, size_t size, char* s
   FileHandle stream(file.reopen());
   if (stream == nullptr) return kSignedFileNotOpened;
   if (verifySignature(stream.get(), signature) != kSignatureValid) return kSignatureMismatch;
+  const bool site = securitySettings().signaturePolicy == SignaturePolicy::kSite;
+  if (site || requiredSha256 != nullptr) {
+    uint8_t digest[kSha256Size];
+    if (sha256OfFile(stream.get(), digest) != kDigestDone) return kSignedFileNotOpened;
+    if (site) {
+      // The legacy signature passed; the site's must pass too.
+      removeSignatureSuffix(server);
+      int checked = checkSiteSignature(server, file, digest, siteSignaturePath);
+      if (checked != kSignedFileValid) return checked;
+    }
+    if (requiredSha256 != nullptr && memcmp(digest, requiredSha256, kSha256Size) != 0) {
+      return kSignedFileOtherDigest;
+    }
+  }
   if (!file.publish()) return kSignedFileNotSaved;
   return kSignedFileValid;
+}
+
+int fetchSiteSignedText(ServerAddress* server, char* localPath, size_t size, size_t maxBytes,
+                        std::string* text) {
+  char signaturePath[kLocalPathSize];
+  copyBounded(signaturePath, kLocalPathSize - 1, localPath);
+  PartFile file;
+  if (fetchToPart(server, localPath, size, &file) != kDownloadDone) return kSignedFileNotDownloaded;
+  FileHandle stream(file.reopen());
+  uint8_t digest[kSha256Size];
+  if (stream == nullptr || sha256OfFile(stream.get(), digest) != kDigestDone) {
+    return kSignedFileNotOpened;
+  }
+  int checked = checkSiteSignature(server, file, digest, signaturePath);
+  if (checked != kSignedFileValid) return checked;
+  try {
+    text->clear();
+    char chunk[kDownloadChunkSize];
+    rewind(stream.get());
+    size_t got = 0;
+    while ((got = fread(chunk, 1, sizeof chunk, stream.get())) > 0) {
+      if (text->size() + got > maxBytes) return kSignedFileTooLarge;
+      text->append(chunk, got);
+    }
+  } catch (const std::bad_alloc&) {
+    return kSignedFileNotOpened;
+  }
+  return ferror(stream.get()) ? kSignedFileNotOpened : kSignedFileValid;
 }
 
 int slmGetSignedFile(ServerAddress* server, char* localPath, size_t size) {

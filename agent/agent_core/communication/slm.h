@@ -7,6 +7,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string>
 
 #include "agent_core/communication/server_address.h"
 #include "agent_core/communication/slm_stream.h"
@@ -136,14 +137,32 @@ constexpr int kSignatureTooShort = 4;
 constexpr int kSignedFileNotOpened = 5;
 constexpr int kSignatureMismatch = 6;
 constexpr int kSignedFileNotSaved = 7;  // verified, but could not be given its name
+// Under signature_policy=site: no site signature could be fetched; it is not the right size, or
+// the site keys file was refused, or no site key signed the file under its name.
+constexpr int kSiteSignatureNotDownloaded = 8;
+constexpr int kSiteSignatureMismatch = 9;
+constexpr int kSignedFileOtherDigest = 10;  // its SHA-256 is not the one required
+constexpr int kSignedFileTooLarge = 11;
 
 // Downloads `server`'s path as slmGetFile does and its signature from the same path plus ".sign"
-// (left appended to `server->path`) into the same directory, `signaturePath` (kLocalPathSize
-// bytes) receiving the signature's local path. The file is written as NAME.part and takes its
-// name only once its signature is valid; a file that fails is removed, and the signature file
-// never stays. The caller holds the verification context.
+// into the same directory, `signaturePath` (kLocalPathSize bytes) receiving the signature's local
+// path. Under signature_policy=site, once that signature is valid, the site signature is fetched
+// from the path plus ".sig" and checked with the site keys against the file's SHA-256 and its
+// local name; both must pass (the reasons of a site failure are traced here). When
+// `requiredSha256` is not null, the file's SHA-256 must also be that one. The path is left with
+// ".sign" (under site: ".sig") appended. The file is written as NAME.part and takes its name only
+// once it passed; a file that fails is removed, and the signature files never stay. The caller
+// holds the verification context.
 [[nodiscard]] int fetchSignedFile(ServerAddress* server, char* localPath, size_t size,
-                                  char* signaturePath);
+                                  char* signaturePath, const uint8_t* requiredSha256 = nullptr);
+
+// Downloads `server`'s path into the directory text in `localPath` (a buffer of `size` bytes, to
+// which the local name is appended) and checks its site signature from the path plus ".sig", as
+// fetchSignedFile does under signature_policy=site, whatever the policy. kSignedFileValid with
+// `text` holding the file's bytes; kSignedFileTooLarge when they are over `maxBytes`; else the
+// step that failed. The file is never kept.
+[[nodiscard]] int fetchSiteSignedText(ServerAddress* server, char* localPath, size_t size,
+                                      size_t maxBytes, std::string* text);
 
 // fetchSignedFile without its detail: kDownloadDone only for a valid signature, else
 // kDownloadFailed.

@@ -5,6 +5,7 @@
 
 #include <cstring>
 #include <fstream>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -21,6 +22,7 @@
 #include "service/threads.h"
 #include "service/unix/base_dir.h"
 #include "support/service_sandbox.h"
+#include "support/site_signer.h"
 
 namespace slm {
 namespace {
@@ -382,6 +384,58 @@ TEST_F(SelfUpdate, NothingRunsUnlessEveryFileIsSigned) {
   serve(R"({"require_plugin": false})");
   EXPECT_EQ(slmAgentCheckForNewAgentCommand(&command_), kCommandRequeueToo);
   EXPECT_TRUE(traced("OK - No new agents found"));
+}
+
+TEST_F(SelfUpdate, UnderTheSitePolicyOnlyTheSignedManifestsSetIsInstalled) {
+  test::SiteSigner site(root_, "site");
+  root_.writeFile("etc/site-keys.pem", site.publicPem());
+  SecuritySettings settings;
+  settings.signaturePolicy = SignaturePolicy::kSite;
+  copyBounded(settings.siteKeysFile, kSecurityTextSize - 1, "/etc/site-keys.pem");
+  setSecuritySettings(settings);
+  const std::string installer = root_.file("tmp/qsam/install.sh");
+  const std::string agent = root_.file("served/pkg/kvdagent");
+  const std::string script = root_.file("served/pkg/install.sh");
+  // The manifest of the two files as they are now, ending at `notAfter`.
+  auto manifestFor = [&](const std::string& notAfter, std::vector<std::string> files) {
+    site.sign(files, "--manifest --version 1.1.1.52 --not-after " + notAfter + " --command '" +
+                         installer + " -q'");
+  };
+  const struct {
+    std::function<void()> prepare;
+    std::string traced;
+  } cases[] = {
+      // Another release's program, validly signed by both keys, in place of the listed one.
+      {[&] {
+         manifestFor("2023-12-01T00:00:00Z", {agent, script});
+         root_.writeFile("served/pkg/kvdagent", "older agent");
+         site.sign({agent});
+       },
+       "ERROR - Update refused: the SHA-256 of " + root_.file("tmp/qsam/kvdagent") +
+           " is not the manifest's"},
+      // One second before the agent's clock, which is not the system's.
+      {[&] {
+         manifestFor("2023-11-14T22:13:19Z", {agent, script});
+       },
+       "ERROR - Update refused: manifest /pkg/kvdagent.manifest expired at 2023-11-14T22:13:19Z"},
+  };
+  for (const auto& c : cases) {
+    c.prepare();
+    offer(installer + " -q");
+    EXPECT_EQ(slmAgentCheckForNewAgentCommand(&command_), kCommandRequeue);
+    EXPECT_TRUE(traced(c.traced)) << trace();
+    EXPECT_FALSE(test::fileExists(root_.file("tmp/qsam/kvdagent")));
+  }
+  EXPECT_EQ(shellLines, std::vector<std::string>{});
+  // Valid up to the very second of the agent's clock.
+  root_.writeFile("served/pkg/kvdagent", std::string(3000, 'k'));
+  manifestFor("2023-11-14T22:13:20Z", {agent, script});
+  offer(installer + " -q");
+  EXPECT_EQ(slmAgentCheckForNewAgentCommand(&command_), kCommandFatal);
+  EXPECT_EQ(shellLines, std::vector<std::string>{installer + " -q"});
+  // Nothing of the manifest or the signatures is left beside the installed files.
+  EXPECT_FALSE(test::fileExists(root_.file("tmp/qsam/kvdagent.manifest")));
+  EXPECT_FALSE(test::fileExists(root_.file("tmp/qsam/kvdagent.sig")));
 }
 
 }  // namespace

@@ -13,13 +13,16 @@
 #include "agent_core/cache/agent.h"
 #include "agent_core/communication/slm_http.h"
 #include "agent_core/security_settings.h"
+#include "agent_core/site_signature.h"
 #include "agent_core/slm_conf.h"
+#include "agent_core/support/bytes.h"
 #include "agent_core/support/trace.h"
 #include "agent_core/support/unix_common.h"
 #include "agent_core/verifySign.h"
 #include "support/fake_clock.h"
 #include "support/loopback_server.h"
 #include "support/runtime_server_process.h"
+#include "support/site_signer.h"
 #include "support/temp_root.h"
 
 namespace slm {
@@ -288,6 +291,74 @@ TEST_F(SignedDownload, KeepsOnlyFilesWithTheSigningKeysSignature) {
   }
   EXPECT_EQ(test::readFile(dir_ + "good.o"), content);
   disposeSlmRSAContext();
+}
+
+TEST_F(SignedDownload, UnderTheSitePolicyTheSiteSignatureMustPassToo) {
+  test::SiteSigner site(root_, "site");
+  root_.writeFile("etc/site-keys.pem", site.publicPem());
+  SecuritySettings settings;
+  settings.signaturePolicy = SignaturePolicy::kSite;
+  copyBounded(settings.siteKeysFile, kSecurityTextSize - 1, "/etc/site-keys.pem");
+  setSecuritySettings(settings);
+  const std::string content(5000, 'm');
+  for (const char* name : {"good.o", "renamed.o", "legacy.o", "long.o"}) publish(name, content);
+  site.sign({served_.file("pkg/good.o"), served_.file("pkg/long.o")});
+  // Signed for another name: its bytes are the same, its name is not.
+  served_.writeFile("pkg/renamed.o.sig", test::readFile(served_.file("pkg/good.o.sig")));
+  served_.writeFile("pkg/long.o.sig", test::readFile(served_.file("pkg/long.o.sig")) + "\n");
+  test::RuntimeServerProcess server("{\"downloads\": {\"root\": \"" + served_.path() + "\"}}");
+  ASSERT_NE(server.port(), 0);
+  ASSERT_EQ(initSlmRSAContext(), kRsaContextReady);
+  uint8_t other[kSha256Size] = {};
+  const struct {
+    const char* name;
+    const uint8_t* required;
+    int expected;
+    const char* traced;
+  } cases[] = {
+      {"good.o", nullptr, kSignedFileValid, ""},
+      {"good.o", other, kSignedFileOtherDigest, ""},
+      {"renamed.o", nullptr, kSiteSignatureMismatch,
+       "ERROR - Site signature check failed for /pkg/renamed.o.sig: no site key signed it as "
+       "renamed.o\n"},
+      {"legacy.o", nullptr, kSiteSignatureNotDownloaded,
+       "ERROR - No site signature /pkg/legacy.o.sig for legacy.o\n"},
+      {"long.o", nullptr, kSiteSignatureMismatch,
+       "ERROR - Site signature /pkg/long.o.sig is not 64 bytes\n"},
+  };
+  for (const auto& c : cases) {
+    traceText();
+    remove((dir_ + "good.o").c_str());
+    ServerAddress address = addressOf(std::string("/pkg/") + c.name, server.port());
+    char local[kLocalPathSize], signature[kLocalPathSize];
+    copyBounded(local, sizeof local - 1, dir_.c_str());
+    EXPECT_EQ(fetchSignedFile(&address, local, sizeof local, signature, c.required), c.expected)
+        << c.name;
+    EXPECT_EQ(test::fileExists(local), c.expected == kSignedFileValid) << c.name;
+    EXPECT_FALSE(test::fileExists(std::string(local) + ".sig")) << c.name;
+    EXPECT_THAT(traceText(), HasSubstr(c.traced));
+  }
+  // The legacy signature is checked first, and both are asked for.
+  std::vector<std::string> good;
+  for (const std::string& path : server.rows("SELECT path FROM requests ORDER BY id")) {
+    if (path.rfind("/pkg/good.o", 0) == 0) good.push_back(path);
+  }
+  EXPECT_THAT(good, ::testing::ElementsAre("/pkg/good.o", "/pkg/good.o.sign", "/pkg/good.o.sig",
+                                           "/pkg/good.o", "/pkg/good.o.sign", "/pkg/good.o.sig"));
+
+  ServerAddress address = addressOf("/pkg/good.o", server.port());
+  char local[kLocalPathSize];
+  copyBounded(local, sizeof local - 1, dir_.c_str());
+  std::string text;
+  EXPECT_EQ(fetchSiteSignedText(&address, local, sizeof local, 5000, &text), kSignedFileValid);
+  EXPECT_EQ(text, content);
+  address = addressOf("/pkg/good.o", server.port());
+  copyBounded(local, sizeof local - 1, dir_.c_str());
+  EXPECT_EQ(fetchSiteSignedText(&address, local, sizeof local, 4999, &text), kSignedFileTooLarge);
+  // The text is never kept as a file.
+  EXPECT_FALSE(test::fileExists(dir_ + "good.o"));
+  disposeSlmRSAContext();
+  setSecuritySettings(SecuritySettings{});
 }
 
 }  // namespace
