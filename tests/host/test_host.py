@@ -70,7 +70,6 @@ class Facts:
     """What a step leaves for the ones after it."""
     known_size = 0
     address = ""
-    pid = 0
 
 
 def test_install_and_enable(machine, server, packages):
@@ -117,7 +116,7 @@ def test_install_and_enable(machine, server, packages):
     assert refused >= 1 and plugged, trace(machine)
 
     started = time.monotonic()
-    Facts.pid = wait_until(lambda: running_agent(machine), 30)
+    pid = wait_until(lambda: running_agent(machine), 30)
     journal = machine.run("journalctl", "--no-pager", "-o", "cat", "-u", "kvdagent").stdout
     warning = re.search(r"WARNING - Couldn't resolve host name (\S+): reporting (\S+), (.*)",
                         trace(machine))
@@ -128,10 +127,10 @@ def test_install_and_enable(machine, server, packages):
     assert warning is not None and warning.group(1) == MACHINE_NAME, trace(machine)
     assert warning.group(2) == ip and not ip.startswith("127."), ip
     record("systemctl enable --now", "active, journal shows the start, plugged in",
-           f"active (pid {Facts.pid}), journal: 'Started kvdagent.service' "
+           f"active (pid {pid}), journal: 'Started kvdagent.service' "
            f"{'present' if 'Started kvdagent.service' in journal else 'missing'}, "
            f"{plug_ins(server)} plug-in(s)", started)
-    assert Facts.pid and "Started kvdagent.service" in journal, journal
+    assert pid and "Started kvdagent.service" in journal, journal
 
 
 def test_stop_and_kill(machine, server):
@@ -168,7 +167,6 @@ def test_stop_and_kill(machine, server):
            f"pid {pid} -> {new_pid}, catalog {'read' if reloaded else 'not read'} from file",
            started)
     assert new_pid and reloaded, trace(machine)
-    Facts.pid = new_pid
 
 
 def test_power_off_and_boot_again(machine, server):
@@ -200,7 +198,6 @@ def test_power_off_and_boot_again(machine, server):
     record("host name on 127.0.1.1", "reports the non-loopback address, WARNING",
            "WARNING traced" if warning in text else "no WARNING", started)
     assert warning in text, text[-3000:]
-    Facts.pid = pid
 
 
 def test_exec_monitor_in_the_container(machine, server):
@@ -272,7 +269,6 @@ def test_self_update_installs_a_newer_package(machine, server, packages, tmp_pat
     assert version == field_of(newer, "Version") != old_version, version
     assert new_pid and (audit.returncode, audit.stdout.strip()) == (0, ""), audit
     assert killed == [], killed
-    Facts.pid = new_pid
 
 
 def test_purge_leaves_only_what_the_readme_names(machine, server):
