@@ -14,8 +14,8 @@
 
 namespace slm {
 
-// Looked for under the agent root, like the facts below: a test root says for itself whether
-// systemd runs it, and a test on a systemd machine never reaches the machine's own manager.
+// These three are looked for under the agent root: a test root says for itself whether systemd
+// runs it, and a test run on a systemd machine never reaches the machine's own manager.
 constexpr char kSystemdDirectory[] = "/run/systemd/system";
 constexpr char kOwnCgroupFile[] = "/proc/self/cgroup";
 constexpr char kSystemdRunPath[] = "/usr/bin/systemd-run";
@@ -32,8 +32,8 @@ bool cgroupIsService(const char* cgroupText);
 // with systemd) and the own cgroup is a service's.
 bool runBySystemdService();
 
-// An argv that runs a program through systemd-run in a unit of its own and waits for it, so that
-// the wait status is the program's.
+// An argv that runs a program through systemd-run in a unit of its own and waits for it:
+// systemd-run then exits with the program's exit status (non-zero when the program was killed).
 struct InstallUnit {
   char unit[48];
   char systemdRun[kPathSize];
