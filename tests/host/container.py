@@ -7,6 +7,7 @@ whole-file-system watch inside it (the built-in exec monitor) never reaches the 
 every mount goes away with the namespace when nspawn ends, whatever happened. The container shares
 the host's network, so it reaches a server on the host's 127.0.0.1. nspawn stays a child of the
 test and is waited for; the cgroups made for it are removed at the end."""
+import ctypes
 import os
 import pathlib
 import shlex
@@ -15,6 +16,7 @@ import stat
 import subprocess
 import time
 
+PR_SET_PDEATHSIG = 1
 # How systemd in the container is asked to start and stop, and how long that may take.
 BOOT_SECONDS = 60
 POWEROFF_SECONDS = 60
@@ -70,7 +72,9 @@ class Container:
 
     # --- Booting and powering off ------------------------------------------------------------
 
-    def _enter_cgroups(self) -> None:
+    def _prepare_launcher(self) -> None:
+        # Should the test itself be killed, nspawn is told to stop the machine (SIGTERM halts it).
+        ctypes.CDLL(None, use_errno=True).prctl(PR_SET_PDEATHSIG, signal.SIGTERM)
         for path in self.cgroups:
             (path / "cgroup.procs").write_text(str(os.getpid()))
 
@@ -87,23 +91,21 @@ class Container:
             nspawn.insert(-1, "--system-call-filter=" + " ".join(allowed_calls))
         command = ["unshare", "--mount", "--propagation", "private", "sh", "-c", LAUNCHER,
                    "launcher", str(self.image), str(self.mountpoint), *nspawn]
-        preexec = None
         if pid1_is_systemd():
             command = ["systemd-run", "--scope", "--quiet", "--collect",
                        f"--unit={self.name}-{self.boots}", *command]
-        else:
-            if not self.cgroups:
-                for hierarchy in cgroup_hierarchies():
-                    (hierarchy / f"nspawn-{self.name}").mkdir(exist_ok=True)
-                    self.cgroups.append(hierarchy / f"nspawn-{self.name}")
-            preexec = self._enter_cgroups
+        elif not self.cgroups:
+            for hierarchy in cgroup_hierarchies():
+                (hierarchy / f"nspawn-{self.name}").mkdir(exist_ok=True)
+                self.cgroups.append(hierarchy / f"nspawn-{self.name}")
         run_dir = pathlib.Path("/run/systemd/nspawn")
         if self.made_run_dir is None and not run_dir.exists():
             self.made_run_dir = next(p for p in [run_dir, *run_dir.parents] if p.parent.exists())
         run_dir.mkdir(parents=True, exist_ok=True)
         log = open(self.work / f"boot{self.boots}.log", "wb")
         self.process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=log,
-                                        stderr=subprocess.STDOUT, preexec_fn=preexec)
+                                        stderr=subprocess.STDOUT,
+                                        preexec_fn=self._prepare_launcher)
         log.close()
         self.pid = wait_until(self._init_pid, BOOT_SECONDS) or 0
         assert self.pid, f"the container's systemd did not start: {self.boot_log()}"
