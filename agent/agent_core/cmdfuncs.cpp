@@ -28,6 +28,7 @@
 #include "agent_core/data/inventory_record.h"
 #include "agent_core/data/slm_time.h"
 #include "agent_core/install_command.h"
+#include "agent_core/install_unit.h"
 #include "agent_core/security_settings.h"
 #include "agent_core/site_manifest.h"
 #include "agent_core/slm_conf.h"
@@ -611,9 +612,30 @@ int slmAgentCheckForNewAgentCommand(Command*) {
   SLM_TRACE(0, "WARNING - Launching \"%s\" for new agent installation", commandLine);
   makeExecutable(directory, programName);
   SLM_TRACE(1, "Update command: %s", commandLine);
+  // Under systemd the installer gets a unit of its own, so that a restart of the agent's unit,
+  // which ends everything in the agent's cgroup, does not end the installer that asked for it. It
+  // is the same program with the same words; the legacy shell runs inside that unit.
+  const char* shellWords[] = {"/bin/sh", "-c", commandLine, nullptr};
+  const char* const* words = mode == SelfUpdateMode::kLegacy ? shellWords : command.argv;
+  InstallUnit unit;
+  bool inUnit = false;
+  if (!runBySystemdService()) {
+    SLM_TRACE(1, "OK - The installer runs as the agent's child: no systemd service runs the agent");
+  } else if (int built = buildInstallUnit(words, getNowWithOffset(0), &unit);
+             built != kInstallUnitReady) {
+    SLM_TRACE(0,
+              "WARNING - No unit of its own for the installer (%s, error %d): it runs as the "
+              "agent's child",
+              unit.systemdRun, built);
+  } else {
+    SLM_TRACE(1, "OK - The installer runs in unit %s through %s: systemd runs the agent", unit.unit,
+              unit.systemdRun);
+    inUnit = true;
+  }
   stopTrace();
-  int status = mode == SelfUpdateMode::kLegacy ? runShellCommand(commandLine)
-                                               : runProgram(command.argv, fixedEnvironment());
+  int status = inUnit                            ? runProgram(unit.argv, fixedEnvironment())
+               : mode == SelfUpdateMode::kLegacy ? runShellCommand(commandLine)
+                                                 : runProgram(command.argv, fixedEnvironment());
   // A restart finds the stopped trace still recorded and leaves it be; the trace goes on where it
   // stopped, so that what follows the installer is not lost.
   if (restartTrace() != 1) (void)resumeTrace();

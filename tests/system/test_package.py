@@ -154,7 +154,7 @@ def test_unit_starts_the_daemon_confined(installed):
     service = settings["Service"]
     expected = {
         "Type": "forking", "ExecStart": "/usr/sbin/kvdagent", "KillMode": "mixed",
-        "KillSignal": "SIGTERM", "Restart": "on-failure", "LimitNOFILE": "65536",
+        "KillSignal": "SIGTERM", "Restart": "always", "RestartSec": "30", "LimitNOFILE": "65536",
         "UMask": "0077", "NoNewPrivileges": "yes", "ProtectKernelTunables": "yes",
         "ProtectControlGroups": "yes", "ProtectHostname": "yes", "RestrictRealtime": "yes",
         "RestrictSUIDSGID": "yes", "LockPersonality": "yes", "SystemCallArchitectures": "native",
@@ -205,7 +205,10 @@ def test_example_configuration_keeps_the_daemon_from_starting(installed):
 def test_purge_removes_the_agent_and_what_it_wrote(installed):
     assert run_installed(installed, "-v").returncode == 0  # creates /var/qsam/log and cache
     assert (installed / "var/qsam/cache").is_dir()
+    # The record of the unit's links that the purge removes them by, kept below the root.
+    record = "var/lib/systemd/deb-systemd-helper-enabled/kvdagent.service.dsh-also"
+    assert (installed / record).is_file()
     dpkg(installed, "--purge", "kvdagent")
     for path in ("usr/sbin/kvdagent", "etc/kvdagent.ini", "var/qsam",
-                 "lib/systemd/system/kvdagent.service"):
+                 "lib/systemd/system/kvdagent.service", record):
         assert not (installed / path).exists(), path

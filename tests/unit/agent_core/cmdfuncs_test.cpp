@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <string>
@@ -268,16 +269,61 @@ class SelfUpdate : public Commands {
 TEST_F(SelfUpdate, VerifiedFilesAreInstalledAndTheAgentGoes) {
   const std::string installer = root_.file("tmp/qsam/install.sh");
   const std::string shell = "/bin/sh -c ";
+  const std::string inUnit =
+      root_.file("usr/bin/systemd-run") + " --unit=kvdagent-update-1700000000 --collect --wait ";
+  const char* service = "0::/system.slice/kvdagent.service\n";
+  const char* hybrid = "2:pids:/\n1:name=systemd:/system.slice/kvdagent.service\n0::/\n";
   struct Case {
     SelfUpdateMode mode;
+    const char* cgroup;  // null: the machine was not booted with systemd
+    bool systemdRun;
     std::vector<std::string> ran;
+    std::string way;
   } cases[] = {
-      {SelfUpdateMode::kLegacy, {shell + "chmod +x " + installer, shell + installer + " -q"}},
+      {SelfUpdateMode::kLegacy,
+       nullptr,
+       true,
+       {shell + "chmod +x " + installer, shell + installer + " -q"},
+       "runs as the agent's child"},
       // Without a shell: the mode is set directly, and the installer runs from its words.
-      {SelfUpdateMode::kStrict, {installer + " -q"}},
+      {SelfUpdateMode::kStrict, nullptr, true, {installer + " -q"}, "runs as the agent's child"},
+      // A service of systemd's: the same words in a unit of their own, the shell's too.
+      {SelfUpdateMode::kStrict,
+       service,
+       true,
+       {inUnit + installer + " -q"},
+       "OK - The installer runs in unit kvdagent-update-1700000000 through " +
+           root_.file("usr/bin/systemd-run")},
+      {SelfUpdateMode::kLegacy,
+       hybrid,
+       true,
+       {shell + "chmod +x " + installer, inUnit + shell + installer + " -q"},
+       "runs in unit"},
+      // Started by hand in a login session of a systemd machine.
+      {SelfUpdateMode::kStrict,
+       "0::/user.slice/user-0.slice/session-4.scope\n",
+       true,
+       {installer + " -q"},
+       "no systemd service runs the agent"},
+      {SelfUpdateMode::kStrict,
+       service,
+       false,
+       {installer + " -q"},
+       "WARNING - No unit of its own for the installer (" + root_.file("usr/bin/systemd-run") +
+           ", error 1)"},
   };
   for (const Case& c : cases) {
-    SCOPED_TRACE(static_cast<int>(c.mode));
+    SCOPED_TRACE(std::to_string(static_cast<int>(c.mode)) + (c.cgroup ? c.cgroup : " none"));
+    std::filesystem::remove_all(root_.file("run"));
+    std::filesystem::remove_all(root_.file("usr"));
+    if (c.cgroup != nullptr) {
+      root_.makeDirs("run/systemd/system");
+      root_.writeFile("proc/self/cgroup", c.cgroup);
+    }
+    if (c.systemdRun) {
+      root_.writeFile("usr/bin/systemd-run", "");
+      ASSERT_EQ(chmod(root_.file("usr/bin/systemd-run").c_str(), 0755), 0);
+    }
     SecuritySettings settings;
     settings.selfUpdate = c.mode;
     setSecuritySettings(settings);
@@ -288,6 +334,7 @@ TEST_F(SelfUpdate, VerifiedFilesAreInstalledAndTheAgentGoes) {
     std::ofstream(root_.file("served/pkg/kvdagent.sign"), std::ios::app) << "\n";
     EXPECT_EQ(slmAgentCheckForNewAgentCommand(&command_), kCommandFatal);
     EXPECT_TRUE(traced("Executed command: chmod +x " + installer + "; exit 0"));
+    EXPECT_TRUE(traced(c.way)) << trace();
     startTrace(root_.file("trace.log").c_str());
     EXPECT_EQ(shellLines, c.ran);
     EXPECT_EQ(test::readFile(root_.file("tmp/qsam/kvdagent")), std::string(3000, 'k'));

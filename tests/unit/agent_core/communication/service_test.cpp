@@ -1,8 +1,6 @@
 #include "agent_core/communication/service.h"
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netdb.h>
 
 #include <cstdint>
 #include <cstring>
@@ -13,7 +11,6 @@
 
 #include "agent_core/cache/agent.h"
 #include "agent_core/cache/srvs.h"
-#include "agent_core/communication/comm_init.h"
 #include "agent_core/communication/slm.h"
 #include "agent_core/support/linux/osinfo.h"
 #include "support/service_sandbox.h"
@@ -246,51 +243,6 @@ TEST(ServerHost, IsAHostNameOrAFourPartIpv4Address) {
   };
   for (const auto& [host, accepted] : cases)
     EXPECT_EQ(acceptableServerHost(host.c_str()), accepted) << host;
-}
-
-class CommInit : public NodeService {};
-
-TEST_F(CommInit, ChoosesAddressAndPlugInName) {
-  const struct {
-    const char* name;
-    std::vector<const char*> aliases, addresses;  // the aliases end in nullptr
-    const char *ip, *plugInName, *message;
-  } cases[] = {
-      {"box.lan", {nullptr}, {"127.0.0.2", "10.0.0.5"}, "10.0.0.5", "box.lan", "Use box.lan name"},
-      {"", {"", "alias1", nullptr}, {"127.0.1.1"}, "127.0.1.1", "alias1", "Use alias1 alias to"},
-      {"", {nullptr}, {"127.0.0.2", "127.0.1.1"}, "127.0.1.1", "me", "gethostname value me"},
-      {"", {nullptr}, {}, "127.0.0.1", "me", "No address found use a dummy name 127.0.0.1"},
-      {"", {"", nullptr}, {"127.0.0.3", "10.1.2.3", "10.0.0.9"}, "10.1.2.3", "10.1.2.3", "3 ip"},
-  };
-  for (const auto& c : cases) {
-    std::vector<in_addr> addresses(c.addresses.size());
-    std::vector<char*> addressList(addresses.size() + 1);  // ends in nullptr
-    for (size_t i = 0; i < addresses.size(); ++i) {
-      inet_aton(c.addresses[i], &addresses[i]);
-      addressList[i] = reinterpret_cast<char*>(&addresses[i]);
-    }
-    hostent entry{const_cast<char*>(c.name), const_cast<char**>(c.aliases.data()), AF_INET,
-                  sizeof(in_addr), addressList.data()};
-    PlugInIdentity identity{};
-    choosePlugInIdentity(entry, "me", &identity);
-    EXPECT_STREQ(identity.ipAddress, c.ip);
-    EXPECT_STREQ(identity.name, c.plugInName);
-    EXPECT_TRUE(traced(c.message)) << trace();
-  }
-}
-
-TEST_F(CommInit, StoresTheIdentity) {
-  // A dotted name resolves without asking any name server.
-  ASSERT_EQ(setAgentCharValue(kAgentHostName, "10.0.0.5"), kAgentValueOk);
-  ASSERT_EQ(initCommunication(), kCommOk);
-  char value[kAgentTextSize];
-  for (int id : {kAgentIpAddress, kAgentHostName}) {
-    ASSERT_EQ(getAgentCharValue(id, value, sizeof value), kAgentValueOk);
-    EXPECT_STREQ(value, "10.0.0.5") << id;
-  }
-  EXPECT_EQ(default_time_out, kDefaultServiceTimeoutSeconds);
-  EXPECT_EQ(closeCommunication(), kCommOk);
-  EXPECT_TRUE(traced("OK - Close Communication"));
 }
 
 }  // namespace
