@@ -15,7 +15,6 @@
 #include <sys/fanotify.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -31,13 +30,13 @@
 #include <string>
 #include <system_error>
 #include <thread>
-#include <unordered_map>
 #include <vector>
 
 #include "agent_core/support/bytes.h"
 #include "agent_core/support/trace.h"
 #include "agent_core/support/unix_common.h"
 #include "inventory/linux/searcher.h"
+#include "kernel/linux/agent/exec_paths.h"
 #include "kernel/linux/agent/mount_table.h"
 
 namespace slm {
@@ -51,8 +50,6 @@ constexpr int kMaxEventsPerRead = 256;
 // until it is named.
 constexpr int kDescriptorReserve = 16;
 constexpr int kMaxDirectoryMarks = 20000;
-// Mappings of other namespaces' mounts kept at most; the mount table's next change forgets them.
-constexpr size_t kMaxForeignMounts = 4096;
 // Reads of what the kernel still holds when the monitor closes, at most.
 constexpr int kMaxReadsAtClose = 64;
 
@@ -67,16 +64,6 @@ struct Start {
 size_t footprint(const Start& start) {
   return sizeof start + start.path.capacity();
 }
-
-// How a mount of another namespace shows its file system: its paths below `shown` are those below
-// `root` in the file system of `device`.
-struct ForeignMount {
-  dev_t device;
-  std::string shown;
-  std::string root;
-};
-
-enum class Naming { kNamed, kLayer, kUnnamed };
 
 // The queue, the counts and `current` are guarded by `mutex`; the reader adds, the device calls
 // take. The mount view and the marks are guarded by `marksMutex`, taken by the reader and by the
@@ -98,9 +85,7 @@ struct ExecMonitor {
   std::mutex marksMutex;
   bool enabled = false;
   std::string root;  // the agent root as the kernel names it, "" for "/"
-  std::vector<MountEntry> mounts;
-  std::unordered_map<int, size_t> mountById;
-  std::unordered_map<int, ForeignMount> foreign;
+  MountView view;
   int directoryMarks = 0;
 
   int group = -1;
@@ -115,11 +100,6 @@ std::atomic<int32_t> batchPauseMillis{kExecBatchPauseMillis};
 void closeDescriptor(int* fd) {
   if (*fd >= 0) close(*fd);
   *fd = -1;
-}
-
-std::string joinPath(const std::string& directory, std::string_view rest) {
-  if (directory == "/") return rest.empty() ? directory : std::string(rest);
-  return directory + std::string(rest);
 }
 
 // ---- Marks. The caller holds marksMutex.
@@ -184,12 +164,10 @@ int refreshMounts() {
   std::string text;
   if (monitor.mountTable < 0 || !readAll(monitor.mountTable, &text)) return 0;
   std::vector<MountEntry> mounts = parseMountTable(text);
-  std::unordered_map<int, size_t> byId;
-  for (size_t i = 0; i < mounts.size(); ++i) byId.emplace(mounts[i].id, i);
   int marked = 0;
   if (monitor.enabled) {
     for (const MountEntry& mount : mounts) {
-      if (monitor.mountById.count(mount.id) != 0) continue;
+      if (monitor.view.byId.count(mount.id) != 0) continue;
       if (markMount(mount)) {
         ++marked;
         SLM_TRACE(2, " - Exec monitor watching the new mount %s (%s)", mount.mountPoint.c_str(),
@@ -197,142 +175,35 @@ int refreshMounts() {
       }
     }
   }
-  monitor.mounts = std::move(mounts);
-  monitor.mountById = std::move(byId);
-  // A mount id may come back for another mount once its own has gone.
-  monitor.foreign.clear();
+  setMounts(&monitor.view, std::move(mounts));
   return marked;
 }
 
-// ---- Naming. The caller holds marksMutex.
+enum class Naming { kNamed, kLayer, kUnnamed };
 
-dev_t deviceOf(const struct statx& status) {
-  return makedev(status.stx_dev_major, status.stx_dev_minor);
-}
-
-// Whether `path` is the file of `status` (same device and inode), without following a last link.
-bool sameFile(const std::string& path, const struct statx& status) {
-  struct stat other;
-  return lstat(path.c_str(), &other) == 0 && other.st_dev == deviceOf(status) &&
-         other.st_ino == status.stx_ino;
-}
-
-// The path of the descriptor's file in the agent's namespace, as the kernel writes it.
-bool descriptorPath(int fd, const struct statx& status, std::string* path) {
-  char link[64];
-  snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
-  char target[PATH_MAX];
-  ssize_t length = readlink(link, target, sizeof target - 1);
-  if (length <= 0) return false;
-  path->assign(target, static_cast<size_t>(length));
-  // A file removed since it was started keeps its old path, marked so.
-  static constexpr std::string_view kDeleted = " (deleted)";
-  if (status.stx_nlink == 0 && path->size() > kDeleted.size() &&
-      path->compare(path->size() - kDeleted.size(), kDeleted.size(), kDeleted) == 0) {
-    path->resize(path->size() - kDeleted.size());
-  }
-  return !path->empty() && (*path)[0] == '/';
-}
-
-// A path of the agent's namespace for the file of `status`, which lies at `inFileSystem` in its
-// file system: below one of the agent's mounts of that file system that shows it.
-bool agentNamespacePath(const std::string& inFileSystem, const struct statx& status,
-                        std::string* path) {
-  const dev_t device = deviceOf(status);
-  for (const MountEntry& mount : monitor.mounts) {
-    if (mount.device != device || !pathWithin(inFileSystem, mount.root)) continue;
-    std::string candidate = joinPath(mount.mountPoint, pathBelow(inFileSystem, mount.root));
-    if (sameFile(candidate, status)) {
-      *path = std::move(candidate);
-      return true;
-    }
-  }
-  return false;
-}
-
-// An overlay opens the file of a layer below it for every file started from it, and that open is
-// seen too, through a private mount of the layer that belongs to no namespace: `shown` is then
-// the file's path below one of the layer directories. True for such a file.
-bool seenThroughLayer(const std::string& shown, const struct statx& status) {
-  for (const MountEntry& mount : monitor.mounts) {
-    for (const std::string& layer : mount.layers) {
-      if (sameFile(joinPath(layer, shown), status)) return true;
-    }
-  }
-  return false;
-}
-
-// The path of a file seen through a mount of another namespace (a container's), which `shown`
-// gives as that namespace sees it. The mapping learnt first, then the guess that the mount shows
-// its file system's root at one of the directories above the file (a container's root is one),
-// then the mount as the starting process's own table gives it. True with `path` set.
-bool foreignPath(int mountId, pid_t pid, const std::string& shown, const struct statx& status,
-                 std::string* path) {
-  const dev_t device = deviceOf(status);
-  auto known = monitor.foreign.find(mountId);
-  if (known != monitor.foreign.end() && known->second.device == device &&
-      pathWithin(shown, known->second.shown) &&
-      agentNamespacePath(joinPath(known->second.root, pathBelow(shown, known->second.shown)),
-                         status, path)) {
-    return true;
-  }
-  auto learn = [&](std::string shownAt, std::string root) {
-    if (monitor.foreign.size() >= kMaxForeignMounts) monitor.foreign.clear();
-    monitor.foreign[mountId] = ForeignMount{device, std::move(shownAt), std::move(root)};
-  };
-  for (size_t slash = 0; slash != std::string::npos; slash = shown.find('/', slash + 1)) {
-    const std::string above = slash == 0 ? "/" : shown.substr(0, slash);
-    if (agentNamespacePath(shown.substr(slash), status, path)) {
-      learn(above, "/");
-      return true;
-    }
-  }
-  char table[64];
-  snprintf(table, sizeof table, "/proc/%d/mountinfo", static_cast<int>(pid));
-  int fd = open(table, O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return false;
-  std::string text;
-  const bool read = readAll(fd, &text);
-  close(fd);
-  if (!read) return false;
-  for (const MountEntry& mount : parseMountTable(text)) {
-    if (mount.id != mountId || !pathWithin(shown, mount.mountPoint)) continue;
-    if (agentNamespacePath(joinPath(mount.root, pathBelow(shown, mount.mountPoint)), status,
-                           path)) {
-      learn(mount.mountPoint, mount.root);
-      return true;
-    }
-  }
-  return false;
-}
-
-// Names the file of a notice's descriptor: its path from the agent root into `start`.
+// Names the file of a notice's descriptor: its path from the agent root and its status into
+// `start`. The caller holds marksMutex.
 Naming nameStart(int fd, pid_t pid, bool* refreshed, Start* start) {
   struct statx status;
   if (statx(fd, "", AT_EMPTY_PATH, STATX_BASIC_STATS | STATX_MNT_ID, &status) != 0) {
     return Naming::kUnnamed;
   }
-  std::string shown;
-  if (!descriptorPath(fd, status, &shown)) return Naming::kUnnamed;
-  const int mountId = static_cast<int>(status.stx_mnt_id);
-  // Without the mount's id (kernels before 5.8) every file is taken as seen through the agent's.
-  bool ours = (status.stx_mask & STATX_MNT_ID) == 0 || monitor.mountById.count(mountId) != 0;
-  if (!ours && !*refreshed && monitor.foreign.count(mountId) == 0) {
-    // A mount made since the table was last read.
+  if (!knownMount(monitor.view, status) && !*refreshed) {
+    // Perhaps a mount made since the table was last read.
     *refreshed = true;
     (void)refreshMounts();
-    ours = monitor.mountById.count(mountId) != 0;
   }
   std::string path;
-  if (ours) {
-    path = std::move(shown);
-  } else if (seenThroughLayer(shown, status)) {
-    // Its overlay's own notice names the start: the layer's private mount is left out from now.
-    (void)fanotify_mark(monitor.group, FAN_MARK_ADD | FAN_MARK_MOUNT | FAN_MARK_IGNORED_MASK,
-                        FAN_OPEN_EXEC, fd, nullptr);
-    return Naming::kLayer;
-  } else if (!foreignPath(mountId, pid, shown, status, &path)) {
-    return Naming::kUnnamed;
+  switch (nameExecFile(&monitor.view, fd, pid, status, &path)) {
+    case ExecFileNaming::kNamed:
+      break;
+    case ExecFileNaming::kLayer:
+      // Its overlay's own notice names the start: the layer's private mount is left out from now.
+      (void)fanotify_mark(monitor.group, FAN_MARK_ADD | FAN_MARK_MOUNT | FAN_MARK_IGNORED_MASK,
+                          FAN_OPEN_EXEC, fd, nullptr);
+      return Naming::kLayer;
+    case ExecFileNaming::kUnnamed:
+      return Naming::kUnnamed;
   }
   if (!monitor.root.empty()) {
     if (!pathWithin(path, monitor.root) || path.size() == monitor.root.size()) {
@@ -341,16 +212,7 @@ Naming nameStart(int fd, pid_t pid, bool* refreshed, Start* start) {
     path.erase(0, monitor.root.size());
   }
   start->path = std::move(path);
-  start->status = {};
-  start->status.st_dev = deviceOf(status);
-  start->status.st_ino = status.stx_ino;
-  start->status.st_mode = status.stx_mode;
-  start->status.st_nlink = status.stx_nlink;
-  start->status.st_uid = status.stx_uid;
-  start->status.st_gid = status.stx_gid;
-  start->status.st_size = static_cast<off_t>(status.stx_size);
-  start->status.st_mtim.tv_sec = status.stx_mtime.tv_sec;
-  start->status.st_mtim.tv_nsec = status.stx_mtime.tv_nsec;
+  start->status = statOf(status);
   start->pid = pid;
   return Naming::kNamed;
 }
@@ -572,7 +434,7 @@ int enableMonitor() {
   monitor.directoryMarks = 0;
   int marked = 0;
   if (monitor.root.empty()) {
-    for (const MountEntry& mount : monitor.mounts) {
+    for (const MountEntry& mount : monitor.view.mounts) {
       if (markMount(mount)) ++marked;
     }
     SLM_TRACE(1, "OK - Exec monitor watching %d file systems", marked);
@@ -681,9 +543,7 @@ int closeMonitor(int) {
   {
     std::lock_guard<std::mutex> lock(monitor.marksMutex);
     monitor.enabled = false;
-    monitor.mounts.clear();
-    monitor.mountById.clear();
-    monitor.foreign.clear();
+    setMounts(&monitor.view, {});
   }
   closeDescriptor(&monitor.mountTable);
   closeDescriptor(&monitor.wake);
