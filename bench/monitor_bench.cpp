@@ -282,9 +282,16 @@ void BM_WatchedStart(benchmark::State& state) {
         state.SkipWithError("the monitor thread did not start");
         return;
       }
-      // The first start waits until the monitor has its marks.
+      // Starts until the monitor has its marks, each given a second to be delivered, so that
+      // none is still on its way when the counting begins.
       const uint64_t initial = execMonitorCounts().delivered;
-      while (execMonitorCounts().delivered == initial) (void)startTime(program);
+      for (bool delivered = false; !delivered;) {
+        (void)startTime(program);
+        const Clock::time_point bound = Clock::now() + std::chrono::seconds(1);
+        while (!(delivered = execMonitorCounts().delivered != initial) && Clock::now() < bound) {
+          std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+      }
       const ExecMonitorCounts before = execMonitorCounts();
       const double cpuBefore = otherThreadsCpuMicros();
       std::vector<double> watched;

@@ -90,7 +90,8 @@ struct ExecMonitor {
 
   int group = -1;
   int wake = -1;
-  int mountTable = -1;  // the agent's /proc/self/mountinfo, polled for changes
+  int mountTable = -1;   // the agent's /proc/self/mountinfo, polled for changes
+  int descriptors = -1;  // the agent's /proc/self/fd, where the notices' files are named
   std::thread reader;
 };
 
@@ -194,7 +195,7 @@ Naming nameStart(int fd, pid_t pid, bool* refreshed, Start* start) {
     (void)refreshMounts();
   }
   std::string path;
-  switch (nameExecFile(&monitor.view, fd, pid, status, &path)) {
+  switch (nameExecFile(&monitor.view, monitor.descriptors, fd, pid, status, &path)) {
     case ExecFileNaming::kNamed:
       break;
     case ExecFileNaming::kLayer:
@@ -395,6 +396,7 @@ int openMonitor(const char*, int) {
   monitor.wake = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
   // Without the mount table, mounts made later go unmarked and other namespaces' files unnamed.
   monitor.mountTable = open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC);
+  monitor.descriptors = open("/proc/self/fd", O_PATH | O_DIRECTORY | O_CLOEXEC);
   {
     std::lock_guard<std::mutex> lock(monitor.marksMutex);
     (void)refreshMounts();
@@ -413,6 +415,7 @@ int openMonitor(const char*, int) {
     }
   }
   int saved = errno;
+  closeDescriptor(&monitor.descriptors);
   closeDescriptor(&monitor.mountTable);
   closeDescriptor(&monitor.wake);
   closeDescriptor(&monitor.group);
@@ -437,11 +440,11 @@ int enableMonitor() {
     for (const MountEntry& mount : monitor.view.mounts) {
       if (markMount(mount)) ++marked;
     }
-    SLM_TRACE(1, "OK - Exec monitor watching %d file systems", marked);
+    SLM_TRACE(0, "OK - Exec monitor watching %d file systems", marked);
   } else {
     markDirectoriesBelow(monitor.root);
     marked = monitor.directoryMarks;
-    SLM_TRACE(1, "OK - Exec monitor watching %d directories below %s", marked,
+    SLM_TRACE(0, "OK - Exec monitor watching %d directories below %s", marked,
               monitor.root.c_str());
   }
   if (marked > 0) return 0;
@@ -545,10 +548,11 @@ int closeMonitor(int) {
     monitor.enabled = false;
     setMounts(&monitor.view, {});
   }
+  closeDescriptor(&monitor.descriptors);
   closeDescriptor(&monitor.mountTable);
   closeDescriptor(&monitor.wake);
   closeDescriptor(&monitor.group);
-  SLM_TRACE(1,
+  SLM_TRACE(0,
             "OK - Exec monitor closed: %llu starts seen, %llu delivered, %llu lost (%llu queue "
             "overflows, %llu without a descriptor, %llu beyond the memory bound), %llu not named, "
             "%llu seen through a lower layer, %llu reads",

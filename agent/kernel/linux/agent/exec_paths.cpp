@@ -46,11 +46,12 @@ bool readText(const char* path, std::string* text) {
 }
 
 // The path of the descriptor's file as the kernel writes it for the agent.
-bool descriptorPath(int fd, const struct statx& status, std::string* path) {
+bool descriptorPath(int descriptors, int fd, const struct statx& status, std::string* path) {
   char link[64];
-  snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
+  snprintf(link, sizeof link, descriptors >= 0 ? "%d" : "/proc/self/fd/%d", fd);
   char target[PATH_MAX];
-  ssize_t length = readlink(link, target, sizeof target - 1);
+  ssize_t length =
+      readlinkat(descriptors >= 0 ? descriptors : AT_FDCWD, link, target, sizeof target - 1);
   if (length <= 0) return false;
   path->assign(target, static_cast<size_t>(length));
   // A file removed since it was started keeps its old path, marked so.
@@ -144,16 +145,20 @@ bool knownMount(const MountView& view, const struct statx& status) {
          view.foreign.count(id) != 0;
 }
 
-ExecFileNaming nameExecFile(MountView* view, int fd, pid_t pid, const struct statx& status,
-                            std::string* path) {
+ExecFileNaming nameExecFile(MountView* view, int descriptors, int fd, pid_t pid,
+                            const struct statx& status, std::string* path) {
   std::string shown;
-  if (!descriptorPath(fd, status, &shown)) return ExecFileNaming::kUnnamed;
+  if (!descriptorPath(descriptors, fd, status, &shown)) return ExecFileNaming::kUnnamed;
   const int mountId = static_cast<int>(status.stx_mnt_id);
   if ((status.stx_mask & STATX_MNT_ID) == 0 || view->byId.count(mountId) != 0) {
     *path = std::move(shown);
     return ExecFileNaming::kNamed;
   }
-  if (seenThroughLayer(*view, shown, status)) return ExecFileNaming::kLayer;
+  // A mount already mapped is another namespace's, never a layer's: the layers need not be
+  // looked at again for every start seen through it.
+  if (view->foreign.count(mountId) == 0 && seenThroughLayer(*view, shown, status)) {
+    return ExecFileNaming::kLayer;
+  }
   return foreignPath(view, mountId, pid, shown, status, path) ? ExecFileNaming::kNamed
                                                               : ExecFileNaming::kUnnamed;
 }

@@ -42,11 +42,13 @@ bool knownMount(const MountView& view, const struct statx& status);
 
 enum class ExecFileNaming { kNamed, kLayer, kUnnamed };
 
-// Names the file of descriptor `fd`, whose status is `status` and which process `pid` started.
-// kNamed with `path` set to its absolute path in the agent's namespace; kLayer when it was seen
-// through a layer below an overlay; kUnnamed when it has no path the agent can give.
-ExecFileNaming nameExecFile(MountView* view, int fd, pid_t pid, const struct statx& status,
-                            std::string* path);
+// Names the file of descriptor `fd`, whose status is `status` and which process `pid` started;
+// `descriptors` is the agent's /proc/self/fd directory held open (a link below it is read more
+// cheaply than one found from the top), or -1. kNamed with `path` set to its absolute path in the
+// agent's namespace; kLayer when it was seen through a layer below an overlay; kUnnamed when it
+// has no path the agent can give.
+ExecFileNaming nameExecFile(MountView* view, int descriptors, int fd, pid_t pid,
+                            const struct statx& status, std::string* path);
 
 // A stat record of what `status` holds.
 struct stat statOf(const struct statx& status);
