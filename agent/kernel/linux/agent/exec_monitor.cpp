@@ -50,6 +50,7 @@ constexpr int kMaxEventsPerRead = 256;
 // until it is named.
 constexpr int kDescriptorReserve = 16;
 constexpr int kMaxDirectoryMarks = 20000;
+constexpr int kReaderNice = 19;
 // Reads of what the kernel still holds when the monitor closes, at most.
 constexpr int kMaxReadsAtClose = 64;
 
@@ -352,6 +353,9 @@ bool readBatch(struct fanotify_event_metadata* buffer) {
 // it; after a read that found the queue emptied it pauses, so that the starts meanwhile come in
 // one read.
 void readEvents() {
+  // The reader yields the processor to any program that wants it: its work can wait, a start
+  // cannot.
+  (void)setpriority(PRIO_PROCESS, static_cast<id_t>(gettid()), kReaderNice);
   std::unique_ptr<struct fanotify_event_metadata[]> buffer(
       new (std::nothrow) struct fanotify_event_metadata[kMaxEventsPerRead]);
   if (buffer == nullptr) return;
