@@ -444,11 +444,11 @@ int enableMonitor() {
     for (const MountEntry& mount : monitor.view.mounts) {
       if (markMount(mount)) ++marked;
     }
-    SLM_TRACE(0, "OK - Exec monitor watching %d file systems", marked);
+    SLM_TRACE(1, "OK - Exec monitor watching %d file systems", marked);
   } else {
     markDirectoriesBelow(monitor.root);
     marked = monitor.directoryMarks;
-    SLM_TRACE(0, "OK - Exec monitor watching %d directories below %s", marked,
+    SLM_TRACE(1, "OK - Exec monitor watching %d directories below %s", marked,
               monitor.root.c_str());
   }
   if (marked > 0) return 0;
@@ -556,7 +556,7 @@ int closeMonitor(int) {
   closeDescriptor(&monitor.mountTable);
   closeDescriptor(&monitor.wake);
   closeDescriptor(&monitor.group);
-  SLM_TRACE(0,
+  SLM_TRACE(1,
             "OK - Exec monitor closed: %llu starts seen, %llu delivered, %llu lost (%llu queue "
             "overflows, %llu without a descriptor, %llu beyond the memory bound), %llu not named, "
             "%llu seen through a lower layer, %llu reads",
