@@ -226,8 +226,7 @@ def test_file_systems_mounted_later_are_watched_and_a_container_start_is_named_o
         if not mount("-t", "overlay", "overlay", "-o", f"lowerdir={lower},upperdir={layers}/upper,"
                      f"workdir={layers}/work", str(overlay)):
             pytest.skip("overlayfs cannot be mounted here")
-        mounted = time.monotonic()
-        time.sleep(max(0.0, mounted + 1.0 - time.monotonic()))
+        time.sleep(1.0)
         assert subprocess.run([str(overlay / "bin/prog")], timeout=10).returncode == 0
         container = (f'mount --bind "{overlay}" "{overlay}" && cd "{overlay}" && mkdir -p old && '
                      'pivot_root . old && exec /bin/prog')
@@ -260,6 +259,7 @@ def test_a_daemon_short_of_descriptors_fails_no_start_and_loses_none(agent_root,
     held = os.open(gate, os.O_RDWR)
     shells = [subprocess.Popen(["/bin/sh", "-c", 'read line < "$1"; exec "$0"', program, gate])
               for _ in range(200)]
+    # A moment for them to reach the pipe; one that comes late only starts a little later.
     time.sleep(1)
     os.write(held, b"\n" * len(shells))
     codes = [shell.wait(timeout=60) for shell in shells]
