@@ -4,10 +4,12 @@
 // acknowledged without a status or a lookup. Each benchmark runs the real monitor loop on its own
 // thread over a batch of events and reports the 50th and 99th percentile of the time between one
 // read and the next. The larger catalogs run only with SLM_BENCH_FULL=1, and so do real program
-// starts watched through the built-in exec monitor, which give the latency a start gains.
+// starts watched through the built-in exec monitor, which give the latency a start gains for each
+// of the reader's pauses, and the monitor's CPU time per start.
 #include <benchmark/benchmark.h>
 #include <errno.h>
 #include <spawn.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 
@@ -187,7 +189,8 @@ void BM_MonitorEvent(benchmark::State& state, bool lookups) {
   state.SetItemsProcessed(static_cast<int64_t>(micros.size()));
 }
 
-constexpr int kExecs = 2000;
+constexpr int kExecs = 4000;
+constexpr int kPausesMillis[] = {0, 20, 50, 100, 200};
 
 // The time of one start of `program` until it has ended, in microseconds.
 double startTime(const std::string& program) {
@@ -213,19 +216,33 @@ double at(std::vector<double> values, double p) {
   return values[static_cast<size_t>(p * (values.size() - 1))];
 }
 
+// CPU time of the process's threads other than the calling one, in microseconds: the monitor's,
+// as the starts themselves run in children.
+double otherThreadsCpuMicros() {
+  struct rusage self, thread;
+  getrusage(RUSAGE_SELF, &self);
+  getrusage(RUSAGE_THREAD, &thread);
+  auto micros = [](const struct timeval& t) { return t.tv_sec * 1e6 + t.tv_usec; };
+  return micros(self.ru_utime) + micros(self.ru_stime) - micros(thread.ru_utime) -
+         micros(thread.ru_stime);
+}
+
 // Starts of a catalogued program in the sandbox watched by the agent's monitor thread on the
-// built-in exec monitor, beside starts of an identical copy outside the sandbox, which nothing
-// watches. The two alternate start by start, so that whatever drifts on the machine while the
-// benchmark runs weighs on both alike. The counters, all in microseconds:
-//   none_p50/p99       the sandbox's program started before the monitor runs at all (reference)
-//   unwatched_p50/p99  the copy outside the sandbox, started while the monitor runs
-//   watched_p50/p99    the sandbox's program, started while the monitor runs
-//   added_p50/p99      watched minus unwatched, percentile by percentile
-//   paired_p50/p99     the percentiles of the difference within each pair of neighbouring starts
-// and by_watchdog, the starts the watchdog let go because the monitor did not answer in time.
+// built-in exec monitor, beside starts of two identical copies outside the sandbox, which nothing
+// watches, for each of the reader's pauses in turn. The three take turns start by start, in an
+// order that rotates, so that whatever drifts on the machine while the benchmark runs weighs on all
+// alike. The counters, all in microseconds, those after the first two for each pause P:
+//   none_p50/p99           the sandbox's program started before the monitor runs at all
+//   P_unwatched_p50/p99    the first copy outside the sandbox, started while the monitor runs
+//   P_watched_p50/p99      the sandbox's program, started while the monitor runs
+//   P_added_p50/p99        watched minus unwatched, percentile by percentile
+//   P_noise_p50/p99        the second unwatched copy minus the first: what the machine's own
+//                          noise makes of a difference where there is none
+//   P_cpu_per_start        the monitor's CPU time (reader and monitor thread) per watched start
+// and P_reads, the reads of the kernel's queue for the whole run, and P_lost, the starts lost.
 void BM_WatchedStart(benchmark::State& state) {
   if (!execMonitorSupported()) {
-    state.SkipWithError("exec permission events are not available (root and fanotify needed)");
+    state.SkipWithError("exec notifications are not available (root and fanotify needed)");
     return;
   }
   MonitorWorld world(state.range(0));
@@ -239,6 +256,11 @@ void BM_WatchedStart(benchmark::State& state) {
   const std::string copy = outside.file("usr/bin/program0");
   std::filesystem::copy_file(program, copy);
   chmod(copy.c_str(), 0755);
+  test::TempDir elsewhere;
+  elsewhere.makeDirs("usr/bin");
+  const std::string control = elsewhere.file("usr/bin/program0");
+  std::filesystem::copy_file(program, control);
+  chmod(control.c_str(), 0755);
   // The catalog knows the program by its new size.
   FileRecord known{};
   strcpy(known.name, "program0");
@@ -252,53 +274,77 @@ void BM_WatchedStart(benchmark::State& state) {
 
   for (auto _ : state) {
     std::vector<double> none = startTimes(program);
-    setDeviceCalls(&builtinExecMonitorCalls());
-    (void)setSlmDeviceFileName("built-in");
-    (void)setAgentIntValue(kAgentDriverStatus, 0);
-    mon_thread = createSlmThread(slmAgentInitMonitor, slmAgentMonitorFunction, slmAgentStopMonitor,
-                                 slmAgentCleanMonitor);
-    if (mon_thread == nullptr || startSlmThread(mon_thread) != kSlmThreadOk) {
-      state.SkipWithError("the monitor thread did not start");
-      break;
-    }
-    // The first start waits until the monitor has its marks.
-    while (execMonitorCounts().answered == 0) (void)startTime(program);
-    const ExecMonitorCounts before = execMonitorCounts();
-    std::vector<double> watched;
-    std::vector<double> unwatched;
-    std::vector<double> paired;
-    for (int i = 0; i < kExecs; ++i) {
-      // Which of the two goes first changes every pair: the second of two starts in a row may
-      // find the machine warmer.
-      double first = startTime(i % 2 == 0 ? program : copy);
-      double second = startTime(i % 2 == 0 ? copy : program);
-      watched.push_back(i % 2 == 0 ? first : second);
-      unwatched.push_back(i % 2 == 0 ? second : first);
-      paired.push_back(watched.back() - unwatched.back());
-    }
-    const ExecMonitorCounts after = execMonitorCounts();
-    stopSlmThread(mon_thread);
-    cleanSlmThread(mon_thread);
-    mon_thread = nullptr;
-    setDeviceCalls(nullptr);
-    cleanSlmDeviceFileName();
-    const uint64_t events = (after.delivered - before.delivered) + (after.own - before.own) +
-                            (after.overflow - before.overflow);
-    if (events != static_cast<uint64_t>(kExecs)) {
-      state.SkipWithError("the monitor saw other starts than the watched program's");
-      break;
-    }
     state.counters["none_p50_us"] = at(none, 0.50);
     state.counters["none_p99_us"] = at(none, 0.99);
-    state.counters["unwatched_p50_us"] = at(unwatched, 0.50);
-    state.counters["unwatched_p99_us"] = at(unwatched, 0.99);
-    state.counters["watched_p50_us"] = at(watched, 0.50);
-    state.counters["watched_p99_us"] = at(watched, 0.99);
-    state.counters["added_p50_us"] = at(watched, 0.50) - at(unwatched, 0.50);
-    state.counters["added_p99_us"] = at(watched, 0.99) - at(unwatched, 0.99);
-    state.counters["paired_p50_us"] = at(paired, 0.50);
-    state.counters["paired_p99_us"] = at(paired, 0.99);
-    state.counters["by_watchdog"] = static_cast<double>(after.byWatchdog);
+    for (int pause : kPausesMillis) {
+      setExecBatchPauseMillis(pause);
+      setDeviceCalls(&builtinExecMonitorCalls());
+      (void)setSlmDeviceFileName("built-in");
+      (void)setAgentIntValue(kAgentDriverStatus, 0);
+      mon_thread = createSlmThread(slmAgentInitMonitor, slmAgentMonitorFunction,
+                                   slmAgentStopMonitor, slmAgentCleanMonitor);
+      if (mon_thread == nullptr || startSlmThread(mon_thread) != kSlmThreadOk) {
+        state.SkipWithError("the monitor thread did not start");
+        return;
+      }
+      // Starts until the monitor has its marks, each given a second to be delivered, so that
+      // none is still on its way when the counting begins.
+      const uint64_t initial = execMonitorCounts().delivered;
+      for (bool delivered = false; !delivered;) {
+        (void)startTime(program);
+        const Clock::time_point bound = Clock::now() + std::chrono::seconds(1);
+        while (!(delivered = execMonitorCounts().delivered != initial) && Clock::now() < bound) {
+          std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+      }
+      const ExecMonitorCounts before = execMonitorCounts();
+      const double cpuBefore = otherThreadsCpuMicros();
+      const std::string* programs[] = {&program, &copy, &control};
+      std::vector<double> times[3];
+      for (int i = 0; i < kExecs; ++i) {
+        // The one that goes first changes every round: the later starts of a round may find the
+        // machine warmer.
+        for (int turn = 0; turn < 3; ++turn) {
+          const int which = (i + turn) % 3;
+          times[which].push_back(startTime(*programs[which]));
+        }
+      }
+      const std::vector<double>& watched = times[0];
+      const std::vector<double>& unwatched = times[1];
+      const std::vector<double>& unwatchedAgain = times[2];
+      // The monitor is done once it has read every start.
+      while (execMonitorCounts().delivered - before.delivered +
+                 (execEventsLost(execMonitorCounts()) - execEventsLost(before)) <
+             static_cast<uint64_t>(kExecs)) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+      }
+      const double cpu = otherThreadsCpuMicros() - cpuBefore;
+      const ExecMonitorCounts after = execMonitorCounts();
+      stopSlmThread(mon_thread);
+      cleanSlmThread(mon_thread);
+      mon_thread = nullptr;
+      setDeviceCalls(nullptr);
+      cleanSlmDeviceFileName();
+      if (after.seen - before.seen + execEventsLost(after) - execEventsLost(before) !=
+          static_cast<uint64_t>(kExecs)) {
+        state.SkipWithError("the monitor saw other starts than the watched program's");
+        return;
+      }
+      const std::string p = std::to_string(pause) + "ms_";
+      state.counters[p + "unwatched_p50_us"] = at(unwatched, 0.50);
+      state.counters[p + "unwatched_p99_us"] = at(unwatched, 0.99);
+      state.counters[p + "watched_p50_us"] = at(watched, 0.50);
+      state.counters[p + "watched_p99_us"] = at(watched, 0.99);
+      state.counters[p + "added_p50_us"] = at(watched, 0.50) - at(unwatched, 0.50);
+      state.counters[p + "added_p99_us"] = at(watched, 0.99) - at(unwatched, 0.99);
+      state.counters[p + "noise_p50_us"] = at(unwatchedAgain, 0.50) - at(unwatched, 0.50);
+      state.counters[p + "noise_p99_us"] = at(unwatchedAgain, 0.99) - at(unwatched, 0.99);
+      state.counters[p + "cpu_per_start_us"] = cpu / kExecs;
+      state.counters[p + "reads"] = static_cast<double>(after.reads - before.reads);
+      state.counters[p + "lost"] =
+          static_cast<double>(execEventsLost(after) - execEventsLost(before));
+    }
+    setExecBatchPauseMillis(-1);
   }
 }
 

@@ -299,7 +299,9 @@ int getUtf8basename(const char* path, char* name, size_t size) {
 int kernelExtFillFileInfo(const char* path, FileRecord* file, char* dir, size_t dirSize) {
   char resolved[kPathSize];
   struct stat status;
-  if (stat(rootedPath(path, resolved, sizeof resolved), &status) != 0) {
+  // The device's own look at the started file comes first: it holds after the file has gone.
+  if (statEventFile(path, &status) != 0 &&
+      stat(rootedPath(path, resolved, sizeof resolved), &status) != 0) {
     SLM_TRACE(0, "ERROR - Impossible to obtain file stats about %s", path);
     return kFileInfoMissing;
   }

@@ -46,7 +46,8 @@ int checkIfTempDir(const char* dir);
 constexpr int kFileInfoFilled = 0;
 constexpr int kFileInfoMissing = 1;
 // Fills the name (UTF-8), size and modification time of the executable at `path` (resolved under
-// the agent root) into `file`, and its directory (UTF-8) into `dir` of `dirSize` bytes.
+// the agent root) into `file`, and its directory (UTF-8) into `dir` of `dirSize` bytes. The size
+// and time are the device's when it kept the status of the event's file, else the file's now.
 // kFileInfoMissing when the path cannot be examined or names a directory.
 int kernelExtFillFileInfo(const char* path, FileRecord* file, char* dir, size_t dirSize);
 // The last component of `path`, converted to UTF-8 into `name` (`size` bytes, terminated). 0, or

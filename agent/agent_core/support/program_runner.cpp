@@ -1,6 +1,5 @@
 // The program runner: posix_spawn in a child of the agent, awaited, with every descriptor above
-// standard error closed and the signal mask and dispositions of a fresh process, and the child
-// known to the agent while it runs.
+// standard error closed and the signal mask and dispositions of a fresh process.
 #include "agent_core/support/program_runner.h"
 
 #include <errno.h>
@@ -21,8 +20,6 @@ namespace {
 constexpr char kShell[] = "/bin/sh";
 constexpr char kFixedPath[] = "PATH=/usr/sbin:/usr/bin:/sbin:/bin";
 
-std::atomic<int> childrenRunning{0};
-
 int spawnProgram(const char* const* argv, const char* const* environment) {
   posix_spawn_file_actions_t actions;
   posix_spawnattr_t attributes;
@@ -40,7 +37,6 @@ int spawnProgram(const char* const* argv, const char* const* environment) {
       posix_spawnattr_setsigmask(&attributes, &none) == 0 &&
       posix_spawnattr_setsigdefault(&attributes, &all) == 0 &&
       posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF) == 0;
-  ++childrenRunning;
   pid_t child = -1;
   int status = -1;
   if (prepared && posix_spawn(&child, argv[0], &actions, &attributes, const_cast<char**>(argv),
@@ -48,7 +44,6 @@ int spawnProgram(const char* const* argv, const char* const* environment) {
     while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
     }
   }
-  --childrenRunning;
   posix_spawnattr_destroy(&attributes);
   posix_spawn_file_actions_destroy(&actions);
   return status;
@@ -80,10 +75,6 @@ const char* const* fixedEnvironment() {
 int runShellCommand(const char* commandLine) {
   const char* argv[] = {kShell, "-c", commandLine, nullptr};
   return runProgram(argv, environ);
-}
-
-bool agentShellRunning() {
-  return childrenRunning.load() > 0;
 }
 
 }  // namespace slm

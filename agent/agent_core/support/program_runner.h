@@ -1,8 +1,6 @@
 // The one way the agent starts another program (the self-update's installer, the legacy shell,
 // the kernel module loader): from an argv, through a replaceable runner, the real spawn unless a
-// test installs another. A program started this way inherits only descriptors 0 to 2. The agent
-// knows while such a child runs, so that the built-in exec monitor lets it and what it starts run
-// without waiting for the agent.
+// test installs another. A program started this way inherits only descriptors 0 to 2.
 #pragma once
 
 #include <sys/types.h>
@@ -25,8 +23,5 @@ const char* const* fixedEnvironment();
 // Runs `commandLine` through "/bin/sh -c" with the agent's whole environment, as older agents ran
 // the server's installation command; the wait status as runProgram returns it.
 int runShellCommand(const char* commandLine);
-
-// Whether a program started by runProgram is running now; any thread may ask.
-bool agentShellRunning();
 
 }  // namespace slm

@@ -184,6 +184,12 @@ int writeSlmDriver(uint8_t* buffer) {
   return kDriverFailed;
 }
 
+int statEventFile(const char* path, struct stat* status) {
+  const DeviceCalls& device = deviceCalls();
+  if (device.fileStatus == nullptr) return -1;
+  return device.fileStatus(hDevice, path, status);
+}
+
 int closeSlmDriver() {
   SLM_TRACE(1, "Closing driver");
   int result = kDriverOk;

@@ -5,6 +5,7 @@
 // thread only; close may come from the stop path too and is serialised by its own mutex.
 #pragma once
 
+#include <sys/stat.h>
 #include <sys/types.h>
 
 #include <atomic>
@@ -14,13 +15,16 @@
 namespace slm {
 
 // The device's operations. open takes the path and flags, ioctl the request (its argument is
-// always 0); the others are the system calls of the same names.
+// always 0); the others are the system calls of the same names. fileStatus, which a device may
+// leave out, gives the status of the file the last start event read names, as the device saw it
+// when the program started: 0 with `status` filled when `path` is that event's path, else -1.
 struct DeviceCalls {
   int (*open)(const char* path, int flags);
   int (*ioctl)(int descriptor, unsigned long request);
   ssize_t (*read)(int descriptor, void* buffer, size_t size);
   ssize_t (*write)(int descriptor, const void* buffer, size_t size);
   int (*close)(int descriptor);
+  int (*fileStatus)(int descriptor, const char* path, struct stat* status) = nullptr;
 };
 
 // Installs `calls` (kept by pointer); null restores the system's calls.
@@ -111,6 +115,10 @@ int enableSlmDriver();
 int readSlmDriver(uint8_t* buffer);
 // Writes the acknowledgement behind the event in `buffer`, with the event's time and identifier.
 int writeSlmDriver(uint8_t* buffer);
+// The status of the started file that `path`, the last start event's path, names, as the device
+// saw it (the built-in exec monitor keeps it, so a program that has gone is still known): 0 with
+// `status` filled; -1 when the device keeps none or `path` is not that event's.
+int statEventFile(const char* path, struct stat* status);
 // Switches delivery off and closes; a device that is not open is left alone. Always kDriverOk
 // unless the switch-off failed.
 int closeSlmDriver();
