@@ -166,8 +166,8 @@ class Demo:
             print("Three programs were started in the sandbox: editor was identified in the catalog,"
                   " homegrown and report were unknown and were uploaded.")
         else:
-            self.table.append(("programs", "not watched: this kernel lacks exec permission events"))
-            print("This kernel (or a run without root) has no fanotify exec permission events, so "
+            self.table.append(("programs", "not watched: this kernel lacks fanotify exec notifications"))
+            print("This kernel (or a run without root) has no fanotify exec notifications, so "
                   "programs are not watched here; everything else goes on.")
 
         def complete():

@@ -136,9 +136,15 @@ void markDirectoriesBelow(const std::string& path) {
 bool markMount(const MountEntry& mount) {
   if (monitor.root.empty()) {
     if (!watchedFileSystem(mount.type)) return false;
-    return fanotify_mark(monitor.group, FAN_MARK_ADD | FAN_MARK_FILESYSTEM, FAN_OPEN_EXEC, AT_FDCWD,
-                         mount.mountPoint.c_str()) == 0 ||
-           fanotify_mark(monitor.group, FAN_MARK_ADD | FAN_MARK_MOUNT, FAN_OPEN_EXEC, AT_FDCWD,
+    // A mount that shows only a part of its file system (a directory or a single file that a host
+    // lends a container) is watched as that mount alone: a mark on the whole file system would
+    // bring the agent every start on the host's disk.
+    if (mount.root == "/" &&
+        fanotify_mark(monitor.group, FAN_MARK_ADD | FAN_MARK_FILESYSTEM, FAN_OPEN_EXEC, AT_FDCWD,
+                      mount.mountPoint.c_str()) == 0) {
+      return true;
+    }
+    return fanotify_mark(monitor.group, FAN_MARK_ADD | FAN_MARK_MOUNT, FAN_OPEN_EXEC, AT_FDCWD,
                          mount.mountPoint.c_str()) == 0;
   }
   if (!pathWithin(mount.mountPoint, monitor.root)) return false;
