@@ -150,6 +150,13 @@ TEST_F(Monitor, EveryEventIsAcknowledgedAndOnlyUnknownProgramsAreRecorded) {
   ASSERT_EQ(dequeueCommand(slmAgentUploadFilesCommand), kQueueOk);
   EXPECT_FALSE(isCommandQueued(slmAgentUploadFilesCommand));  // queued once only
 
+  // Started again once its upload has run: it is recorded already, so no upload is queued. The
+  // known start behind it is read only once the one before it has been dealt with.
+  device_.queueEvent(start("/opt/app/new", ++id));
+  device_.queueEvent(start("/opt/app/known", ++id));
+  ASSERT_TRUE(device_.waitForAcks(id));
+  EXPECT_FALSE(isCommandQueued(slmAgentUploadFilesCommand));
+
   // A stop while a read waits ends the thread without touching the status.
   stop();
   EXPECT_EQ(driverStatus(), 0);
@@ -161,6 +168,21 @@ TEST_F(Monitor, EveryEventIsAcknowledgedAndOnlyUnknownProgramsAreRecorded) {
   EXPECT_TRUE(traced(" - Swapping pids, dummy: 7 real 4000000000"));
   EXPECT_EQ(device_.ioctls(),
             (std::vector<unsigned long>{kDriverEnableRequest, kDriverDisableRequest}));
+}
+
+TEST_F(Monitor, AnUploadWaitsTheMinimumDelay) {
+  for (CommandFunction f : {slmAgentCheckServersStatusCommand, slmAgentDownloadTopologyCommand,
+                            slmAgentDownloadCatalogCommand, slmAgentDownloadParametersCommand}) {
+    ASSERT_EQ(dequeueCommand(f), kQueueOk);
+  }
+  run();
+  device_.queueEvent(start("/opt/app/new", 1));
+  device_.queueEvent(start("/opt/app/known", 2));
+  ASSERT_TRUE(device_.waitForAcks(2));
+  Command due{};
+  int32_t wait = 0;
+  EXPECT_EQ(actualCommand(&due, &wait), kCommandWait);
+  EXPECT_GE(wait, kDefaultUploadMinimumSeconds - 1);
 }
 
 TEST_F(Monitor, ReadFailuresGetOneReEnableOrEndTheMonitor) {
