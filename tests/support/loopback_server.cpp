@@ -47,6 +47,15 @@ uint16_t closedLoopbackPort() {
 }
 
 LoopbackServer::LoopbackServer(LoopbackScript script) : script_(std::move(script)) {
+  if (script_.tls) {
+    tlsContext_ = SSL_CTX_new(TLS_server_method());
+    if (tlsContext_ == nullptr ||
+        SSL_CTX_use_certificate_chain_file(tlsContext_, script_.tls->certFile.c_str()) != 1 ||
+        SSL_CTX_use_PrivateKey_file(tlsContext_, script_.tls->keyFile.c_str(), SSL_FILETYPE_PEM) !=
+            1) {
+      return;
+    }
+  }
   if (pipe(wakePipe_) != 0) return;
   listenFd_ = socket(AF_INET, SOCK_STREAM, 0);
   uint16_t port = bindLoopback(listenFd_);
@@ -80,13 +89,7 @@ bool LoopbackServer::sendAll(int fd, const std::string& bytes) {
 // The server's handshake on the accepted connection, bounded: a client that never finishes it
 // must not hold the server thread.
 bool LoopbackServer::startTls(int fd) {
-  tlsContext_ = SSL_CTX_new(TLS_server_method());
-  if (tlsContext_ == nullptr ||
-      SSL_CTX_use_certificate_chain_file(tlsContext_, script_.tls->certFile.c_str()) != 1 ||
-      SSL_CTX_use_PrivateKey_file(tlsContext_, script_.tls->keyFile.c_str(), SSL_FILETYPE_PEM) !=
-          1) {
-    return false;
-  }
+  if (tlsContext_ == nullptr) return false;
   timeval bound{10, 0};
   setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &bound, sizeof bound);
   tls_ = SSL_new(tlsContext_);

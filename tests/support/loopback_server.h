@@ -39,7 +39,8 @@ class LoopbackServer {
   LoopbackServer(const LoopbackServer&) = delete;
   LoopbackServer& operator=(const LoopbackServer&) = delete;
 
-  uint16_t port() const { return port_; }  // 0 when the server could not listen
+  // 0 when the server could not listen or load its certificate.
+  uint16_t port() const { return port_; }
   // The bytes received once a whole HTTP request arrived or the connection is over.
   std::string request() { return waitFor(true); }
   // Every byte received once the client has closed the connection.
