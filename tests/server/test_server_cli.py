@@ -85,7 +85,8 @@ def test_serve_tls_with_a_test_ca(tmp_path):
     assert len(pin) == 44 and pin.endswith("=")
     ca = tmp_path / "ca"
     proc = subprocess.Popen([sys.executable, SERVER, "serve", "--state", str(tmp_path / "state"),
-                             "--tls-cert", str(ca / "server.pem"), "--tls-key", str(ca / "server.key")],
+                             "--tls-cert", str(ca / "server.pem"),
+                             "--tls-key", str(ca / "server.key")],
                             stdout=subprocess.PIPE, text=True)
     try:
         port = int(proc.stdout.readline().split()[1])

@@ -102,7 +102,8 @@ def test_story_over_tls(tls_story, tmp_path, route):
                                                 "programs", "inventory", "caches", "protocol"]
     assert "ERROR - TLS" not in demo.trace()
     if route == "tunnel":
-        asked = [line for line in log.read_text().splitlines() if "Request (file descriptor" in line]
+        asked = [line for line in log.read_text().splitlines()
+                 if "Request (file descriptor" in line]
         assert asked and all("CONNECT 127.0.0.1:" in line for line in asked), asked[:3]
 
 

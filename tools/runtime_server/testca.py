@@ -83,7 +83,8 @@ def make(directory, names=("127.0.0.1", "localhost")):
         f.write("subjectAltName=%s\nbasicConstraints=critical,CA:FALSE\n"
                 "extendedKeyUsage=serverAuth\n" % subject_alt_names(names))
     _openssl("x509", "-req", "-in", p("server.csr"), "-CA", p("ca.pem"), "-CAkey", p("ca.key"),
-             "-set_serial", "2", "-days", DAYS, "-extfile", p("server.ext"), "-out", p("server.pem"))
+             "-set_serial", "2", "-days", DAYS, "-extfile", p("server.ext"),
+             "-out", p("server.pem"))
     spki = _openssl("pkey", "-in", p("server.key"), "-pubout", "-outform", "DER")
     with open(p("server.pin"), "w") as f:
         f.write(base64.b64encode(hashlib.sha256(spki).digest()).decode() + "\n")

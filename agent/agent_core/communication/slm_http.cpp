@@ -191,13 +191,17 @@ bool openProxyTunnel(HttpHandle* handle) {
   HeadToken status;
   HeadToken reason;
   bool answered = protocol.next(head, crlfDelimiter, blankDelimiter) == kTokenFoundB &&
-                  status.next(head, crlfDelimiter, blankDelimiter) == kTokenFoundB &&
-                  reason.next(head, crlfDelimiter, crlfDelimiter) >= 1 &&
                   strncmp(protocol.text, "HTTP/1.", 7) == 0;
+  if (answered) {
+    // The reason phrase may be left out, with the blank before it.
+    int statusEnd = status.next(head, crlfDelimiter, blankDelimiter);
+    answered = statusEnd == kTokenFoundA ||
+               (statusEnd == kTokenFoundB && reason.next(head, crlfDelimiter, crlfDelimiter) >= 1);
+  }
   if (!answered || status.text[0] != '2') {
     SLM_TRACE(0, "ERROR - Proxy tunnel to %s refused: %s%s%s", target,
-              answered ? status.text : "no HTTP answer", answered ? " " : "",
-              answered ? reason.text : "");
+              answered ? status.text : "no HTTP answer", reason.text[0] != '\0' ? " " : "",
+              reason.text);
     return false;
   }
   for (;;) {

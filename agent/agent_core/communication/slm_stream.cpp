@@ -614,7 +614,8 @@ int startSocketTls(SlmStream* stream, const char* serverHost, uint16_t serverPor
   SSL_CTX* tlsContext = acquireTlsContext(&pins);
   SSL* tls = tlsContext == nullptr ? nullptr : SSL_new(tlsContext);
   SSL_CTX_free(tlsContext);  // a connection holds its own reference
-  BIO* bio = tls == nullptr ? nullptr : BIO_new(socketBioMethod());
+  const BIO_METHOD* method = socketBioMethod();
+  BIO* bio = tls == nullptr || method == nullptr ? nullptr : BIO_new(method);
   bool started = false;
   if (tlsContext != nullptr && (bio == nullptr || !setTlsServerName(tls, serverHost))) {
     SLM_TRACE(0, "ERROR - TLS with %s not started: %s", socketContext->tlsPeer,

@@ -115,6 +115,7 @@ TEST_F(HttpClient, TunnelTheProxyDoesNotOpenIsRefusedAndNothingFollowsTheConnect
   setSecuritySettings(tls);
   const std::pair<const char*, const char*> cases[] = {
       {"HTTP/1.0 403 Filtered\r\n\r\n", "refused: 403 Filtered"},
+      {"HTTP/1.1 407\r\nProxy-Authenticate: Basic\r\n\r\n", "refused: 407"},
       // A proxy answering in the server's place.
       {"HTTP/1.0 200 OK\r\n\r\nHTTP/1.0 200 OK\r\n\r\n", "refused: bytes before the TLS handshake"},
       {"SSH-2.0-x\r\n", "refused: no HTTP answer"},
