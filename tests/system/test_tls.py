@@ -96,11 +96,14 @@ def test_story_over_tls(tls_story, tmp_path, route):
             proxy = f"use_proxy=yes\nproxy=127.0.0.1\nproxy_port={port}\nproxy_security=0\n"
         demo = tls_story(proxy)
         demo.run()
-    # Through the tunnel as directly: nothing inside is the proxy's to rewrite, so the server's
-    # conformance checks hold ("protocol"), and the proxy saw nothing but the tunnels asked for.
+    # Through the tunnel as directly: requests in the origin form, nothing inside the proxy's to
+    # rewrite, so the server's conformance checks hold ("protocol"), and the proxy saw nothing but
+    # the tunnels asked for.
     assert [step for step, _ in demo.table] == ["enrolment", "topology", "catalog", "parameters",
                                                 "programs", "inventory", "caches", "protocol"]
     assert "ERROR - TLS" not in demo.trace()
+    lines = [bytes(raw).split(b" ", 2)[:2] for (raw,) in demo.rows("SELECT raw FROM requests")]
+    assert lines and all(path.startswith(b"/") for _, path in lines), lines[:3]
     if route == "tunnel":
         asked = [line for line in log.read_text().splitlines()
                  if "Request (file descriptor" in line]

@@ -1,24 +1,20 @@
 // The agent's proxy mode against a real forwarding proxy: the configuration switches the proxy on,
-// communication start-up takes it over, and services reach the runtime server through it, over
-// TLS through a CONNECT tunnel.
+// communication start-up takes it over, and services reach the runtime server through it.
 #include <gtest/gtest.h>
 
 #include <cstring>
 #include <string>
-#include <vector>
 
 #include "agent_core/cache/agent.h"
 #include "agent_core/communication/comm_init.h"
 #include "agent_core/communication/service.h"
 #include "agent_core/communication/slm.h"
 #include "agent_core/communication/slm_http.h"
-#include "agent_core/security_settings.h"
 #include "agent_core/slm_conf.h"
 #include "agent_core/support/trace.h"
 #include "agent_core/support/unix_common.h"
 #include "support/agent_sandbox.h"
 #include "support/runtime_server_process.h"
-#include "support/test_ca.h"
 #include "support/tinyproxy_process.h"
 
 namespace slm {
@@ -41,7 +37,6 @@ class CommProxy : public test::AgentSandbox {
     closeCommunication();
     clearAgentInfo();
     setHttpProxy("", 0);
-    setSecuritySettings(SecuritySettings{});
     AgentSandbox::TearDown();
   }
 
@@ -75,28 +70,6 @@ TEST_F(CommProxy, ServicesReachTheServerThroughTheProxy) {
   int64_t node = 0;
   ASSERT_EQ(getAgentIntValue(kAgentNodeId, &node), kAgentValueOk);
   EXPECT_GT(node, 0);
-}
-
-TEST_F(CommProxy, OverTlsServicesGoThroughATunnelTheProxyCannotLookInto) {
-  const test::TestCa ca({"127.0.0.1"});
-  test::RuntimeServerProcess tlsServer("{}", &ca);
-  ASSERT_NE(tlsServer.port(), 0);
-  SecuritySettings settings;
-  settings.serverTls = true;
-  // The configured path lies under the agent's root, as every path the agent reads.
-  root_.writeFile("etc/kvdagent-ca.pem", test::readFile(ca.caFile()));
-  strcpy(settings.tlsCaFile, "/etc/kvdagent-ca.pem");
-  strcpy(settings.tlsPins, ca.pin().c_str());
-  setSecuritySettings(settings);
-  ServerAddress address{"127.0.0.1", "/", tlsServer.port()};
-  EXPECT_EQ(pingRTServer(&address), kPingAnswered) << trace();
-  EXPECT_EQ(plugIn(&address), kServiceUnknownAgent);
-  // The request went as to the server itself, untouched on the way: no Via line, no absolute
-  // form, nothing the conformance checks object to.
-  std::string ping = tlsServer.lastRequest("1");
-  EXPECT_EQ(ping.rfind("POST / HTTP/1.0\r\nHost:127.0.0.1\r\n", 0), 0u) << ping;
-  EXPECT_EQ(ping.find("Via"), std::string::npos) << ping;
-  EXPECT_EQ(tlsServer.violations(), std::vector<std::string>{});
 }
 
 TEST_F(CommProxy, AnUnreachableServerBehindTheProxyFailsTheService) {
