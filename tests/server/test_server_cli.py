@@ -4,11 +4,13 @@ the dump command, and start-up refusal of a bad scenario."""
 import json
 import os
 import signal
+import socket
+import ssl
 import subprocess
 import sys
 import time
 
-from rs_client import answer, exchange, plugin_fields, service_request
+from rs_client import answer, exchange, plugin_fields, read_all, service_request
 
 REPO = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 SERVER = os.path.join(REPO, "tools", "runtime_server", "server.py")
@@ -74,3 +76,37 @@ def test_bad_scenario_stops_start_up(tmp_path):
     assert out.returncode == 1
     assert "unknown service '99'" in out.stderr
     assert out.stdout == ""
+
+
+def test_serve_tls_with_a_test_ca(tmp_path):
+    made = run_cli("testca", str(tmp_path / "ca"), "127.0.0.1", "localhost")
+    assert made.returncode == 0, made.stderr
+    pin = made.stdout.strip()
+    assert len(pin) == 44 and pin.endswith("=")
+    ca = tmp_path / "ca"
+    proc = subprocess.Popen([sys.executable, SERVER, "serve", "--state", str(tmp_path / "state"),
+                             "--tls-cert", str(ca / "server.pem"),
+                             "--tls-key", str(ca / "server.key")],
+                            stdout=subprocess.PIPE, text=True)
+    try:
+        port = int(proc.stdout.readline().split()[1])
+        client = ssl.create_default_context(cafile=str(ca / "ca.pem"))
+        # Checked by name and by address; the answer is the one given in the clear, and it ends with
+        # close_notify (a ragged end would raise here).
+        for name in ("localhost", "127.0.0.1"):
+            with socket.create_connection(("127.0.0.1", port), timeout=30) as raw, \
+                    client.wrap_socket(raw, server_hostname=name, suppress_ragged_eofs=False) as s:
+                s.sendall(service_request("2", plugin_fields()))
+                assert read_all(s) == answer("2", b"1001\r\n<response:0,%d:ok>\r\n"
+                                             % (1 if name == "localhost" else 0))
+        # A client in the clear gets no answer and leaves no request behind.
+        try:
+            plain = exchange(port, service_request("1", []), timeout=10)
+        except ConnectionResetError:
+            plain = b""
+        assert b"HTTP" not in plain
+    finally:
+        proc.send_signal(signal.SIGTERM)
+        assert proc.wait(timeout=10) == 0
+    dump = run_cli("dump", "--state", str(tmp_path / "state"))
+    assert dump.stdout.count("request ") == 2, dump.stdout

@@ -2,8 +2,12 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <openssl/ssl.h>
 #include <poll.h>
+#include <pthread.h>
+#include <signal.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -13,15 +17,6 @@
 
 namespace slm::test {
 namespace {
-
-bool sendAll(int fd, const std::string& bytes) {
-  for (size_t sent = 0; sent < bytes.size();) {
-    ssize_t n = send(fd, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
-    if (n == 0 || (n < 0 && errno != EINTR)) return false;
-    sent += n > 0 ? static_cast<size_t>(n) : 0;
-  }
-  return true;
-}
 
 // Binds `fd` to a free loopback port and returns it; 0 on failure.
 uint16_t bindLoopback(int fd) {
@@ -52,6 +47,15 @@ uint16_t closedLoopbackPort() {
 }
 
 LoopbackServer::LoopbackServer(LoopbackScript script) : script_(std::move(script)) {
+  if (script_.tls) {
+    tlsContext_ = SSL_CTX_new(TLS_server_method());
+    if (tlsContext_ == nullptr ||
+        SSL_CTX_use_certificate_chain_file(tlsContext_, script_.tls->certFile.c_str()) != 1 ||
+        SSL_CTX_use_PrivateKey_file(tlsContext_, script_.tls->keyFile.c_str(), SSL_FILETYPE_PEM) !=
+            1) {
+      return;
+    }
+  }
   if (pipe(wakePipe_) != 0) return;
   listenFd_ = socket(AF_INET, SOCK_STREAM, 0);
   uint16_t port = bindLoopback(listenFd_);
@@ -66,6 +70,30 @@ LoopbackServer::~LoopbackServer() {
   for (int fd : {listenFd_, wakePipe_[0], wakePipe_[1]}) {
     if (fd >= 0) close(fd);
   }
+  SSL_CTX_free(tlsContext_);
+}
+
+bool LoopbackServer::sendAll(int fd, const std::string& bytes) {
+  if (tls_ != nullptr) {
+    size_t written = 0;
+    return bytes.empty() || SSL_write_ex(tls_, bytes.data(), bytes.size(), &written) == 1;
+  }
+  for (size_t sent = 0; sent < bytes.size();) {
+    ssize_t n = send(fd, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+    if (n == 0 || (n < 0 && errno != EINTR)) return false;
+    sent += n > 0 ? static_cast<size_t>(n) : 0;
+  }
+  return true;
+}
+
+// The server's handshake on the accepted connection, bounded: a client that never finishes it
+// must not hold the server thread.
+bool LoopbackServer::startTls(int fd) {
+  if (tlsContext_ == nullptr) return false;
+  timeval bound{10, 0};
+  setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &bound, sizeof bound);
+  tls_ = SSL_new(tlsContext_);
+  return tls_ != nullptr && SSL_set_fd(tls_, fd) == 1 && SSL_accept(tls_) == 1;
 }
 
 std::string LoopbackServer::waitFor(bool wholeRequest) {
@@ -77,7 +105,16 @@ std::string LoopbackServer::waitFor(bool wholeRequest) {
 
 bool LoopbackServer::readSome(int fd) {
   char chunk[4096];
-  ssize_t n = waitReadable(fd, wakePipe_[0]) ? recv(fd, chunk, sizeof chunk, 0) : -1;
+  ssize_t n = -1;
+  if (tls_ != nullptr) {
+    size_t got = 0;
+    if ((SSL_pending(tls_) > 0 || waitReadable(fd, wakePipe_[0])) &&
+        SSL_read_ex(tls_, chunk, sizeof chunk, &got) == 1) {
+      n = static_cast<ssize_t>(got);
+    }
+  } else if (waitReadable(fd, wakePipe_[0])) {
+    n = recv(fd, chunk, sizeof chunk, 0);
+  }
   std::lock_guard<std::mutex> lock(mutex_);
   if (n > 0) received_.append(chunk, static_cast<size_t>(n));
   changed_.notify_all();
@@ -85,8 +122,13 @@ bool LoopbackServer::readSome(int fd) {
 }
 
 void LoopbackServer::serve() {
+  // TLS writes go through write(2): a client that hung up must not end the test with SIGPIPE.
+  sigset_t pipeSignal;
+  sigemptyset(&pipeSignal);
+  sigaddset(&pipeSignal, SIGPIPE);
+  pthread_sigmask(SIG_BLOCK, &pipeSignal, nullptr);
   int fd = waitReadable(listenFd_, wakePipe_[0]) ? accept(listenFd_, nullptr, nullptr) : -1;
-  bool open = fd >= 0;
+  bool open = fd >= 0 && (!script_.tls || startTls(fd));
   while (open && script_.start == LoopbackScript::Start::kAfterRequest) {
     std::unique_lock<std::mutex> lock(mutex_);
     if (isCompleteHttpRequest(received_)) break;
@@ -98,8 +140,13 @@ void LoopbackServer::serve() {
     open = sendAll(fd, script_.replies[i]);
   }
   // Ending only the sending side lets the client read to end of data; a close would reset it.
-  if (open && script_.closeAfterReplies) shutdown(fd, SHUT_WR);
+  if (open && script_.closeAfterReplies) {
+    if (tls_ != nullptr && script_.tls->closeNotify) (void)SSL_shutdown(tls_);
+    shutdown(fd, SHUT_WR);
+  }
   while (open) open = readSome(fd);
+  SSL_free(tls_);
+  tls_ = nullptr;
   if (fd >= 0) close(fd);
   std::lock_guard<std::mutex> lock(mutex_);
   done_ = true;

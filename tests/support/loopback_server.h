@@ -1,16 +1,26 @@
 // A scripted TCP peer on 127.0.0.1: accepts one connection, records every byte it receives and
-// answers with scripted writes, then ends its side or holds the connection open.
+// answers with scripted writes, then ends its side or holds the connection open. With a TLS
+// certificate it serves TLS, records what came inside and sends each scripted write as records.
 #pragma once
+
+#include <openssl/types.h>
 
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
 namespace slm::test {
+
+struct LoopbackTls {
+  std::string certFile;
+  std::string keyFile;
+  bool closeNotify = true;  // false: the side ends without close_notify, as a cut would
+};
 
 struct LoopbackScript {
   // kAfterRequest: answer once a whole HTTP request (head and announced body) has arrived.
@@ -19,6 +29,7 @@ struct LoopbackScript {
   std::vector<std::string> replies;  // one send each, `pauseBetween` apart
   std::chrono::milliseconds pauseBetween{0};
   bool closeAfterReplies = true;  // false: the connection stays open and silent
+  std::optional<LoopbackTls> tls = std::nullopt;
 };
 
 class LoopbackServer {
@@ -28,7 +39,8 @@ class LoopbackServer {
   LoopbackServer(const LoopbackServer&) = delete;
   LoopbackServer& operator=(const LoopbackServer&) = delete;
 
-  uint16_t port() const { return port_; }  // 0 when the server could not listen
+  // 0 when the server could not listen or load its certificate.
+  uint16_t port() const { return port_; }
   // The bytes received once a whole HTTP request arrived or the connection is over.
   std::string request() { return waitFor(true); }
   // Every byte received once the client has closed the connection.
@@ -38,6 +50,8 @@ class LoopbackServer {
   std::string waitFor(bool wholeRequest);
   void serve();
   bool readSome(int fd);
+  bool sendAll(int fd, const std::string& bytes);
+  bool startTls(int fd);
 
   LoopbackScript script_;
   int listenFd_ = -1;
@@ -47,6 +61,8 @@ class LoopbackServer {
   std::condition_variable changed_;
   std::string received_;  // guarded by mutex_
   bool done_ = false;     // guarded by mutex_
+  SSL_CTX* tlsContext_ = nullptr;
+  SSL* tls_ = nullptr;  // the connection's, on the server thread
   std::thread thread_;
 };
 

@@ -8,6 +8,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <sstream>
+#include <string>
+#include <vector>
 
 namespace slm::test {
 namespace {
@@ -25,19 +27,26 @@ std::string readFirstLine(int fd) {
 
 }  // namespace
 
-RuntimeServerProcess::RuntimeServerProcess(const std::string& scenario) {
+RuntimeServerProcess::RuntimeServerProcess(const std::string& scenario, const TestCa* tls) {
   dir_.writeFile("scenario.json", scenario);
   int fds[2];
   if (pipe(fds) != 0) return;
   std::string script = std::string(SLM_SOURCE_DIR) + "/tools/runtime_server/server.py";
   std::string state = dir_.file("state"), scenarioPath = dir_.file("scenario.json");
+  std::vector<std::string> args = {kPython, script,       "serve",     "--state",
+                                   state,   "--scenario", scenarioPath};
+  if (tls != nullptr) {
+    args.insert(args.end(), {"--tls-cert", tls->certFile(), "--tls-key", tls->keyFile()});
+  }
+  std::vector<char*> argv;
+  for (std::string& arg : args) argv.push_back(arg.data());
+  argv.push_back(nullptr);
   pid_ = fork();
   if (pid_ == 0) {
     dup2(fds[1], STDOUT_FILENO);
     close(fds[0]);
     close(fds[1]);
-    execl(kPython, kPython, script.c_str(), "serve", "--state", state.c_str(), "--scenario",
-          scenarioPath.c_str(), static_cast<char*>(nullptr));
+    execv(kPython, argv.data());
     _exit(127);
   }
   close(fds[1]);

@@ -9,13 +9,15 @@
 #include <vector>
 
 #include "support/temp_root.h"
+#include "support/test_ca.h"
 
 namespace slm::test {
 
 class RuntimeServerProcess {
  public:
-  // Starts the server with the JSON text `scenario`; port() is 0 when it did not come up.
-  explicit RuntimeServerProcess(const std::string& scenario);
+  // Starts the server with the JSON text `scenario`, serving TLS with the certificate of `tls`
+  // when given; port() is 0 when it did not come up.
+  explicit RuntimeServerProcess(const std::string& scenario, const TestCa* tls = nullptr);
   ~RuntimeServerProcess();
   RuntimeServerProcess(const RuntimeServerProcess&) = delete;
   RuntimeServerProcess& operator=(const RuntimeServerProcess&) = delete;

@@ -1,4 +1,4 @@
-"""Command line: `serve`, `dump` and `sign`.
+"""Command line: `serve`, `dump`, `sign` and `testca`.
 
 `serve` prints "port N" as its first line once it listens, reloads its
 scenario on SIGHUP and stops cleanly on SIGTERM or SIGINT.
@@ -9,7 +9,7 @@ import signal
 import sys
 import threading
 
-from . import downloads, report
+from . import downloads, report, testca
 from .httpd import RuntimeServer
 from .scenario import ScenarioError
 
@@ -23,6 +23,8 @@ def main(argv=None):
     serve.add_argument("--scenario", help="scenario JSON file")
     serve.add_argument("--port", type=int, default=0, help="port; 0 picks a free one")
     serve.add_argument("--verbose", action="store_true", help="one line per request on stderr")
+    serve.add_argument("--tls-cert", metavar="PEM", help="serve TLS with this certificate chain")
+    serve.add_argument("--tls-key", metavar="PEM", help="the private key of --tls-cert")
 
     dump = sub.add_parser("dump", help="print a summary of the state database")
     dump.add_argument("--state", required=True)
@@ -32,11 +34,25 @@ def main(argv=None):
     sign.add_argument("--key", default=downloads.DEFAULT_KEY, help="private key (PEM)")
     sign.add_argument("paths", nargs="+")
 
+    ca = sub.add_parser("testca", help="write a throw-away CA and a server certificate into DIR")
+    ca.add_argument("directory", metavar="DIR")
+    ca.add_argument("names", nargs="*", default=["127.0.0.1", "localhost"],
+                    help="the server's addresses and DNS names (default 127.0.0.1 localhost)")
+
     args = parser.parse_args(argv)
     if args.command == "serve":
+        if (args.tls_cert is None) != (args.tls_key is None):
+            parser.error("--tls-cert and --tls-key go together")
         return serve_command(args)
     if args.command == "dump":
         return report.dump(args.state, args.raw, sys.stdout)
+    if args.command == "testca":
+        try:
+            print(testca.make(args.directory, args.names).pin)
+        except (testca.CaError, OSError) as e:
+            print(e, file=sys.stderr)
+            return 1
+        return 0
     try:
         for path in downloads.sign_tree(args.paths, args.key):
             print(path)
@@ -48,7 +64,8 @@ def main(argv=None):
 
 def serve_command(args):
     try:
-        server = RuntimeServer(args.state, args.scenario, args.port, args.verbose)
+        tls = None if args.tls_cert is None else (args.tls_cert, args.tls_key)
+        server = RuntimeServer(args.state, args.scenario, args.port, args.verbose, tls)
     except (ScenarioError, OSError) as e:
         print("cannot start: %s" % e, file=sys.stderr)
         return 1

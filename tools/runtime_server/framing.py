@@ -102,9 +102,12 @@ def _recv(sock, deadline):
     if remaining <= 0:
         return b""
     try:
-        ready, _, _ = select.select([sock], [], [], remaining)
-        if not ready:
-            return b""
+        # Bytes a TLS socket has already decrypted show on no descriptor.
+        pending = getattr(sock, "pending", None)
+        if not (pending and pending()):
+            ready, _, _ = select.select([sock], [], [], remaining)
+            if not ready:
+                return b""
         return sock.recv(65536)
     except OSError:
         return b""

@@ -2,12 +2,15 @@
 
 A connection is read whole, checked, logged with its raw bytes, then answered
 as a service (POST) or a file download (GET), with the scenario's faults
-applied. The scenario can be swapped while the server runs.
+applied. The scenario can be swapped while the server runs. With a TLS
+certificate the server speaks TLS only: each connection's handshake runs on
+its own thread, and the request inside is read and checked as in the clear.
 """
 
 import os
 import socket
 import socketserver
+import ssl
 import sys
 import threading
 import time
@@ -26,10 +29,12 @@ class RuntimeServer(socketserver.ThreadingMixIn, socketserver.TCPServer):
     allow_reuse_address = True
     request_queue_size = 1024
 
-    def __init__(self, state_dir, scenario_path=None, port=0, verbose=False):
+    def __init__(self, state_dir, scenario_path=None, port=0, verbose=False, tls=None):
+        """`tls`: None, or (certificate chain PEM, private key PEM) to serve TLS."""
         self.scenario_path = scenario_path
         self.verbose = verbose
         self.scenario = load_scenario(scenario_path)
+        self.tls = None if tls is None else tls_context(*tls)
         self.state = State(state_dir)
         super().__init__(("127.0.0.1", port), Handler)
         self._thread = None
@@ -70,6 +75,14 @@ class RuntimeServer(socketserver.ThreadingMixIn, socketserver.TCPServer):
         super().handle_error(request, client_address)
 
 
+def tls_context(cert_file, key_file):
+    """A server context for TLS 1.2 and later with the given chain and key."""
+    context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
+    context.minimum_version = ssl.TLSVersion.TLSv1_2
+    context.load_cert_chain(cert_file, key_file)
+    return context
+
+
 def load_scenario(path):
     scenario = Scenario.load(path)
     d = scenario.downloads
@@ -82,6 +95,13 @@ def load_scenario(path):
 
 
 class Handler(socketserver.BaseRequestHandler):
+    def setup(self):
+        # A client that fails the handshake (it refused the certificate, or speaks plain HTTP)
+        # ends here with an SSLError: nothing is logged, since no request arrived.
+        if self.server.tls is not None:
+            self.request.settimeout(self.server.scenario.read_timeout)
+            self.request = self.server.tls.wrap_socket(self.request, server_side=True)
+
     def handle(self):
         server = self.server
         scenario = server.scenario
@@ -185,8 +205,18 @@ class Handler(socketserver.BaseRequestHandler):
     def finish(self):
         # Half-close and wait for the peer to hang up, so that unread request
         # bytes on our side cannot turn the close into a reset that destroys
-        # the answer in flight.
+        # the answer in flight. Over TLS the half-close is close_notify, which
+        # tells the client that the answer is whole.
         sock = self.request
+        if isinstance(sock, ssl.SSLSocket):
+            try:
+                sock.settimeout(LINGER_SECONDS)
+                sock = sock.unwrap()
+            except (OSError, ValueError):
+                pass
+            finally:
+                self.request.close()
+            return
         try:
             sock.shutdown(socket.SHUT_WR)
             sock.settimeout(LINGER_SECONDS)

@@ -82,7 +82,7 @@ bool writeRequestHead(HttpHandle* handle) {
   BufferedStream* head = handle->headStream;
   const char* method = handle->method < kMethodCount ? kMethodNames[handle->method] : "";
   if (!writeText(head, method) || !writeText(head, " ")) return false;
-  if (handle->proxy == 1) {
+  if (handle->proxy == kProxyForward) {
     if (!writeText(head, "http://") || !writeText(head, handle->host)) return false;
     if (handle->port != kHttpDefaultPort) {
       char port[8];
@@ -172,6 +172,54 @@ void refuseAnswer(HttpHandle* handle, int64_t announced) {
             handle->answerLimitBytes, announcedText);
 }
 
+// Asks the proxy for a tunnel to the handle's server and reads its answer: a 2xx status line,
+// header lines to the blank line, and nothing after it, since the server says nothing before the
+// agent's TLS handshake. False after an ERROR line.
+bool openProxyTunnel(HttpHandle* handle) {
+  char target[kHttpHostBytes + 8];
+  snprintf(target, sizeof target, "%s:%u", handle->host, static_cast<unsigned>(handle->port));
+  BufferedStream* head = handle->headStream;
+  if (!writeText(head, "CONNECT ") || !writeText(head, target) ||
+      !writeText(head, " HTTP/1.0\r\n") ||
+      !writeHeaderLine(head, kHeaderNames[kHeaderHost], target) || !writeText(head, "\r\n") ||
+      flushBufferedStream(head) < 1) {
+    SLM_TRACE(0, "ERROR - Proxy tunnel to %s not asked for: the proxy cannot be written to",
+              target);
+    return false;
+  }
+  HeadToken protocol;
+  HeadToken status;
+  HeadToken reason;
+  bool answered = protocol.next(head, crlfDelimiter, blankDelimiter) == kTokenFoundB &&
+                  strncmp(protocol.text, "HTTP/1.", 7) == 0;
+  if (answered) {
+    // The reason phrase may be left out, with the blank before it.
+    int statusEnd = status.next(head, crlfDelimiter, blankDelimiter);
+    answered = statusEnd == kTokenFoundA ||
+               (statusEnd == kTokenFoundB && reason.next(head, crlfDelimiter, crlfDelimiter) >= 1);
+  }
+  if (!answered || status.text[0] != '2') {
+    SLM_TRACE(0, "ERROR - Proxy tunnel to %s refused: %s%s%s", target,
+              answered ? status.text : "no HTTP answer", reason.text[0] != '\0' ? " " : "",
+              reason.text);
+    return false;
+  }
+  for (;;) {
+    HeadToken line;
+    if (line.next(head, crlfDelimiter, crlfDelimiter) < 1) {
+      SLM_TRACE(0, "ERROR - Proxy tunnel to %s refused: its answer does not end", target);
+      return false;
+    }
+    if (line.buffer.length == 0) break;
+  }
+  if (head->cur != head->buf + head->stored) {
+    SLM_TRACE(0, "ERROR - Proxy tunnel to %s refused: bytes before the TLS handshake", target);
+    return false;
+  }
+  resetBufferedStream(head);
+  return true;
+}
+
 }  // namespace
 
 HttpHandle* newHttpHandle(int method, const char* path, const char* version, const char* host,
@@ -187,8 +235,9 @@ HttpHandle* newHttpHandle(int method, const char* path, const char* version, con
   handle->answerLimitBytes = kMaxServiceAnswerBytes;
 
   auto timeoutSeconds = static_cast<int16_t>(timeout);
+  const bool tls = securitySettings().serverTls;
   if (proxy_port != 0 && (flags & kHttpNoProxy) == 0) {
-    handle->proxy = 1;
+    handle->proxy = tls ? kProxyTunnel : kProxyForward;
     handle->socketStream = newSocketStream(proxy_host, static_cast<int>(strlen(proxy_host)),
                                            proxy_port, timeoutSeconds);
     if (handle->socketStream == nullptr) {
@@ -226,6 +275,11 @@ HttpHandle* newHttpHandle(int method, const char* path, const char* version, con
     closeBufferedStream(handle->headStream);
     closeSocketStream(handle->socketStream);
     delete handle;
+    return nullptr;
+  }
+  if (tls && ((handle->proxy == kProxyTunnel && !openProxyTunnel(handle)) ||
+              startSocketTls(handle->socketStream, handle->host, handle->port) != 0)) {
+    freeHttpHandle(handle);
     return nullptr;
   }
   return handle;

@@ -52,6 +52,12 @@ constexpr const char* kAsciiEncoding = "US_ASCII";
 // `newHttpHandle` flag: connect to the server itself even when a proxy is set.
 constexpr int kHttpNoProxy = 8;
 
+// How a handle's connection uses the proxy. Forward: the proxy gets each request, in absolute
+// form. Tunnel (TLS to the server): the proxy opened a CONNECT tunnel to the server, and the
+// requests inside go as to the server itself.
+constexpr uint8_t kProxyForward = 1;
+constexpr uint8_t kProxyTunnel = 2;
+
 struct CustomHeader {
   char name[kCustomHeaderNameBytes];
   char value[kCustomHeaderValueBytes];
@@ -65,7 +71,7 @@ struct HttpHandle {
   char version[kHttpVersionBytes];
   char headers[kHeaderCount][kHeaderValueBytes];
   CustomHeader* custom[kCustomHeaderSlots];  // filled from the first slot on, null when empty
-  uint8_t proxy;                             // 1 when the connection goes to the proxy
+  uint8_t proxy;  // kProxyForward, kProxyTunnel, or 0 when the connection goes to the server
   char host[kHttpHostBytes];
   uint16_t port;
   SlmStream* socketStream;
@@ -82,8 +88,9 @@ struct HttpHandle {
 constexpr int64_t kAnswerRefused = -1;
 
 // Opens a connected handle, through the proxy unless none is set or `flags` holds kHttpNoProxy.
-// `timeout` is the read time-out in seconds. Its answer limit is kMaxServiceAnswerBytes. Null on
-// failure.
+// `timeout` is the read time-out in seconds. Its answer limit is kMaxServiceAnswerBytes. With
+// server_tls the connection runs TLS to the server, through a CONNECT tunnel when it goes through
+// the proxy; a tunnel the proxy refuses or a failed TLS start is an ERROR line. Null on failure.
 HttpHandle* newHttpHandle(int method, const char* path, const char* version, const char* host,
                           uint16_t port, int timeout, int flags);
 // Null-safe. Closes the streams and the connection, frees the handle.

@@ -1,11 +1,15 @@
 // Buffered streams, the tokenizer and the three lower streams (socket, body encoder,
 // kernel-configuration file). Objects are plain structures; buffers are malloc'ed so they can be
-// grown in place.
+// grown in place. The socket stream carries TLS records, once started, through a BIO of its own
+// that sends and receives without blocking and without SIGPIPE and counts the exchange's bytes.
 #include "agent_core/communication/slm_stream.h"
 
 #include <arpa/inet.h>
 #include <netdb.h>
 #include <netinet/in.h>
+#include <openssl/bio.h>
+#include <openssl/err.h>
+#include <openssl/ssl.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -21,6 +25,7 @@
 #include <new>
 
 #include "agent_core/communication/slm_http.h"
+#include "agent_core/communication/slm_tls.h"
 #include "agent_core/data/slm_time.h"
 #include "agent_core/support/trace.h"
 
@@ -98,14 +103,20 @@ int readIntoRoom(BufferedStream* stream) {
   }
 }
 
+// "HOST:PORT" of the server a TLS stream talks to, for its trace lines.
+constexpr size_t kTlsPeerChars = 280;
+
 struct SocketContext {
   char* host;
   uint16_t port;
   int timeoutSeconds;
   int socket;
-  AgentTime windowStart;  // when the exchange's current window began, on the agent clock
-  int64_t windowBytes;    // bytes sent and received within it
-  bool cut;               // the exchange moved too little: nothing more is sent or received
+  AgentTime windowStart;   // when the exchange's current window began, on the agent clock
+  int64_t windowBytes;     // bytes sent and received within it (TLS: the records' bytes)
+  bool cut;                // the exchange moved too little: nothing more is sent or received
+  SSL* tls = nullptr;      // once TLS is started: every byte goes through it
+  bool tlsBroken = false;  // a fatal TLS error: no close_notify is sent
+  char tlsPeer[kTlsPeerChars] = "";
 };
 
 // Whether the exchange may go on. When a window has run out, it must have moved
@@ -136,23 +147,157 @@ int64_t windowLeftMs(const SocketContext* socket) {
   return int64_t{kExchangeWindowSeconds - std::clamp(elapsed, 0, kExchangeWindowSeconds)} * 1000;
 }
 
-// Waits until the socket is ready for `events`, at most the time-out, and looks at the exchange's
-// progress whenever its window runs out meanwhile. 1 when ready; kStreamReadTimeout when the
-// time-out passes or the exchange is cut; kStreamIoError when the wait itself fails. poll, not
-// select: a daemon with many files open gets descriptors past select's fixed set.
-int waitSocket(SocketContext* socket, short events) {
-  using Clock = std::chrono::steady_clock;
-  const Clock::time_point deadline = Clock::now() + std::chrono::seconds(socket->timeoutSeconds);
+using WaitClock = std::chrono::steady_clock;
+
+WaitClock::time_point waitDeadline(const SocketContext* socket) {
+  return WaitClock::now() + std::chrono::seconds(socket->timeoutSeconds);
+}
+
+// Waits until the socket is ready for `events`, at most until `deadline`, and looks at the
+// exchange's progress whenever its window runs out meanwhile. 1 when ready; kStreamReadTimeout
+// when the deadline passes or the exchange is cut; kStreamIoError when the wait itself fails.
+// poll, not select: a daemon with many files open gets descriptors past select's fixed set.
+int waitSocket(SocketContext* socket, short events, WaitClock::time_point deadline) {
   for (;;) {
     if (!exchangeMoving(socket)) return kStreamReadTimeout;
     int64_t timeLeftMs = std::max<int64_t>(
-        0, std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count());
+        0,
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - WaitClock::now()).count());
     int64_t windowMs = windowLeftMs(socket);
     pollfd polled{socket->socket, events, 0};
     int ready = poll(&polled, 1, static_cast<int>(std::min(timeLeftMs, windowMs)));
     if (ready > 0) return 1;
     if (ready < 0 && errno != EINTR) return kStreamIoError;
     if (ready == 0 && timeLeftMs <= windowMs) return kStreamReadTimeout;
+  }
+}
+
+// The BIO under a stream's TLS: the socket, never blocking, never raising SIGPIPE, each byte
+// counted for the exchange's window. Waiting is the stream's business (waitSocket).
+int socketBioWrite(BIO* bio, const char* data, int length) {
+  auto* socket = static_cast<SocketContext*>(BIO_get_data(bio));
+  BIO_clear_retry_flags(bio);
+  ssize_t sent;
+  do {
+    sent = send(socket->socket, data, static_cast<size_t>(length), MSG_NOSIGNAL | MSG_DONTWAIT);
+  } while (sent < 0 && errno == EINTR);
+  if (sent < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) BIO_set_retry_write(bio);
+  if (sent > 0) socket->windowBytes += sent;
+  return static_cast<int>(sent);
+}
+
+int socketBioRead(BIO* bio, char* data, int length) {
+  auto* socket = static_cast<SocketContext*>(BIO_get_data(bio));
+  BIO_clear_retry_flags(bio);
+  ssize_t received;
+  do {
+    received = recv(socket->socket, data, static_cast<size_t>(length), MSG_DONTWAIT);
+  } while (received < 0 && errno == EINTR);
+  if (received < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) BIO_set_retry_read(bio);
+  // The library tells a peer that closed without close_notify by this flag.
+  if (received == 0) BIO_set_flags(bio, BIO_FLAGS_IN_EOF);
+  if (received > 0) socket->windowBytes += received;
+  return static_cast<int>(received);
+}
+
+long socketBioControl(BIO* bio, int command, long /*number*/, void* /*pointer*/) {
+  if (command == BIO_CTRL_FLUSH) return 1;  // nothing is held back
+  if (command == BIO_CTRL_EOF) return BIO_test_flags(bio, BIO_FLAGS_IN_EOF) != 0 ? 1 : 0;
+  return 0;
+}
+
+// The method, made once and kept for the process.
+const BIO_METHOD* socketBioMethod() {
+  static BIO_METHOD* method = [] {
+    BIO_METHOD* made = BIO_meth_new(BIO_get_new_index() | BIO_TYPE_SOURCE_SINK, "agent socket");
+    if (made != nullptr) {
+      BIO_meth_set_write(made, socketBioWrite);
+      BIO_meth_set_read(made, socketBioRead);
+      BIO_meth_set_ctrl(made, socketBioControl);
+    }
+    return made;
+  }();
+  return method;
+}
+
+// What a TLS operation that returned `result` waits for: POLLIN, POLLOUT, or 0 when it failed (a
+// fatal error, or close_notify for SSL_ERROR_ZERO_RETURN in `*sslError`).
+short tlsWaitEvents(SocketContext* socket, int result, int* sslError) {
+  *sslError = SSL_get_error(socket->tls, result);
+  if (*sslError == SSL_ERROR_WANT_READ) return POLLIN;
+  if (*sslError == SSL_ERROR_WANT_WRITE) return POLLOUT;
+  if (*sslError == SSL_ERROR_SSL || *sslError == SSL_ERROR_SYSCALL) socket->tlsBroken = true;
+  return 0;
+}
+
+// The handshake, then the pins. 0, or kStreamIoError after the ERROR line that says why.
+int runTlsHandshake(SocketContext* socket, const TlsPins& pins) {
+  const WaitClock::time_point deadline = waitDeadline(socket);
+  char reason[256];
+  for (;;) {
+    ERR_clear_error();
+    errno = 0;
+    int result = SSL_connect(socket->tls);
+    if (result == 1) break;
+    int sslError = 0;
+    short events = tlsWaitEvents(socket, result, &sslError);
+    int ready = events == 0 ? 0 : waitSocket(socket, events, deadline);
+    if (ready == 1) continue;
+    if (ready == kStreamReadTimeout) {
+      snprintf(reason, sizeof reason, "no answer within %d seconds", socket->timeoutSeconds);
+    } else {
+      tlsFailureReason(socket->tls, sslError, reason, sizeof reason);
+    }
+    SLM_TRACE(0, "ERROR - TLS handshake with %s failed: %s", socket->tlsPeer, reason);
+    return kStreamIoError;
+  }
+  if (!peerMatchesPins(socket->tls, pins)) {
+    SLM_TRACE(0, "ERROR - TLS with %s refused: public key pin does not match", socket->tlsPeer);
+    return kStreamIoError;
+  }
+  SLM_TRACE(3, "NET - %s with %s, %s", SSL_get_version(socket->tls), socket->tlsPeer,
+            SSL_get_cipher_name(socket->tls));
+  return 0;
+}
+
+// slm_sread over TLS. Bytes the library holds already decrypted are delivered before any wait:
+// the socket shows nothing for them.
+int readTls(SocketContext* socket, char* data, int len) {
+  if (!exchangeMoving(socket)) return kStreamReadTimeout;
+  const WaitClock::time_point deadline = waitDeadline(socket);
+  for (;;) {
+    ERR_clear_error();
+    errno = 0;
+    size_t received = 0;
+    int result = SSL_read_ex(socket->tls, data, static_cast<size_t>(len), &received);
+    if (result == 1) return static_cast<int>(received);
+    int sslError = 0;
+    short events = tlsWaitEvents(socket, result, &sslError);
+    if (sslError == SSL_ERROR_ZERO_RETURN) return kStreamEndOfData;
+    if (events == 0) {
+      // A connection that ends without close_notify may have been cut short by anybody on the
+      // way: it is an error, not the end of the answer.
+      char reason[256];
+      tlsFailureReason(socket->tls, sslError, reason, sizeof reason);
+      SLM_TRACE(0, "ERROR - TLS with %s broken: %s", socket->tlsPeer, reason);
+      return kStreamIoError;
+    }
+    int ready = waitSocket(socket, events, deadline);
+    if (ready != 1) return ready;
+  }
+}
+
+// slm_swrite over TLS: `len`, or kStreamIoError.
+int writeTls(SocketContext* socket, const char* data, int len) {
+  for (;;) {
+    ERR_clear_error();
+    size_t written = 0;
+    // Without partial writes the library takes all `len` bytes or none; a retry passes the same.
+    int result = SSL_write_ex(socket->tls, data, static_cast<size_t>(len), &written);
+    if (result == 1) return len;
+    int sslError = 0;
+    short events = tlsWaitEvents(socket, result, &sslError);
+    if (events == 0 || waitSocket(socket, events, waitDeadline(socket)) != 1) return kStreamIoError;
   }
 }
 
@@ -422,7 +567,8 @@ int slm_sread(void* context, char* data, int len, int /*flags*/) {
   auto* socketContext = static_cast<SocketContext*>(context);
   int fd = socketContext->socket;
   if (fd < 0) return kStreamIoError;
-  int ready = waitSocket(socketContext, POLLIN);
+  if (socketContext->tls != nullptr) return readTls(socketContext, data, len);
+  int ready = waitSocket(socketContext, POLLIN, waitDeadline(socketContext));
   if (ready != 1) return ready;
   ssize_t received;
   do {
@@ -437,6 +583,7 @@ int slm_sread(void* context, char* data, int len, int /*flags*/) {
 int slm_swrite(void* context, const char* data, int len, int /*flags*/) {
   auto* socketContext = static_cast<SocketContext*>(context);
   if (socketContext->socket < 0 || len < 1 || socketContext->cut) return kStreamIoError;
+  if (socketContext->tls != nullptr) return writeTls(socketContext, data, len);
   int sent = 0;
   while (sent < len) {
     // Never blocking in send: a peer that stops reading is waited for like one that stops
@@ -449,7 +596,7 @@ int slm_swrite(void* context, const char* data, int len, int /*flags*/) {
     } else if (taken < 0 && errno == EINTR) {
       continue;
     } else if (taken < 0 && (errno == EAGAIN || errno == EWOULDBLOCK) &&
-               waitSocket(socketContext, POLLOUT) == 1) {
+               waitSocket(socketContext, POLLOUT, waitDeadline(socketContext)) == 1) {
       continue;
     } else {
       return kStreamIoError;
@@ -458,8 +605,50 @@ int slm_swrite(void* context, const char* data, int len, int /*flags*/) {
   return sent;
 }
 
+int startSocketTls(SlmStream* stream, const char* serverHost, uint16_t serverPort) {
+  auto* socketContext = static_cast<SocketContext*>(stream->context);
+  if (socketContext->socket < 0 || socketContext->tls != nullptr) return kStreamIoError;
+  snprintf(socketContext->tlsPeer, sizeof socketContext->tlsPeer, "%s:%u", serverHost,
+           static_cast<unsigned>(serverPort));
+  TlsPins pins;
+  SSL_CTX* tlsContext = acquireTlsContext(&pins);
+  SSL* tls = tlsContext == nullptr ? nullptr : SSL_new(tlsContext);
+  SSL_CTX_free(tlsContext);  // a connection holds its own reference
+  const BIO_METHOD* method = socketBioMethod();
+  BIO* bio = tls == nullptr || method == nullptr ? nullptr : BIO_new(method);
+  bool started = false;
+  if (tlsContext != nullptr && (bio == nullptr || !setTlsServerName(tls, serverHost))) {
+    SLM_TRACE(0, "ERROR - TLS with %s not started: %s", socketContext->tlsPeer,
+              bio == nullptr ? "no memory" : "the server name is not usable");
+    BIO_free(bio);
+  } else if (bio != nullptr) {
+    BIO_set_data(bio, socketContext);
+    BIO_set_init(bio, 1);
+    SSL_set_bio(tls, bio, bio);
+    socketContext->tls = tls;
+    socketContext->tlsBroken = false;
+    started = runTlsHandshake(socketContext, pins) == 0;
+  }
+  if (started) return 0;
+  // Nothing more goes over this connection, and never in the clear.
+  SSL_free(tls);
+  socketContext->tls = nullptr;
+  close(socketContext->socket);
+  socketContext->socket = -1;
+  return kStreamIoError;
+}
+
 int slm_sclose(void* context) {
   auto* socketContext = static_cast<SocketContext*>(context);
+  if (socketContext->tls != nullptr) {
+    // close_notify, sent once and not waited for: the answer is read or given up by now.
+    if (!socketContext->tlsBroken && !socketContext->cut) {
+      ERR_clear_error();
+      (void)SSL_shutdown(socketContext->tls);
+    }
+    SSL_free(socketContext->tls);
+    socketContext->tls = nullptr;
+  }
   if (socketContext->socket >= 0) close(socketContext->socket);
   socketContext->socket = -1;
   return 0;

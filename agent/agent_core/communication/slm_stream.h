@@ -130,6 +130,14 @@ int convertToAscii(const char* source, char* destination, int length);
 // "ERROR - Exchange with HOST:PORT cut ...", every read gives -5 and every write -3.
 SlmStream* newSocketStream(const char* host, int hostLength, uint16_t port, int16_t timeout);
 void closeSocketStream(SlmStream* stream);
+// Runs TLS over the open socket stream's connection (to the server, or to a proxy's tunnel to it)
+// with the process's TLS context: the certificate checked for `serverHost`, the pins, if any,
+// checked after the handshake, each wait bounded by the stream's time-out. From then on reads and
+// writes carry TLS records; a read gives kStreamEndOfData only after the server's close_notify
+// and kStreamIoError when the connection ends without it; close sends close_notify. 0, or
+// kStreamIoError after an ERROR line naming HOST:PORT and the reason; the stream then carries
+// nothing more and must be closed. The server's port only names it in the trace.
+[[nodiscard]] int startSocketTls(SlmStream* stream, const char* serverHost, uint16_t serverPort);
 int slm_sopen(void* context);  // 0, or kStreamIoError when no address, socket or connection
 int slm_sread(void* context, char* data, int len, int flags);  // count, -3, -5 or -6
 // Sends all `len` bytes: `len`, or -3 when the send fails or waits in vain.

@@ -10,6 +10,7 @@
 #include <string>
 #include <tuple>
 
+#include "agent_core/security_settings.h"
 #include "agent_core/support/trace.h"
 #include "support/loopback_server.h"
 #include "support/temp_root.h"
@@ -47,6 +48,7 @@ class HttpClient : public ::testing::Test {
     setDefaults(kHeaderSubjectId, "");
     setHttpProxy("", 0);
     setHttpContentEncoding("");
+    setSecuritySettings(SecuritySettings{});
     stopTrace();
     setTraceLevel(-1);
   }
@@ -104,6 +106,31 @@ TEST_F(HttpClient, ProxyRequestLineNamesTheServerAndItsPortUnless80) {
     ASSERT_EQ(sendContent(handle.get(), "x", 1), 1);
     EXPECT_EQ(getAnswer(handle.get()), 1);
     EXPECT_EQ(server.request().rfind(start, 0), 0u) << server.request();
+  }
+}
+
+TEST_F(HttpClient, TunnelTheProxyDoesNotOpenIsRefusedAndNothingFollowsTheConnect) {
+  SecuritySettings tls;
+  tls.serverTls = true;
+  setSecuritySettings(tls);
+  const std::pair<const char*, const char*> cases[] = {
+      {"HTTP/1.0 403 Filtered\r\n\r\n", "refused: 403 Filtered"},
+      {"HTTP/1.1 407\r\nProxy-Authenticate: Basic\r\n\r\n", "refused: 407"},
+      // A proxy answering in the server's place.
+      {"HTTP/1.0 200 OK\r\n\r\nHTTP/1.0 200 OK\r\n\r\n", "refused: bytes before the TLS handshake"},
+      {"SSH-2.0-x\r\n", "refused: no HTTP answer"},
+      {"HTTP/1.0 200 Connection established\r\nProxy-agent: x\r\n",
+       "refused: its answer does not end"},
+  };
+  for (const auto& [reply, refusal] : cases) {
+    restartTrace();
+    LoopbackServer proxy(LoopbackScript{.replies = {reply}});
+    setHttpProxy("127.0.0.1", proxy.port());
+    EXPECT_EQ(newHttpHandle(kHttpPost, "/x", "HTTP/1.0", "h", 8443, 5, 0), nullptr) << reply;
+    EXPECT_EQ(proxy.received(), "CONNECT h:8443 HTTP/1.0\r\nHost:h:8443\r\n\r\n");
+    EXPECT_NE(trace().find(std::string("ERROR - Proxy tunnel to h:8443 ") + refusal + "\n"),
+              std::string::npos)
+        << trace();
   }
 }
 

@@ -10,14 +10,17 @@
 
 #include <algorithm>
 #include <cstring>
+#include <optional>
 #include <string>
 #include <tuple>
 #include <vector>
 
+#include "agent_core/security_settings.h"
 #include "agent_core/support/trace.h"
 #include "support/fake_clock.h"
 #include "support/loopback_server.h"
 #include "support/temp_root.h"
+#include "support/test_ca.h"
 
 namespace slm {
 namespace {
@@ -276,38 +279,51 @@ TEST(SlmStream, SocketPastSelectsSetIsReadAndNotInherited) {
   closeSocketStream(lower);
 }
 
-TEST(SlmStream, ExchangeMovingTooLittleInAWindowIsCut) {
+TEST(SlmStream, ExchangeMovingTooLittleInAWindowIsCutInTheClearAndOverTls) {
   test::TempDir dir;
-  startTrace(dir.file("trace.log").c_str());
-  setTraceLevel(0);
-  test::FakeClock clock(1700000000);
-  // A window's worth, then a byte now and then.
-  LoopbackServer server({LoopbackScript::Start::kOnConnect,
-                         {std::string(kExchangeMinimumBytes, 'x'), "y", "z"},
-                         std::chrono::milliseconds(20)});
-  SlmStream* lower = newSocketStream("127.0.0.1", 9, server.port(), 5);
-  ASSERT_EQ(slm_sopen(lower->context), 0);
-  char data[2 * kExchangeMinimumBytes];
-  for (int got = 0; got < kExchangeMinimumBytes;) {
-    int read = slm_sread(lower->context, data, kExchangeMinimumBytes - got, 0);
-    ASSERT_GT(read, 0);
-    got += read;
+  const test::TestCa ca({"127.0.0.1"});
+  SecuritySettings settings;
+  strcpy(settings.tlsCaFile, ca.caFile().c_str());
+  setSecuritySettings(settings);
+  for (bool tls : {false, true}) {
+    SCOPED_TRACE(tls ? "TLS" : "in the clear");
+    startTrace(dir.file("trace.log").c_str());
+    setTraceLevel(0);
+    test::FakeClock clock(1700000000);
+    // A window's worth, then a byte now and then.
+    std::optional<test::LoopbackTls> served;
+    if (tls) served = test::LoopbackTls{ca.certFile(), ca.keyFile()};
+    LoopbackServer server({LoopbackScript::Start::kOnConnect,
+                           {std::string(kExchangeMinimumBytes, 'x'), "y", "z"},
+                           std::chrono::milliseconds(20),
+                           true,
+                           served});
+    SlmStream* lower = newSocketStream("127.0.0.1", 9, server.port(), 5);
+    ASSERT_EQ(slm_sopen(lower->context), 0);
+    ASSERT_EQ(tls ? startSocketTls(lower, "127.0.0.1", server.port()) : 0, 0);
+    char data[2 * kExchangeMinimumBytes];
+    for (int got = 0; got < kExchangeMinimumBytes;) {
+      int read = slm_sread(lower->context, data, kExchangeMinimumBytes - got, 0);
+      ASSERT_GT(read, 0);
+      got += read;
+    }
+    clock.advance(kExchangeWindowSeconds);  // the window moved enough: a new one begins
+    EXPECT_GT(slm_sread(lower->context, data, sizeof data, 0), 0);
+    clock.advance(kExchangeWindowSeconds - 1);  // "z", or the end when it came with "y"
+    EXPECT_NE(slm_sread(lower->context, data, sizeof data, 0), kStreamReadTimeout);
+    clock.advance(1);  // this window moved a byte or two (a few records)
+    EXPECT_EQ(slm_sread(lower->context, data, sizeof data, 0), kStreamReadTimeout);
+    EXPECT_EQ(slm_swrite(lower->context, "late", 4, 0), kStreamIoError);
+    slm_sclose(lower->context);
+    closeSocketStream(lower);
+    stopTrace();
+    setTraceLevel(-1);
+    EXPECT_NE(test::readFile(dir.file("trace.log"))
+                  .find("ERROR - Exchange with 127.0.0.1:" + std::to_string(server.port()) +
+                        " cut: fewer than 1024 bytes in 180 seconds\n"),
+              std::string::npos);
   }
-  clock.advance(kExchangeWindowSeconds);  // the window moved enough: a new one begins
-  EXPECT_GT(slm_sread(lower->context, data, sizeof data, 0), 0);
-  clock.advance(kExchangeWindowSeconds - 1);  // "z", or the end when it came with "y"
-  EXPECT_NE(slm_sread(lower->context, data, sizeof data, 0), kStreamReadTimeout);
-  clock.advance(1);  // this window moved a byte or two
-  EXPECT_EQ(slm_sread(lower->context, data, sizeof data, 0), kStreamReadTimeout);
-  EXPECT_EQ(slm_swrite(lower->context, "late", 4, 0), kStreamIoError);
-  slm_sclose(lower->context);
-  closeSocketStream(lower);
-  stopTrace();
-  setTraceLevel(-1);
-  EXPECT_NE(test::readFile(dir.file("trace.log"))
-                .find("ERROR - Exchange with 127.0.0.1:" + std::to_string(server.port()) +
-                      " cut: fewer than 1024 bytes in 180 seconds\n"),
-            std::string::npos);
+  setSecuritySettings(SecuritySettings{});
 }
 
 TEST(SlmStream, SocketOpenFailsForARefusedPortOrAnUnknownHost) {
