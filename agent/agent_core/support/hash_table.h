@@ -68,4 +68,9 @@ int32_t getHtElementsNum(const HashTable* table);
 void resetHashTable(HashTable* table);
 void deleteHashTable(HashTable* table);
 
+// Zeroed storage for an index of `count` items of `size` bytes, or null when memory is short; and
+// its release, given the same `count` times `size`.
+void* newTableIndex(size_t count, size_t size);
+void freeTableIndex(void* index, size_t bytes);
+
 }  // namespace slm

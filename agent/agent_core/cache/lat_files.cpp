@@ -1,0 +1,509 @@
+// Entries and component lists live in two block stores: blocks that are only appended to and
+// freed all at once, addressed by 32-bit references (a block number, then an offset in 4-byte
+// units). An entry is 26 bytes and its name, rounded up to 4: at a million files of names of a
+// dozen characters that is a tenth of the 408-byte record. The index is an array of slots, each
+// an entry's reference with a 32-bit tag of its file's hash above it, filled by linear probing;
+// entries never leave it one by one, so a free slot always ends a search.
+#include "agent_core/cache/lat_files.h"
+
+#include <cstdlib>
+#include <cstring>
+
+#include "agent_core/support/hash_table.h"
+#include "agent_core/support/large_pages.h"
+
+namespace slm {
+namespace {
+
+// ---- Block stores.
+
+constexpr size_t kUnitBytes = 4;
+constexpr int kOffsetBits = 19;
+constexpr uint32_t kOffsetMask = (uint32_t{1} << kOffsetBits) - 1;
+constexpr size_t kLargeBlockBytes = kLargePageBytes;
+static_assert(kLargeBlockBytes == (size_t{1} << kOffsetBits) * kUnitBytes);
+// The first blocks are small and take ordinary pages, so that a small catalog costs what it
+// holds; past them the blocks are large pages, which a lookup in a big catalog misses the TLB in
+// far less often.
+constexpr size_t kSmallBlockBytes = size_t{256} << 10;
+constexpr uint32_t kSmallBlocks = 8;
+// The last reference is never handed out, so it can mean "none".
+constexpr uint32_t kMaxBlocks = (uint32_t{1} << (32 - kOffsetBits)) - 1;
+constexpr uint32_t kNoRef = UINT32_MAX;
+
+struct Block {
+  uint8_t* bytes;
+  uint32_t capacity;
+  uint32_t used;
+};
+
+struct BlockStore {
+  Block* blocks = nullptr;
+  uint32_t count = 0;
+  uint32_t room = 0;  // of `blocks`
+};
+
+bool addBlock(BlockStore* store) {
+  if (store->count == kMaxBlocks) return false;
+  if (store->count == store->room) {
+    const uint32_t room = store->room == 0 ? 16 : store->room * 2;
+    auto* blocks = static_cast<Block*>(realloc(store->blocks, sizeof(Block) * room));
+    if (blocks == nullptr) return false;
+    store->blocks = blocks;
+    store->room = room;
+  }
+  const bool small = store->count < kSmallBlocks;
+  const size_t bytes = small ? kSmallBlockBytes : kLargeBlockBytes;
+  void* storage = small ? malloc(bytes) : allocateLargePages(bytes);
+  if (storage == nullptr) return false;
+  store->blocks[store->count++] = {static_cast<uint8_t*>(storage), static_cast<uint32_t>(bytes), 0};
+  return true;
+}
+
+void freeBlocks(BlockStore* store) {
+  for (uint32_t i = 0; i < store->count; ++i) {
+    if (i < kSmallBlocks) {
+      free(store->blocks[i].bytes);
+    } else {
+      freeLargePages(store->blocks[i].bytes, store->blocks[i].capacity);
+    }
+  }
+  free(store->blocks);
+  *store = BlockStore{};
+}
+
+// `bytes` (a multiple of kUnitBytes) after everything in the store: their reference, with *at
+// pointing to them; kNoRef when memory is short.
+uint32_t allocateIn(BlockStore* store, size_t bytes, uint8_t** at) {
+  if (store->count == 0 ||
+      store->blocks[store->count - 1].capacity - store->blocks[store->count - 1].used < bytes) {
+    if (!addBlock(store)) return kNoRef;
+  }
+  Block& last = store->blocks[store->count - 1];
+  const uint32_t ref = (store->count - 1) << kOffsetBits | last.used / kUnitBytes;
+  *at = last.bytes + last.used;
+  last.used += static_cast<uint32_t>(bytes);
+  return ref;
+}
+
+uint8_t* bytesAt(const BlockStore& store, uint32_t ref) {
+  return store.blocks[ref >> kOffsetBits].bytes + size_t{ref & kOffsetMask} * kUnitBytes;
+}
+
+constexpr size_t roundToUnit(size_t bytes) {
+  return (bytes + kUnitBytes - 1) / kUnitBytes * kUnitBytes;
+}
+
+// ---- Entries.
+
+constexpr size_t kEntrySizeOffset = 0;
+constexpr size_t kEntryAttribute1Offset = 8;
+constexpr size_t kEntryAttribute2Offset = 12;
+constexpr size_t kEntryIdsOffset = 16;  // the one id, or the reference of the list
+constexpr size_t kEntryKindOffset = 24;
+constexpr size_t kEntryNameLengthOffset = 25;
+constexpr size_t kEntryNameOffset = 26;
+static_assert(kEntrySizeOffset + 8 == kEntryAttribute1Offset);
+static_assert(kEntryAttribute1Offset + 4 == kEntryAttribute2Offset);
+static_assert(kEntryAttribute2Offset + 4 == kEntryIdsOffset);
+static_assert(kEntryIdsOffset + 8 == kEntryKindOffset);
+static_assert(kEntryKindOffset + 1 == kEntryNameLengthOffset);
+static_assert(kEntryNameLengthOffset + 1 == kEntryNameOffset);
+constexpr size_t kMaxNameLength = kFileNameSize - 1;
+static_assert(kMaxNameLength <= UINT8_MAX);
+
+// How an entry holds its component ids.
+constexpr uint8_t kNoIds = 0;   // count 0, every slot 0
+constexpr uint8_t kOneId = 1;   // count 1, the id in slot 0 (whatever it is), the others 0
+constexpr uint8_t kIdList = 2;  // anything else: a list, kept with its count as it came
+
+template <typename T>
+T load(const uint8_t* at) {
+  T value;
+  memcpy(&value, at, sizeof value);
+  return value;
+}
+
+template <typename T>
+void save(uint8_t* at, T value) {
+  memcpy(at, &value, sizeof value);
+}
+
+size_t entryBytes(size_t nameLength) {
+  return roundToUnit(kEntryNameOffset + nameLength);
+}
+
+size_t nameLengthOf(const uint8_t* entry) {
+  return entry[kEntryNameLengthOffset];
+}
+
+const char* nameOf(const uint8_t* entry) {
+  return reinterpret_cast<const char*>(entry + kEntryNameOffset);
+}
+
+// A list: its count as it came (signed 32-bit), the number of ids kept, then the ids. Ids are kept
+// up to the last non-zero slot and at least up to the count, so that the record comes back byte
+// for byte whatever a damaged file held.
+constexpr size_t kListCountOffset = 0;
+constexpr size_t kListKeptOffset = 4;
+constexpr size_t kListIdsOffset = 8;
+
+size_t listBytes(int32_t kept) {
+  return kListIdsOffset + 8 * static_cast<size_t>(kept);
+}
+
+// ---- Names and hashes.
+
+constexpr uint64_t kOnes = 0x0101010101010101u;
+
+// The agent runs in the C locale (it never calls setlocale), where two names are equal without
+// regard to case when their bytes are equal once A-Z are lowered. This lowers eight at once: a
+// byte below 0x80 that lies in 'A'..'Z' gains 0x20.
+uint64_t lowerWord(uint64_t word) {
+  const uint64_t low7 = word & (0x7F * kOnes);
+  const uint64_t fromA = low7 + (0x80 - 'A') * kOnes;
+  const uint64_t pastZ = low7 + (0x80 - 'Z' - 1) * kOnes;
+  const uint64_t upper = fromA & ~pastZ & ~word & (0x80 * kOnes);
+  return word | (upper >> 2);
+}
+
+// Up to eight bytes of `text` from `at`, zeros past `length`.
+uint64_t wordAt(const char* text, size_t at, size_t length) {
+  uint64_t word = 0;
+  if (length - at >= 8) {
+    memcpy(&word, text + at, 8);
+  } else {
+    memcpy(&word, text + at, length - at);
+  }
+  return word;
+}
+
+bool sameNameIgnoringCase(const char* a, const char* b, size_t length) {
+  for (size_t at = 0; at < length; at += 8) {
+    if (lowerWord(wordAt(a, at, length)) != lowerWord(wordAt(b, at, length))) return false;
+  }
+  return true;
+}
+
+// The hash of a file: its size and its lowered name, so that files that share a size (a catalog
+// may hold thousands) spread over the index like any others.
+uint64_t fileHash(int64_t size, const char* name, size_t length) {
+  constexpr uint64_t kMultiplier = 0x9E3779B97F4A7C15u;
+  uint64_t hash = mixBits(static_cast<uint64_t>(size)) ^ length;
+  for (size_t at = 0; at < length; at += 8) {
+    hash = (hash ^ lowerWord(wordAt(name, at, length))) * kMultiplier;
+    hash ^= hash >> 29;
+  }
+  return mixBits(hash);
+}
+
+// ---- Index slots: the tag (the hash's low half, made odd so that a taken slot is never 0) above
+// the entry's reference. A search starts at the home the hash's high half gives.
+
+uint64_t tagOf(uint64_t hash) {
+  return (hash | 1) << 32;
+}
+
+size_t homeOf(uint64_t hash, size_t slotCount) {
+  return static_cast<size_t>(((hash >> 32) * slotCount) >> 32);
+}
+
+constexpr uint64_t kRefMask = 0xFFFFFFFFu;
+
+// The index grows by half when three quarters are taken; a reserved index is two thirds full at
+// most, where a search for a missing file reads about five slots.
+constexpr size_t kLoadNumerator = 3;
+constexpr size_t kLoadDenominator = 4;
+
+uint64_t* newSlots(size_t count) {
+  return static_cast<uint64_t*>(newTableIndex(count, sizeof(uint64_t)));
+}
+
+// The component lists' own index: references plus one (0 is free), grown at half full.
+struct ListSet {
+  uint32_t* slots = nullptr;
+  size_t slotCount = 0;  // a power of two
+  size_t count = 0;
+};
+
+}  // namespace
+
+struct CatalogFiles {
+  BlockStore entries;
+  BlockStore lists;
+  ListSet listSet;
+  uint64_t* slots;
+  size_t slotCount;
+  size_t firstSlotCount;
+  int32_t count;
+};
+
+namespace {
+
+const uint8_t* entryOf(const CatalogFiles* files, uint64_t slot) {
+  return bytesAt(files->entries, static_cast<uint32_t>(slot & kRefMask));
+}
+
+uint64_t entryHash(const uint8_t* entry) {
+  return fileHash(load<int64_t>(entry + kEntrySizeOffset), nameOf(entry), nameLengthOf(entry));
+}
+
+// The slot that holds the file, or slotCount when it is not there.
+size_t findSlot(const CatalogFiles* files, int64_t size, const char* name, size_t length,
+                uint64_t hash) {
+  const uint64_t tag = tagOf(hash);
+  for (size_t at = homeOf(hash, files->slotCount);; at = at + 1 == files->slotCount ? 0 : at + 1) {
+    const uint64_t slot = files->slots[at];
+    if (slot == 0) return files->slotCount;
+    if ((slot & ~kRefMask) != tag) continue;
+    const uint8_t* entry = entryOf(files, slot);
+    if (load<int64_t>(entry + kEntrySizeOffset) == size && nameLengthOf(entry) == length &&
+        sameNameIgnoringCase(nameOf(entry), name, length)) {
+      return at;
+    }
+  }
+}
+
+void placeSlot(uint64_t* slots, size_t slotCount, uint64_t hash, uint64_t slot) {
+  size_t at = homeOf(hash, slotCount);
+  while (slots[at] != 0) at = at + 1 == slotCount ? 0 : at + 1;
+  slots[at] = slot;
+}
+
+// Moves the index into `slotCount` slots. False when memory is short; the index is then unchanged.
+bool resizeIndex(CatalogFiles* files, size_t slotCount) {
+  uint64_t* slots = newSlots(slotCount);
+  if (slots == nullptr) return false;
+  for (size_t i = 0; i < files->slotCount; ++i) {
+    const uint64_t slot = files->slots[i];
+    if (slot != 0) placeSlot(slots, slotCount, entryHash(entryOf(files, slot)), slot);
+  }
+  freeTableIndex(files->slots, files->slotCount * sizeof(uint64_t));
+  files->slots = slots;
+  files->slotCount = slotCount;
+  return true;
+}
+
+uint64_t listHash(const uint8_t* list, size_t bytes) {
+  uint64_t hash = 0;
+  for (size_t at = 0; at < bytes; at += 8) hash = mixBits(hash ^ load<uint64_t>(list + at));
+  return hash;
+}
+
+bool growListSet(CatalogFiles* files) {
+  ListSet& set = files->listSet;
+  const size_t slotCount = set.slotCount == 0 ? 64 : set.slotCount * 2;
+  auto* slots = static_cast<uint32_t*>(calloc(slotCount, sizeof(uint32_t)));
+  if (slots == nullptr) return false;
+  for (size_t i = 0; i < set.slotCount; ++i) {
+    if (set.slots[i] == 0) continue;
+    const uint8_t* list = bytesAt(files->lists, set.slots[i] - 1);
+    size_t at = listHash(list, listBytes(load<int32_t>(list + kListKeptOffset))) & (slotCount - 1);
+    while (slots[at] != 0) at = (at + 1) & (slotCount - 1);
+    slots[at] = set.slots[i];
+  }
+  free(set.slots);
+  set.slots = slots;
+  set.slotCount = slotCount;
+  return true;
+}
+
+// The reference of the list that `list` (of `bytes` bytes) spells, stored on first use; kNoRef
+// when memory is short.
+uint32_t internList(CatalogFiles* files, const uint8_t* list, size_t bytes) {
+  ListSet& set = files->listSet;
+  if ((set.count + 1) * 2 > set.slotCount && !growListSet(files)) return kNoRef;
+  size_t at = listHash(list, bytes) & (set.slotCount - 1);
+  for (; set.slots[at] != 0; at = (at + 1) & (set.slotCount - 1)) {
+    const uint8_t* stored = bytesAt(files->lists, set.slots[at] - 1);
+    if (listBytes(load<int32_t>(stored + kListKeptOffset)) == bytes &&
+        memcmp(stored, list, bytes) == 0) {
+      return set.slots[at] - 1;
+    }
+  }
+  uint8_t* storage = nullptr;
+  const uint32_t ref = allocateIn(&files->lists, bytes, &storage);
+  if (ref == kNoRef) return kNoRef;
+  memcpy(storage, list, bytes);
+  set.slots[at] = ref + 1;
+  ++set.count;
+  return ref;
+}
+
+// How `record` holds its ids: the kind and the value of an entry's ids field. False when a list
+// could not be stored.
+bool idsOf(CatalogFiles* files, const FileRecord& record, uint8_t* kind, uint64_t* value) {
+  int32_t kept = 0;
+  for (int32_t i = 0; i < kMaxFileComponents; ++i) {
+    if (record.componentIds[i] != 0) kept = i + 1;
+  }
+  if (record.componentCount == 0 && kept == 0) {
+    *kind = kNoIds;
+    *value = 0;
+    return true;
+  }
+  if (record.componentCount == 1 && kept <= 1) {
+    *kind = kOneId;
+    *value = static_cast<uint64_t>(record.componentIds[0]);
+    return true;
+  }
+  if (record.componentCount > kept) {
+    kept = record.componentCount > kMaxFileComponents ? kMaxFileComponents : record.componentCount;
+  }
+  uint8_t list[kListIdsOffset + 8 * kMaxFileComponents] = {};
+  save<int32_t>(list + kListCountOffset, record.componentCount);
+  save<int32_t>(list + kListKeptOffset, kept);
+  for (int32_t i = 0; i < kept; ++i)
+    save<int64_t>(list + kListIdsOffset + 8 * i, record.componentIds[i]);
+  const uint32_t ref = internList(files, list, listBytes(kept));
+  if (ref == kNoRef) return false;
+  *kind = kIdList;
+  *value = ref;
+  return true;
+}
+
+// Writes everything of `record` but the name's length into `entry`.
+void fillEntry(uint8_t* entry, const FileRecord& record, size_t length, uint8_t kind,
+               uint64_t ids) {
+  save<int64_t>(entry + kEntrySizeOffset, record.size);
+  save<int32_t>(entry + kEntryAttribute1Offset, record.attribute1);
+  save<int32_t>(entry + kEntryAttribute2Offset, record.attribute2);
+  save<uint64_t>(entry + kEntryIdsOffset, ids);
+  entry[kEntryKindOffset] = kind;
+  memcpy(entry + kEntryNameOffset, record.name, length);
+}
+
+size_t nameLength(const FileRecord& record) {
+  return strnlen(record.name, kMaxNameLength);
+}
+
+}  // namespace
+
+CatalogFiles* newCatalogFiles(size_t slots) {
+  if (slots == 0) return nullptr;
+  auto* files = static_cast<CatalogFiles*>(calloc(1, sizeof(CatalogFiles)));
+  if (files == nullptr) return nullptr;
+  files->slots = newSlots(slots);
+  if (files->slots == nullptr) {
+    free(files);
+    return nullptr;
+  }
+  files->slotCount = slots;
+  files->firstSlotCount = slots;
+  return files;
+}
+
+void deleteCatalogFiles(CatalogFiles* files) {
+  if (files == nullptr) return;
+  freeBlocks(&files->entries);
+  freeBlocks(&files->lists);
+  free(files->listSet.slots);
+  freeTableIndex(files->slots, files->slotCount * sizeof(uint64_t));
+  free(files);
+}
+
+bool reserveCatalogFiles(CatalogFiles* files, size_t count) {
+  const size_t wanted = count + count / 2 + 1;
+  if (wanted <= files->slotCount) return true;
+  return resizeIndex(files, wanted);
+}
+
+const CompactFile* findCatalogFile(const CatalogFiles* files, const FileRecord& key) {
+  const size_t length = nameLength(key);
+  const size_t at =
+      findSlot(files, key.size, key.name, length, fileHash(key.size, key.name, length));
+  if (at == files->slotCount) return nullptr;
+  return reinterpret_cast<const CompactFile*>(entryOf(files, files->slots[at]));
+}
+
+void expandCatalogFile(const CatalogFiles* files, const CompactFile* found, FileRecord* record) {
+  const auto* entry = reinterpret_cast<const uint8_t*>(found);
+  memset(record, 0, sizeof *record);
+  memcpy(record->name, nameOf(entry), nameLengthOf(entry));
+  record->size = load<int64_t>(entry + kEntrySizeOffset);
+  record->attribute1 = load<int32_t>(entry + kEntryAttribute1Offset);
+  record->attribute2 = load<int32_t>(entry + kEntryAttribute2Offset);
+  const uint64_t ids = load<uint64_t>(entry + kEntryIdsOffset);
+  switch (entry[kEntryKindOffset]) {
+    case kOneId:
+      record->componentIds[0] = static_cast<int64_t>(ids);
+      record->componentCount = 1;
+      break;
+    case kIdList: {
+      const uint8_t* list = bytesAt(files->lists, static_cast<uint32_t>(ids));
+      const int32_t kept = load<int32_t>(list + kListKeptOffset);
+      for (int32_t i = 0; i < kept; ++i) {
+        record->componentIds[i] = load<int64_t>(list + kListIdsOffset + 8 * i);
+      }
+      record->componentCount = load<int32_t>(list + kListCountOffset);
+      break;
+    }
+    default:
+      break;
+  }
+}
+
+int putCatalogFile(CatalogFiles* files, const FileRecord& record) {
+  const size_t length = nameLength(record);
+  const uint64_t hash = fileHash(record.size, record.name, length);
+  uint8_t kind = kNoIds;
+  uint64_t ids = 0;
+  const size_t at = findSlot(files, record.size, record.name, length, hash);
+  if (at != files->slotCount) {
+    if (!idsOf(files, record, &kind, &ids)) return kCatalogFileNoMemory;
+    // The same file: its name differs at most in case, so the new one takes the old one's room.
+    fillEntry(const_cast<uint8_t*>(entryOf(files, files->slots[at])), record, length, kind, ids);
+    return kCatalogFileReplaced;
+  }
+  if ((static_cast<size_t>(files->count) + 1) * kLoadDenominator >
+          files->slotCount * kLoadNumerator &&
+      !resizeIndex(files, files->slotCount + files->slotCount / 2 + 1)) {
+    return kCatalogFileNoMemory;
+  }
+  if (!idsOf(files, record, &kind, &ids)) return kCatalogFileNoMemory;
+  uint8_t* entry = nullptr;
+  const uint32_t ref = allocateIn(&files->entries, entryBytes(length), &entry);
+  if (ref == kNoRef) return kCatalogFileNoMemory;
+  memset(entry, 0, entryBytes(length));
+  entry[kEntryNameLengthOffset] = static_cast<uint8_t>(length);
+  fillEntry(entry, record, length, kind, ids);
+  placeSlot(files->slots, files->slotCount, hash, tagOf(hash) | ref);
+  ++files->count;
+  return kCatalogFileAdded;
+}
+
+bool nextCatalogFile(const CatalogFiles* files, CatalogFilesWalk* walk, FileRecord* record) {
+  const BlockStore& store = files->entries;
+  while (walk->block < store.count && walk->offset >= store.blocks[walk->block].used) {
+    ++walk->block;
+    walk->offset = 0;
+  }
+  if (walk->block >= store.count) return false;
+  const uint8_t* entry = store.blocks[walk->block].bytes + walk->offset;
+  expandCatalogFile(files, reinterpret_cast<const CompactFile*>(entry), record);
+  walk->offset += static_cast<uint32_t>(entryBytes(nameLengthOf(entry)));
+  return true;
+}
+
+int32_t catalogFilesCount(const CatalogFiles* files) {
+  return files == nullptr ? 0 : files->count;
+}
+
+void resetCatalogFiles(CatalogFiles* files) {
+  freeBlocks(&files->entries);
+  freeBlocks(&files->lists);
+  free(files->listSet.slots);
+  files->listSet = ListSet{};
+  files->count = 0;
+  // A catalog emptied after it was large does not keep its large index resident.
+  uint64_t* slots = newSlots(files->firstSlotCount);
+  if (slots == nullptr) {
+    memset(files->slots, 0, files->slotCount * sizeof(uint64_t));
+    return;
+  }
+  freeTableIndex(files->slots, files->slotCount * sizeof(uint64_t));
+  files->slots = slots;
+  files->slotCount = files->firstSlotCount;
+}
+
+}  // namespace slm
