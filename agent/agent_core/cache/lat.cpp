@@ -409,7 +409,7 @@ int findFileEntry(const FileRecord* key, FileRecord* record, ComponentRecord* co
     releaseLock(lat.lock);
     return kLatNotFound;
   }
-  expandCatalogFile(lat.files, found, record);
+  expandCatalogFile(found, record);
   if (components != nullptr) {
     *count = 0;
     // A count read from a damaged file never reaches past the record's slots.

@@ -92,7 +92,7 @@ constexpr int32_t kCatalogFileSlots = 4096;
 
 // A load or a download hands its records to the merge in batches of at most this many, so that
 // the records stand in lists beside the tables a batch at a time, never the whole catalog.
-constexpr int32_t kCatalogBatchRecords = 4096;
+constexpr int32_t kCatalogBatchRecords = 1024;
 
 constexpr int kLatOk = 0;
 constexpr int kLatFailed = 1;

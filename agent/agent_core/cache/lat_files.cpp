@@ -1,9 +1,10 @@
 // Entries and component lists live in two block stores: blocks that are only appended to and
-// freed all at once, addressed by 32-bit references (a block number, then an offset in 4-byte
-// units). An entry is 26 bytes and its name, rounded up to 4: at a million files of names of a
-// dozen characters that is a tenth of the 408-byte record. The index is an array of slots, each
-// an entry's reference with a 32-bit tag of its file's hash above it, filled by linear probing;
-// entries never leave it one by one, so a free slot always ends a search.
+// freed all at once, so that nothing stored ever moves. An entry is 26 bytes and its name, rounded
+// up to 4: at a million files of names of a dozen characters that is a tenth of the 408-byte
+// record. The index is an array of slots, each an entry's address with a 16-bit tag of its file's
+// hash above it, filled by linear probing; entries never leave it one by one, so a free slot always
+// ends a search. A lookup reads its slots, the entry and, for a file of several components, the
+// list: nothing else.
 #include "agent_core/cache/lat_files.h"
 
 #include <cstdlib>
@@ -17,19 +18,13 @@ namespace {
 
 // ---- Block stores.
 
-constexpr size_t kUnitBytes = 4;
-constexpr int kOffsetBits = 19;
-constexpr uint32_t kOffsetMask = (uint32_t{1} << kOffsetBits) - 1;
-constexpr size_t kLargeBlockBytes = kLargePageBytes;
-static_assert(kLargeBlockBytes == (size_t{1} << kOffsetBits) * kUnitBytes);
-// The first blocks are small and take ordinary pages, so that a small catalog costs what it
-// holds; past them the blocks are large pages, which a lookup in a big catalog misses the TLB in
-// far less often.
-constexpr size_t kSmallBlockBytes = size_t{256} << 10;
-constexpr uint32_t kSmallBlocks = 8;
-// The last reference is never handed out, so it can mean "none".
-constexpr uint32_t kMaxBlocks = (uint32_t{1} << (32 - kOffsetBits)) - 1;
-constexpr uint32_t kNoRef = UINT32_MAX;
+constexpr size_t kUnitBytes = 4;  // what entries and lists are aligned to
+// The first block takes ordinary pages, so that a catalog of up to some 150,000 files costs what it
+// holds rather than whole large pages. Once a store needs a second block, the first moves to large
+// pages, and every later block is large pages from the start: a lookup in a big catalog then misses
+// the TLB far less often.
+constexpr size_t kFirstBlockBytes = size_t{8} << 20;
+static_assert(kFirstBlockBytes % kLargePageBytes == 0);
 
 struct Block {
   uint8_t* bytes;
@@ -40,11 +35,17 @@ struct Block {
 struct BlockStore {
   Block* blocks = nullptr;
   uint32_t count = 0;
-  uint32_t room = 0;  // of `blocks`
+  uint32_t room = 0;   // of `blocks`
+  bool large = false;  // the first block has moved to large pages
 };
 
+void moveFirstBlock(BlockStore* store) {
+  if (store->large || store->count == 0) return;
+  moveToLargePages(store->blocks[0].bytes, store->blocks[0].capacity);
+  store->large = true;
+}
+
 bool addBlock(BlockStore* store) {
-  if (store->count == kMaxBlocks) return false;
   if (store->count == store->room) {
     const uint32_t room = store->room == 0 ? 16 : store->room * 2;
     auto* blocks = static_cast<Block*>(realloc(store->blocks, sizeof(Block) * room));
@@ -52,42 +53,32 @@ bool addBlock(BlockStore* store) {
     store->blocks = blocks;
     store->room = room;
   }
-  const bool small = store->count < kSmallBlocks;
-  const size_t bytes = small ? kSmallBlockBytes : kLargeBlockBytes;
-  void* storage = small ? malloc(bytes) : allocateLargePages(bytes);
+  const size_t bytes = store->count == 0 ? kFirstBlockBytes : kLargePageBytes;
+  void* storage = store->count == 0 ? allocateSmallPages(bytes) : allocateLargePages(bytes);
   if (storage == nullptr) return false;
+  if (store->count == 1) moveFirstBlock(store);
   store->blocks[store->count++] = {static_cast<uint8_t*>(storage), static_cast<uint32_t>(bytes), 0};
   return true;
 }
 
 void freeBlocks(BlockStore* store) {
   for (uint32_t i = 0; i < store->count; ++i) {
-    if (i < kSmallBlocks) {
-      free(store->blocks[i].bytes);
-    } else {
-      freeLargePages(store->blocks[i].bytes, store->blocks[i].capacity);
-    }
+    freeLargePages(store->blocks[i].bytes, store->blocks[i].capacity);
   }
   free(store->blocks);
   *store = BlockStore{};
 }
 
-// `bytes` (a multiple of kUnitBytes) after everything in the store: their reference, with *at
-// pointing to them; kNoRef when memory is short.
-uint32_t allocateIn(BlockStore* store, size_t bytes, uint8_t** at) {
-  if (store->count == 0 ||
-      store->blocks[store->count - 1].capacity - store->blocks[store->count - 1].used < bytes) {
-    if (!addBlock(store)) return kNoRef;
+// `bytes` (a multiple of kUnitBytes) after everything in the store, or null when memory is short.
+uint8_t* allocateIn(BlockStore* store, size_t bytes) {
+  const Block* last = store->count == 0 ? nullptr : &store->blocks[store->count - 1];
+  if (last == nullptr || last->capacity - last->used < bytes) {
+    if (!addBlock(store)) return nullptr;
   }
-  Block& last = store->blocks[store->count - 1];
-  const uint32_t ref = (store->count - 1) << kOffsetBits | last.used / kUnitBytes;
-  *at = last.bytes + last.used;
-  last.used += static_cast<uint32_t>(bytes);
-  return ref;
-}
-
-uint8_t* bytesAt(const BlockStore& store, uint32_t ref) {
-  return store.blocks[ref >> kOffsetBits].bytes + size_t{ref & kOffsetMask} * kUnitBytes;
+  Block& block = store->blocks[store->count - 1];
+  uint8_t* at = block.bytes + block.used;
+  block.used += static_cast<uint32_t>(bytes);
+  return at;
 }
 
 constexpr size_t roundToUnit(size_t bytes) {
@@ -99,7 +90,7 @@ constexpr size_t roundToUnit(size_t bytes) {
 constexpr size_t kEntrySizeOffset = 0;
 constexpr size_t kEntryAttribute1Offset = 8;
 constexpr size_t kEntryAttribute2Offset = 12;
-constexpr size_t kEntryIdsOffset = 16;  // the one id, or the reference of the list
+constexpr size_t kEntryIdsOffset = 16;  // the one id, or the address of the list
 constexpr size_t kEntryKindOffset = 24;
 constexpr size_t kEntryNameLengthOffset = 25;
 constexpr size_t kEntryNameOffset = 26;
@@ -197,18 +188,23 @@ uint64_t fileHash(int64_t size, const char* name, size_t length) {
   return mixBits(hash);
 }
 
-// ---- Index slots: the tag (the hash's low half, made odd so that a taken slot is never 0) above
-// the entry's reference. A search starts at the home the hash's high half gives.
+// ---- Index slots: a user-space address takes at most 48 bits; the tag, 16 low bits of the hash,
+// stands above it. A search starts at the home the hash's high half gives.
+
+constexpr int kTagShift = 48;
+constexpr uint64_t kAddressMask = (uint64_t{1} << kTagShift) - 1;
 
 uint64_t tagOf(uint64_t hash) {
-  return (hash | 1) << 32;
+  return hash << kTagShift;
 }
 
 size_t homeOf(uint64_t hash, size_t slotCount) {
   return static_cast<size_t>(((hash >> 32) * slotCount) >> 32);
 }
 
-constexpr uint64_t kRefMask = 0xFFFFFFFFu;
+uint8_t* entryOf(uint64_t slot) {
+  return reinterpret_cast<uint8_t*>(slot & kAddressMask);
+}
 
 // The index grows by half when three quarters are taken; a reserved index is two thirds full at
 // most, where a search for a missing file reads about five slots.
@@ -219,9 +215,9 @@ uint64_t* newSlots(size_t count) {
   return static_cast<uint64_t*>(newTableIndex(count, sizeof(uint64_t)));
 }
 
-// The component lists' own index: references plus one (0 is free), grown at half full.
+// The component lists' own index: their addresses (null is free), grown at half full.
 struct ListSet {
-  uint32_t* slots = nullptr;
+  const uint8_t** slots = nullptr;
   size_t slotCount = 0;  // a power of two
   size_t count = 0;
 };
@@ -240,10 +236,6 @@ struct CatalogFiles {
 
 namespace {
 
-const uint8_t* entryOf(const CatalogFiles* files, uint64_t slot) {
-  return bytesAt(files->entries, static_cast<uint32_t>(slot & kRefMask));
-}
-
 uint64_t entryHash(const uint8_t* entry) {
   return fileHash(load<int64_t>(entry + kEntrySizeOffset), nameOf(entry), nameLengthOf(entry));
 }
@@ -255,8 +247,8 @@ size_t findSlot(const CatalogFiles* files, int64_t size, const char* name, size_
   for (size_t at = homeOf(hash, files->slotCount);; at = at + 1 == files->slotCount ? 0 : at + 1) {
     const uint64_t slot = files->slots[at];
     if (slot == 0) return files->slotCount;
-    if ((slot & ~kRefMask) != tag) continue;
-    const uint8_t* entry = entryOf(files, slot);
+    if ((slot & ~kAddressMask) != tag) continue;
+    const uint8_t* entry = entryOf(slot);
     if (load<int64_t>(entry + kEntrySizeOffset) == size && nameLengthOf(entry) == length &&
         sameNameIgnoringCase(nameOf(entry), name, length)) {
       return at;
@@ -276,7 +268,7 @@ bool resizeIndex(CatalogFiles* files, size_t slotCount) {
   if (slots == nullptr) return false;
   for (size_t i = 0; i < files->slotCount; ++i) {
     const uint64_t slot = files->slots[i];
-    if (slot != 0) placeSlot(slots, slotCount, entryHash(entryOf(files, slot)), slot);
+    if (slot != 0) placeSlot(slots, slotCount, entryHash(entryOf(slot)), slot);
   }
   freeTableIndex(files->slots, files->slotCount * sizeof(uint64_t));
   files->slots = slots;
@@ -290,44 +282,42 @@ uint64_t listHash(const uint8_t* list, size_t bytes) {
   return hash;
 }
 
-bool growListSet(CatalogFiles* files) {
-  ListSet& set = files->listSet;
-  const size_t slotCount = set.slotCount == 0 ? 64 : set.slotCount * 2;
-  auto* slots = static_cast<uint32_t*>(calloc(slotCount, sizeof(uint32_t)));
+bool growListSet(ListSet* set) {
+  const size_t slotCount = set->slotCount == 0 ? 64 : set->slotCount * 2;
+  auto* slots = static_cast<const uint8_t**>(calloc(slotCount, sizeof(uint8_t*)));
   if (slots == nullptr) return false;
-  for (size_t i = 0; i < set.slotCount; ++i) {
-    if (set.slots[i] == 0) continue;
-    const uint8_t* list = bytesAt(files->lists, set.slots[i] - 1);
+  for (size_t i = 0; i < set->slotCount; ++i) {
+    const uint8_t* list = set->slots[i];
+    if (list == nullptr) continue;
     size_t at = listHash(list, listBytes(load<int32_t>(list + kListKeptOffset))) & (slotCount - 1);
-    while (slots[at] != 0) at = (at + 1) & (slotCount - 1);
-    slots[at] = set.slots[i];
+    while (slots[at] != nullptr) at = (at + 1) & (slotCount - 1);
+    slots[at] = list;
   }
-  free(set.slots);
-  set.slots = slots;
-  set.slotCount = slotCount;
+  free(set->slots);
+  set->slots = slots;
+  set->slotCount = slotCount;
   return true;
 }
 
-// The reference of the list that `list` (of `bytes` bytes) spells, stored on first use; kNoRef
-// when memory is short.
-uint32_t internList(CatalogFiles* files, const uint8_t* list, size_t bytes) {
+// The stored list whose bytes are `list` (`bytes` of them), stored on first use; null when memory
+// is short.
+const uint8_t* internList(CatalogFiles* files, const uint8_t* list, size_t bytes) {
   ListSet& set = files->listSet;
-  if ((set.count + 1) * 2 > set.slotCount && !growListSet(files)) return kNoRef;
+  if ((set.count + 1) * 2 > set.slotCount && !growListSet(&set)) return nullptr;
   size_t at = listHash(list, bytes) & (set.slotCount - 1);
-  for (; set.slots[at] != 0; at = (at + 1) & (set.slotCount - 1)) {
-    const uint8_t* stored = bytesAt(files->lists, set.slots[at] - 1);
+  for (; set.slots[at] != nullptr; at = (at + 1) & (set.slotCount - 1)) {
+    const uint8_t* stored = set.slots[at];
     if (listBytes(load<int32_t>(stored + kListKeptOffset)) == bytes &&
         memcmp(stored, list, bytes) == 0) {
-      return set.slots[at] - 1;
+      return stored;
     }
   }
-  uint8_t* storage = nullptr;
-  const uint32_t ref = allocateIn(&files->lists, bytes, &storage);
-  if (ref == kNoRef) return kNoRef;
+  uint8_t* storage = allocateIn(&files->lists, bytes);
+  if (storage == nullptr) return nullptr;
   memcpy(storage, list, bytes);
-  set.slots[at] = ref + 1;
+  set.slots[at] = storage;
   ++set.count;
-  return ref;
+  return storage;
 }
 
 // How `record` holds its ids: the kind and the value of an entry's ids field. False when a list
@@ -353,12 +343,13 @@ bool idsOf(CatalogFiles* files, const FileRecord& record, uint8_t* kind, uint64_
   uint8_t list[kListIdsOffset + 8 * kMaxFileComponents] = {};
   save<int32_t>(list + kListCountOffset, record.componentCount);
   save<int32_t>(list + kListKeptOffset, kept);
-  for (int32_t i = 0; i < kept; ++i)
+  for (int32_t i = 0; i < kept; ++i) {
     save<int64_t>(list + kListIdsOffset + 8 * i, record.componentIds[i]);
-  const uint32_t ref = internList(files, list, listBytes(kept));
-  if (ref == kNoRef) return false;
+  }
+  const uint8_t* stored = internList(files, list, listBytes(kept));
+  if (stored == nullptr) return false;
   *kind = kIdList;
-  *value = ref;
+  *value = reinterpret_cast<uintptr_t>(stored);
   return true;
 }
 
@@ -413,10 +404,10 @@ const CompactFile* findCatalogFile(const CatalogFiles* files, const FileRecord& 
   const size_t at =
       findSlot(files, key.size, key.name, length, fileHash(key.size, key.name, length));
   if (at == files->slotCount) return nullptr;
-  return reinterpret_cast<const CompactFile*>(entryOf(files, files->slots[at]));
+  return reinterpret_cast<const CompactFile*>(entryOf(files->slots[at]));
 }
 
-void expandCatalogFile(const CatalogFiles* files, const CompactFile* found, FileRecord* record) {
+void expandCatalogFile(const CompactFile* found, FileRecord* record) {
   const auto* entry = reinterpret_cast<const uint8_t*>(found);
   memset(record, 0, sizeof *record);
   memcpy(record->name, nameOf(entry), nameLengthOf(entry));
@@ -430,7 +421,7 @@ void expandCatalogFile(const CatalogFiles* files, const CompactFile* found, File
       record->componentCount = 1;
       break;
     case kIdList: {
-      const uint8_t* list = bytesAt(files->lists, static_cast<uint32_t>(ids));
+      const auto* list = reinterpret_cast<const uint8_t*>(static_cast<uintptr_t>(ids));
       const int32_t kept = load<int32_t>(list + kListKeptOffset);
       for (int32_t i = 0; i < kept; ++i) {
         record->componentIds[i] = load<int64_t>(list + kListIdsOffset + 8 * i);
@@ -452,7 +443,7 @@ int putCatalogFile(CatalogFiles* files, const FileRecord& record) {
   if (at != files->slotCount) {
     if (!idsOf(files, record, &kind, &ids)) return kCatalogFileNoMemory;
     // The same file: its name differs at most in case, so the new one takes the old one's room.
-    fillEntry(const_cast<uint8_t*>(entryOf(files, files->slots[at])), record, length, kind, ids);
+    fillEntry(entryOf(files->slots[at]), record, length, kind, ids);
     return kCatalogFileReplaced;
   }
   if ((static_cast<size_t>(files->count) + 1) * kLoadDenominator >
@@ -461,13 +452,18 @@ int putCatalogFile(CatalogFiles* files, const FileRecord& record) {
     return kCatalogFileNoMemory;
   }
   if (!idsOf(files, record, &kind, &ids)) return kCatalogFileNoMemory;
-  uint8_t* entry = nullptr;
-  const uint32_t ref = allocateIn(&files->entries, entryBytes(length), &entry);
-  if (ref == kNoRef) return kCatalogFileNoMemory;
+  uint8_t* entry = allocateIn(&files->entries, entryBytes(length));
+  if (entry == nullptr) return kCatalogFileNoMemory;
+  // The lists of a big catalog are read as often as its entries are.
+  if (files->entries.large) moveFirstBlock(&files->lists);
+  const auto address = reinterpret_cast<uintptr_t>(entry);
+  // Not an address a slot can hold: the file is refused as if memory were short (its bytes stay
+  // unused, outside every walk's reach but the block's own).
+  if ((address & ~kAddressMask) != 0) return kCatalogFileNoMemory;
   memset(entry, 0, entryBytes(length));
   entry[kEntryNameLengthOffset] = static_cast<uint8_t>(length);
   fillEntry(entry, record, length, kind, ids);
-  placeSlot(files->slots, files->slotCount, hash, tagOf(hash) | ref);
+  placeSlot(files->slots, files->slotCount, hash, tagOf(hash) | address);
   ++files->count;
   return kCatalogFileAdded;
 }
@@ -480,7 +476,7 @@ bool nextCatalogFile(const CatalogFiles* files, CatalogFilesWalk* walk, FileReco
   }
   if (walk->block >= store.count) return false;
   const uint8_t* entry = store.blocks[walk->block].bytes + walk->offset;
-  expandCatalogFile(files, reinterpret_cast<const CompactFile*>(entry), record);
+  expandCatalogFile(reinterpret_cast<const CompactFile*>(entry), record);
   walk->offset += static_cast<uint32_t>(entryBytes(nameLengthOf(entry)));
   return true;
 }

@@ -27,7 +27,7 @@ bool reserveCatalogFiles(CatalogFiles* files, size_t count);
 // when there is none.
 const CompactFile* findCatalogFile(const CatalogFiles* files, const FileRecord& key);
 // The record `entry` was last stored from; the name comes out zero-padded.
-void expandCatalogFile(const CatalogFiles* files, const CompactFile* entry, FileRecord* record);
+void expandCatalogFile(const CompactFile* entry, FileRecord* record);
 
 constexpr int kCatalogFileAdded = 0;
 constexpr int kCatalogFileReplaced = 1;

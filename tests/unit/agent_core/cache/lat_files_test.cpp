@@ -31,7 +31,7 @@ std::string found(const CatalogFiles* files, const FileRecord& key) {
   const CompactFile* entry = findCatalogFile(files, key);
   if (entry == nullptr) return "";
   FileRecord record;
-  expandCatalogFile(files, entry, &record);
+  expandCatalogFile(entry, &record);
   return record.name;
 }
 
