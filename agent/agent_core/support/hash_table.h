@@ -1,8 +1,9 @@
 // The hash table: values of a fixed size keyed by non-negative 64-bit integers, a fixed number of
 // buckets (never rehashed), entries taken from an arena. Optionally several entries per key, told
-// apart by their values; among equal keys the newest is found first. One very large table (the
-// catalog's files) takes an open-addressed index instead of buckets. No locking: the owner guards
-// each table, walks included.
+// apart by their values; among equal keys the newest is found first. A very large table may take an
+// open-addressed index instead of buckets (the catalog's files had one before they were kept
+// compact; its benchmarks still compare with that layout). No locking: the owner guards each table,
+// walks included.
 #pragma once
 
 #include <cstddef>
