@@ -7,6 +7,7 @@
 // list: nothing else.
 #include "agent_core/cache/lat_files.h"
 
+#include <bit>
 #include <cstdlib>
 #include <cstring>
 
@@ -24,6 +25,8 @@ constexpr size_t kUnitBytes = 4;  // what entries and lists are aligned to
 // pages, and every later block is large pages from the start: a lookup in a big catalog then misses
 // the TLB far less often.
 constexpr size_t kFirstBlockBytes = size_t{8} << 20;
+// Left unused at the end of every block, so that a name's last word can be read whole.
+constexpr size_t kBlockSpareBytes = 8;
 static_assert(kFirstBlockBytes % kLargePageBytes == 0);
 
 struct Block {
@@ -41,7 +44,7 @@ struct BlockStore {
 
 void moveFirstBlock(BlockStore* store) {
   if (store->large || store->count == 0) return;
-  moveToLargePages(store->blocks[0].bytes, store->blocks[0].capacity);
+  moveToLargePages(store->blocks[0].bytes, store->blocks[0].capacity + kBlockSpareBytes);
   store->large = true;
 }
 
@@ -57,13 +60,14 @@ bool addBlock(BlockStore* store) {
   void* storage = store->count == 0 ? allocateSmallPages(bytes) : allocateLargePages(bytes);
   if (storage == nullptr) return false;
   if (store->count == 1) moveFirstBlock(store);
-  store->blocks[store->count++] = {static_cast<uint8_t*>(storage), static_cast<uint32_t>(bytes), 0};
+  store->blocks[store->count++] = {static_cast<uint8_t*>(storage),
+                                   static_cast<uint32_t>(bytes - kBlockSpareBytes), 0};
   return true;
 }
 
 void freeBlocks(BlockStore* store) {
   for (uint32_t i = 0; i < store->count; ++i) {
-    freeLargePages(store->blocks[i].bytes, store->blocks[i].capacity);
+    freeLargePages(store->blocks[i].bytes, store->blocks[i].capacity + kBlockSpareBytes);
   }
   free(store->blocks);
   *store = BlockStore{};
@@ -158,15 +162,15 @@ uint64_t lowerWord(uint64_t word) {
   return word | (upper >> 2);
 }
 
-// Up to eight bytes of `text` from `at`, zeros past `length`.
+// Eight bytes of `text` from `at`, those past `length` made zero. All eight are read: a name is
+// either in a record's 256-byte field, whose last word ends inside it, or in an entry, which a
+// block's spare bytes follow.
 uint64_t wordAt(const char* text, size_t at, size_t length) {
-  uint64_t word = 0;
-  if (length - at >= 8) {
-    memcpy(&word, text + at, 8);
-  } else {
-    memcpy(&word, text + at, length - at);
-  }
-  return word;
+  static_assert(std::endian::native == std::endian::little);
+  uint64_t word;
+  memcpy(&word, text + at, sizeof word);
+  const size_t left = length - at;
+  return left >= 8 ? word : word & ((uint64_t{1} << (8 * left)) - 1);
 }
 
 bool sameNameIgnoringCase(const char* a, const char* b, size_t length) {
@@ -180,7 +184,7 @@ bool sameNameIgnoringCase(const char* a, const char* b, size_t length) {
 // may hold thousands) spread over the index like any others.
 uint64_t fileHash(int64_t size, const char* name, size_t length) {
   constexpr uint64_t kMultiplier = 0x9E3779B97F4A7C15u;
-  uint64_t hash = mixBits(static_cast<uint64_t>(size)) ^ length;
+  uint64_t hash = static_cast<uint64_t>(size) * kMultiplier + length;
   for (size_t at = 0; at < length; at += 8) {
     hash = (hash ^ lowerWord(wordAt(name, at, length))) * kMultiplier;
     hash ^= hash >> 29;
@@ -364,8 +368,21 @@ void fillEntry(uint8_t* entry, const FileRecord& record, size_t length, uint8_t 
   memcpy(entry + kEntryNameOffset, record.name, length);
 }
 
+// strnlen(name, kMaxNameLength) of a record's name field, eight bytes at a time: a lookup's key is
+// measured on every process start.
 size_t nameLength(const FileRecord& record) {
-  return strnlen(record.name, kMaxNameLength);
+  static_assert(kFileNameSize % 8 == 0);
+  for (size_t at = 0; at < kFileNameSize; at += 8) {
+    uint64_t word;
+    memcpy(&word, record.name + at, sizeof word);
+    // The lowest byte that is zero sets its top bit here; bytes above it may too.
+    const uint64_t zeros = (word - kOnes) & ~word & (0x80 * kOnes);
+    if (zeros != 0) {
+      const size_t length = at + static_cast<size_t>(std::countr_zero(zeros)) / 8;
+      return length < kMaxNameLength ? length : kMaxNameLength;
+    }
+  }
+  return kMaxNameLength;
 }
 
 }  // namespace
