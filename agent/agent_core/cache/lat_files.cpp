@@ -27,6 +27,10 @@ constexpr size_t kUnitBytes = 4;  // what entries and lists are aligned to
 constexpr size_t kFirstBlockBytes = size_t{8} << 20;
 // Left unused at the end of every block, so that a name's last word can be read whole.
 constexpr size_t kBlockSpareBytes = 8;
+// An index slot holds an entry's address in its low 48 bits, which hold every user-space address
+// but those a kernel hands out only when asked for them.
+constexpr int kTagShift = 48;
+constexpr uint64_t kAddressMask = (uint64_t{1} << kTagShift) - 1;
 static_assert(kFirstBlockBytes % kLargePageBytes == 0);
 
 struct Block {
@@ -59,6 +63,11 @@ bool addBlock(BlockStore* store) {
   const size_t bytes = store->count == 0 ? kFirstBlockBytes : kLargePageBytes;
   void* storage = store->count == 0 ? allocateSmallPages(bytes) : allocateLargePages(bytes);
   if (storage == nullptr) return false;
+  if (((reinterpret_cast<uintptr_t>(storage) + bytes) & ~kAddressMask) != 0) {
+    // Storage a slot could not point into is refused as if memory were short.
+    freeLargePages(storage, bytes);
+    return false;
+  }
   if (store->count == 1) moveFirstBlock(store);
   store->blocks[store->count++] = {static_cast<uint8_t*>(storage),
                                    static_cast<uint32_t>(bytes - kBlockSpareBytes), 0};
@@ -192,11 +201,8 @@ uint64_t fileHash(int64_t size, const char* name, size_t length) {
   return mixBits(hash);
 }
 
-// ---- Index slots: a user-space address takes at most 48 bits; the tag, 16 low bits of the hash,
-// stands above it. A search starts at the home the hash's high half gives.
-
-constexpr int kTagShift = 48;
-constexpr uint64_t kAddressMask = (uint64_t{1} << kTagShift) - 1;
+// ---- Index slots: the entry's address, and above it the tag, 16 low bits of the hash. A search
+// starts at the home the hash's high half gives.
 
 uint64_t tagOf(uint64_t hash) {
   return hash << kTagShift;
@@ -473,14 +479,10 @@ int putCatalogFile(CatalogFiles* files, const FileRecord& record) {
   if (entry == nullptr) return kCatalogFileNoMemory;
   // The lists of a big catalog are read as often as its entries are.
   if (files->entries.large) moveFirstBlock(&files->lists);
-  const auto address = reinterpret_cast<uintptr_t>(entry);
-  // Not an address a slot can hold: the file is refused as if memory were short (its bytes stay
-  // unused, outside every walk's reach but the block's own).
-  if ((address & ~kAddressMask) != 0) return kCatalogFileNoMemory;
   memset(entry, 0, entryBytes(length));
   entry[kEntryNameLengthOffset] = static_cast<uint8_t>(length);
   fillEntry(entry, record, length, kind, ids);
-  placeSlot(files->slots, files->slotCount, hash, tagOf(hash) | address);
+  placeSlot(files->slots, files->slotCount, hash, tagOf(hash) | reinterpret_cast<uintptr_t>(entry));
   ++files->count;
   return kCatalogFileAdded;
 }
