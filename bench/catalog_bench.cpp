@@ -75,8 +75,8 @@ struct CatalogFile {
   int64_t size;
   int32_t attribute1;
   int32_t attribute2;
-  int32_t componentCount;  // 1 to 3
-  int64_t componentIds[3];
+  int32_t componentCount;  // 1 to 16
+  int64_t componentIds[kMaxFileComponents];
 };
 
 // Stems of executable names as catalogs hold them, and stems no catalog name starts like, so that a
@@ -149,6 +149,12 @@ struct GeneratedCatalog {
   std::vector<int64_t> sortedSizes;  // every size in `files`
 };
 
+// How many components a catalog file belongs to, as in the catalogs of large organisations: one,
+// but for 1% of the files 2 to 16.
+int32_t drawComponentCount(std::mt19937_64& random) {
+  return random() % 100 == 0 ? 2 + static_cast<int32_t>(random() % 15) : 1;
+}
+
 // The largest catalog of the run, generated once. Every smaller catalog is a prefix of it. Sizes
 // are unique but for ~1% pairs of files that share a size under different names; a drawn size
 // that is taken is drawn again, so every prefix keeps close to the log-uniform spread.
@@ -169,8 +175,10 @@ const GeneratedCatalog& generatedCatalog() {
       taken[static_cast<size_t>(file.size)] = true;
       file.attribute1 = static_cast<int32_t>(random() % 4);
       file.attribute2 = static_cast<int32_t>(random() % 4);
-      file.componentCount = 1 + static_cast<int32_t>(random() % 3);
-      for (int64_t& id : file.componentIds) id = 1 + static_cast<int64_t>(random() % kComponents);
+      file.componentCount = drawComponentCount(random);
+      for (int32_t c = 0; c < file.componentCount; ++c) {
+        file.componentIds[c] = 1 + static_cast<int64_t>(random() % kComponents);
+      }
       generated.files.push_back(file);
       if (random() % 100 == 0 && generated.files.size() < count) {
         CatalogFile twin = file;
@@ -673,7 +681,7 @@ std::string catalogDat(int64_t count) {
     const size_t length = 8 + random() % 17;
     for (size_t c = 0; c < length; ++c) file.name[c] = kNameCharacters[random() % 39];
     file.size = kMinSizeBytes + 7 * i;
-    file.componentCount = random() % 100 == 0 ? 2 + static_cast<int32_t>(random() % 15) : 1;
+    file.componentCount = drawComponentCount(random);
     for (int32_t c = 0; c < file.componentCount; ++c) {
       file.componentIds[c] = 1 + static_cast<int64_t>(random() % kComponents);
     }
