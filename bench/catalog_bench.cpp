@@ -1,9 +1,10 @@
 // Catalog benchmarks: file lookups in the catalog's compact files table beside the same lookups
 // in the layout it replaced (408-byte records in an open index), in a tight loop and with the
 // caches emptied before each lookup; the merge and the download parser on a canned answer, the
-// download from the reference server's generator; and the memory of the real daemon that loads a
-// large catalog.dat. The large sizes (100k and 1M files) and the generator download are
-// registered only with SLM_BENCH_FULL=1; without it one short pass on 10k files keeps every
+// download from the reference server's generator; and the memory of the real daemon (the build's
+// own kvdagent, or KVDAGENT_BIN; SLM_BENCH_OTHER_AGENT names another build to measure beside it)
+// that loads a large catalog.dat. The large sizes (100k and 1M files) and the generator download
+// are registered only with SLM_BENCH_FULL=1; without it one short pass on 10k files keeps every
 // benchmark compiling and running. Runs on the benchmark thread; the canned answer comes from a
 // loopback server thread, the daemon is a process of its own.
 #include <benchmark/benchmark.h>
