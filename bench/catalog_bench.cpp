@@ -1,13 +1,19 @@
-// Catalog benchmarks: file lookups in the catalog's files table (its open index) beside a million
-// and the containers' usual 101 chained buckets, in a tight loop and with the caches emptied before
-// each lookup; the merge and the download parser on a canned answer, the download from the
-// reference server's generator, and the memory a loaded catalog holds. The large sizes (100k and
-// 1M files) and the generator download are registered only with SLM_BENCH_FULL=1; without it one
-// short pass on 10k files keeps every benchmark compiling and running. Runs on the benchmark
-// thread; the canned answer comes from a loopback server thread.
+// Catalog benchmarks: file lookups in the catalog's compact files table beside the same lookups
+// in the layout it replaced (408-byte records in an open index), in a tight loop and with the
+// caches emptied before each lookup; the merge and the download parser on a canned answer, the
+// download from the reference server's generator; and the memory of the real daemon (the build's
+// own kvdagent, or KVDAGENT_BIN; SLM_BENCH_OTHER_AGENT names another build to measure beside it)
+// that loads a large catalog.dat. The large sizes (100k and 1M files) and the generator download
+// are registered only with SLM_BENCH_FULL=1; without it one short pass on 10k files keeps every
+// benchmark compiling and running. Runs on the benchmark thread; the canned answer comes from a
+// loopback server thread, the daemon is a process of its own.
 #include <benchmark/benchmark.h>
 #include <malloc.h>
+#include <signal.h>
+#include <spawn.h>
 #include <strings.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -16,13 +22,16 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <optional>
 #include <random>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "agent_core/cache/agent.h"
+#include "agent_core/cache/cache_file.h"
 #include "agent_core/cache/lat.h"
 #include "agent_core/cache/srvs.h"
 #include "agent_core/communication/catalog.h"
@@ -31,6 +40,7 @@
 #include "agent_core/support/bytes.h"
 #include "agent_core/support/hash_table.h"
 #include "agent_core/support/slm_list.h"
+#include "agent_core/support/slm_lock.h"
 #include "agent_core/support/trace.h"
 #include "agent_core/support/unix_common.h"
 #include "support/loopback_server.h"
@@ -66,8 +76,8 @@ struct CatalogFile {
   int64_t size;
   int32_t attribute1;
   int32_t attribute2;
-  int32_t componentCount;  // 1 to 3
-  int64_t componentIds[3];
+  int32_t componentCount;  // 1 to 16
+  int64_t componentIds[kMaxFileComponents];
 };
 
 // Stems of executable names as catalogs hold them, and stems no catalog name starts like, so that a
@@ -140,6 +150,12 @@ struct GeneratedCatalog {
   std::vector<int64_t> sortedSizes;  // every size in `files`
 };
 
+// How many components a catalog file belongs to, as in the catalogs of large organisations: one,
+// but for 1% of the files 2 to 16.
+int32_t drawComponentCount(std::mt19937_64& random) {
+  return random() % 100 == 0 ? 2 + static_cast<int32_t>(random() % 15) : 1;
+}
+
 // The largest catalog of the run, generated once. Every smaller catalog is a prefix of it. Sizes
 // are unique but for ~1% pairs of files that share a size under different names; a drawn size
 // that is taken is drawn again, so every prefix keeps close to the log-uniform spread.
@@ -160,8 +176,10 @@ const GeneratedCatalog& generatedCatalog() {
       taken[static_cast<size_t>(file.size)] = true;
       file.attribute1 = static_cast<int32_t>(random() % 4);
       file.attribute2 = static_cast<int32_t>(random() % 4);
-      file.componentCount = 1 + static_cast<int32_t>(random() % 3);
-      for (int64_t& id : file.componentIds) id = 1 + static_cast<int64_t>(random() % kComponents);
+      file.componentCount = drawComponentCount(random);
+      for (int32_t c = 0; c < file.componentCount; ++c) {
+        file.componentIds[c] = 1 + static_cast<int64_t>(random() % kComponents);
+      }
       generated.files.push_back(file);
       if (random() % 100 == 0 && generated.files.size() < count) {
         CatalogFile twin = file;
@@ -297,32 +315,78 @@ void releaseLat() {
   latFiles = -1;
 }
 
-// The files table as the agent makes it (the open index), or in a million chained buckets, for
-// comparison.
-enum class FilesTable { kOpenIndex, kChained };
-constexpr int32_t kChainedFileBuckets = 1048573;
-FilesTable latTable = FilesTable::kOpenIndex;
-
 // A fresh empty cache (no catalog file is there to load).
-bool createEmptyLat(FilesTable table = FilesTable::kOpenIndex) {
+bool createEmptyLat() {
   releaseLat();
-  const int created = table == FilesTable::kOpenIndex
-                          ? createComponentsCacheWithSlots(kCatalogFileSlots)
-                          : createComponentsCacheWithBuckets(kChainedFileBuckets);
-  if (created != kLatOk) return false;
+  if (createComponentsCache() != kLatOk) return false;
   latFiles = 0;
-  latTable = table;
   return true;
 }
 
 // The cache holding the first `count` generated files, merged through updateCatalog.
-bool loadLat(int64_t count, FilesTable table) {
-  if (latFiles == count && latTable == table) return true;
-  if (!createEmptyLat(table)) return false;
+bool loadLat(int64_t count) {
+  if (latFiles == count) return true;
+  if (!createEmptyLat()) return false;
   CatalogLists lists(count);
   if (updateCatalog(lists.components, lists.files) != kLatOk) return false;
   latFiles = count;
   return getCatalogFilesNumber() == count;
+}
+
+// The files table as the catalog kept it before its entries were compact: each file a whole
+// 408-byte record in an open index that started with 1,572,864 slots, filled as updateCatalog
+// filled it, and looked up as findFileEntry looked it up, under a read lock of the same kind.
+struct WholeRecords {
+  static constexpr size_t kFirstSlots = 1572864;
+  HashTable* table = nullptr;
+  SlmRwLock* lock = nullptr;
+  int64_t count = -1;
+
+  bool fill(int64_t files) {
+    if (count == files) return true;
+    deleteHashTable(table);
+    count = -1;
+    table = initOpenHashTable(sizeof(FileRecord), kFirstSlots);
+    if (table == nullptr || (lock == nullptr && initRwl(&lock) != kRwlOk)) return false;
+    const std::vector<CatalogFile>& all = generatedCatalog().files;
+    for (int64_t i = 0; i < files; ++i) {
+      const FileRecord record = fileRecord(all[static_cast<size_t>(i)]);
+      void* stored = findHtElement(table, record.size, &record, compareFiles);
+      if (stored == nullptr) stored = addHtElement(table, record.size);
+      if (stored == nullptr) return false;
+      memcpy(stored, &record, sizeof record);
+    }
+    count = files;
+    return true;
+  }
+
+  // findFileEntry's work without the components: kLatOk or kLatNotFound.
+  int find(const FileRecord* key, FileRecord* record) const {
+    if (readLock(lock) != kRwlOk) return kLatFailed;
+    const void* found = findHtElement(table, key->size, key, compareFiles);
+    if (found != nullptr) memcpy(record, found, sizeof *record);
+    releaseLock(lock);
+    return found != nullptr ? kLatOk : kLatNotFound;
+  }
+};
+
+WholeRecords& wholeRecords() {
+  static WholeRecords records;
+  return records;
+}
+
+// The layout a lookup benchmark reads: the catalog's own, or the whole records beside it.
+enum class Layout { kCompact, kWholeRecords };
+
+// Makes the layout hold the first `count` files; false when it could not be built.
+bool holdFiles(Layout layout, int64_t count) {
+  if (!benchAgent().ok()) return false;
+  return layout == Layout::kCompact ? loadLat(count) : wholeRecords().fill(count);
+}
+
+int lookUp(Layout layout, const FileRecord* key, FileRecord* record) {
+  if (layout == Layout::kCompact) return findFileEntry(key, record, nullptr, nullptr);
+  return wholeRecords().find(key, record);
 }
 
 // A lookup's key as the monitor has it: the base name and the size of the started file, which it
@@ -378,9 +442,9 @@ void fillKey(const LookupKey& key, FileRecord* record) {
 
 // Lookups of `hit` or missing keys in a catalog of range(0) files. The component lookups that
 // follow a hit are the same whatever the files table and are left out.
-void BM_FindFileEntry(benchmark::State& state, FilesTable table, bool hit) {
+void BM_FindFileEntry(benchmark::State& state, Layout layout, bool hit) {
   const int64_t count = state.range(0);
-  if (!benchAgent().ok() || !loadLat(count, table)) {
+  if (!holdFiles(layout, count)) {
     state.SkipWithError("the catalog could not be built");
     return;
   }
@@ -391,7 +455,7 @@ void BM_FindFileEntry(benchmark::State& state, FilesTable table, bool hit) {
   int64_t found = 0;
   for (auto _ : state) {
     fillKey(keys[next], &key);
-    found += findFileEntry(&key, &record, nullptr, nullptr) == kLatOk;
+    found += lookUp(layout, &key, &record) == kLatOk;
     benchmark::DoNotOptimize(record);
     next = next + 1 == keys.size() ? 0 : next + 1;
   }
@@ -412,9 +476,9 @@ size_t evictionBytes() {
 // other work. Before each lookup the benchmark reads through a buffer larger than every cache, and
 // times the lookup alone. The tight loop above measures the other extreme, where everything a
 // small catalog holds stays cached from one lookup to the next.
-void BM_FindFileEntryCold(benchmark::State& state, bool hit) {
+void BM_FindFileEntryCold(benchmark::State& state, Layout layout, bool hit) {
   const int64_t count = state.range(0);
-  if (!benchAgent().ok() || !loadLat(count, FilesTable::kOpenIndex)) {
+  if (!holdFiles(layout, count)) {
     state.SkipWithError("the catalog could not be built");
     return;
   }
@@ -431,61 +495,10 @@ void BM_FindFileEntryCold(benchmark::State& state, bool hit) {
     benchmark::DoNotOptimize(sum);
     fillKey(keys[next], &key);
     const auto begin = std::chrono::steady_clock::now();
-    found += findFileEntry(&key, &record, nullptr, nullptr) == kLatOk;
+    found += lookUp(layout, &key, &record) == kLatOk;
     benchmark::DoNotOptimize(record);
     state.SetIterationTime(
         std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count());
-    next = next + 1 == keys.size() ? 0 : next + 1;
-  }
-  state.SetItemsProcessed(state.iterations());
-  if (found != (hit ? state.iterations() : 0)) state.SkipWithError("a lookup went wrong");
-}
-
-// The files table with the containers' usual 101 buckets, filled with the first `count` files.
-// Filling it through updateCatalog would take quadratic time (each new file walks its chain of up
-// to ~10,000 entries at a million files), so the entries are added directly.
-HashTable* bareTableWith101Buckets(int64_t count) {
-  static int64_t filledCount = -1;
-  static HashTable* table = nullptr;
-  if (filledCount == count) return table;
-  deleteHashTable(table);
-  filledCount = -1;
-  table = initHashTable(sizeof(FileRecord), kHashBuckets, 1);
-  if (table == nullptr) return nullptr;
-  const std::vector<CatalogFile>& files = generatedCatalog().files;
-  for (int64_t i = 0; i < count; ++i) {
-    FileRecord record = fileRecord(files[static_cast<size_t>(i)]);
-    void* stored = addHtElement(table, record.size);
-    if (stored == nullptr) return nullptr;
-    memcpy(stored, &record, sizeof record);
-  }
-  filledCount = count;
-  return table;
-}
-
-// findFileEntry's work on a 101-bucket table: the same walk (findHtElement with compareFiles) and
-// the copy of the found record, without the catalog's read lock, which costs the same with any
-// bucket count and is small beside a walk of this length.
-void BM_FindIn101Buckets(benchmark::State& state, bool hit) {
-  const int64_t count = state.range(0);
-  HashTable* table = bareTableWith101Buckets(count);
-  if (table == nullptr) {
-    state.SkipWithError("the table could not be built");
-    return;
-  }
-  const std::vector<LookupKey>& keys = keysFor(count, hit);
-  FileRecord key{};
-  FileRecord record;
-  size_t next = 0;
-  int64_t found = 0;
-  for (auto _ : state) {
-    fillKey(keys[next], &key);
-    const void* stored = findHtElement(table, key.size, &key, compareFiles);
-    if (stored != nullptr) {
-      memcpy(&record, stored, sizeof record);
-      ++found;
-    }
-    benchmark::DoNotOptimize(record);
     next = next + 1 == keys.size() ? 0 : next + 1;
   }
   state.SetItemsProcessed(state.iterations());
@@ -550,8 +563,9 @@ void BM_UpdateCatalog(benchmark::State& state, bool over) {
   state.SetItemsProcessed(state.iterations() * entries(lists.files));
 }
 
-// downloadCatalog of the canned answer for the largest catalog from a loopback server thread, and
-// with `merge` the merge of what it read into an empty catalog after it.
+// downloadCatalog of the canned answer for the largest catalog from a loopback server thread; with
+// `merge`, as the catalog command runs it: the records merged into an empty catalog a batch at a
+// time as they are parsed, the last batch once the answer is whole.
 void BM_DownloadCatalog(benchmark::State& state, bool merge) {
   const std::string& answer = largestCatalogAnswer();
   if (!benchAgent().ok()) {
@@ -564,19 +578,25 @@ void BM_DownloadCatalog(benchmark::State& state, bool merge) {
                                              test::LoopbackScript{.replies = {answer}});
     bool ready = benchAgent().useServer(peer->port()) && (!merge || createEmptyLat());
     std::optional<CatalogLists> lists(std::in_place);
+    CatalogBatches batches{updateCatalog, kCatalogBatchRecords, kLatOk};
     int64_t time = 0;
     returnFreedMemory();
     state.ResumeTiming();
-    int result = ready ? downloadCatalog(&time, lists->components, lists->files) : kServiceFailed;
-    if (merge && result == kServiceOk) {
-      result =
-          updateCatalog(lists->components, lists->files) == kLatOk ? kServiceOk : kServiceFailed;
+    int result = kServiceFailed;
+    if (ready && merge) {
+      result = downloadCatalogInBatches(&time, lists->components, lists->files, &batches);
+      if (result == kServiceOk && updateCatalog(lists->components, lists->files) != kLatOk) {
+        result = kServiceFailed;
+      }
+    } else if (ready) {
+      result = downloadCatalog(&time, lists->components, lists->files);
     }
     state.PauseTiming();
     bool whole = result == kServiceOk && time == kCatalogTime &&
-                 entries(lists->files) == largestCatalog() &&
-                 entries(lists->components) == kComponents &&
-                 (!merge || getCatalogFilesNumber() == largestCatalog());
+                 (merge ? getCatalogFilesNumber() == largestCatalog() &&
+                              getCatalogComponentsNumber() == kComponents
+                        : entries(lists->files) == largestCatalog() &&
+                              entries(lists->components) == kComponents);
     lists.reset();
     peer.reset();
     releaseLat();
@@ -617,99 +637,204 @@ void BM_DownloadGeneratedCatalog(benchmark::State& state) {
   state.SetItemsProcessed(state.iterations() * kFullFiles);
 }
 
-// VmRSS of this process in bytes, 0 when it cannot be read.
-int64_t residentBytes() {
-  std::ifstream status("/proc/self/status");
-  for (std::string line; std::getline(status, line);) {
-    if (line.rfind("VmRSS:", 0) == 0) return std::atoll(line.c_str() + 6) * 1024;
-  }
-  return 0;
+// ---- The daemon's memory with a large catalog.dat.
+
+// The agent beside this benchmark program (the build's own), or the one KVDAGENT_BIN names.
+std::string ownAgent() {
+  const char* given = getenv("KVDAGENT_BIN");
+  if (given != nullptr && *given != '\0') return given;
+  char self[4096];
+  const ssize_t length = readlink("/proc/self/exe", self, sizeof self - 1);
+  if (length <= 0) return "";
+  const std::string path(self, static_cast<size_t>(length));
+  return path.substr(0, path.rfind('/') + 1) + "kvdagent";
 }
 
-// The memory of the largest catalog loaded from its "catalog.dat" at start, against the bytes of
-// its file records; the time is the load's. The file is written once by the delete after a merge
-// and kept under another name, so that the stores of later deletes do not overwrite it.
-void BM_LoadedCatalogMemory(benchmark::State& state) {
-  const int64_t count = largestCatalog();
-  const std::string path = benchAgent().cachePath(kCatalogFileName);
-  const std::string kept = benchAgent().cachePath("catalog.bench");
-  static bool written = false;
-  if (!written && benchAgent().ok() && createEmptyLat()) {
-    const CatalogLists& lists = largestCatalogLists();
-    if (updateCatalog(lists.components, lists.files) == kLatOk) {
-      deleteComponentsCache();  // stores the catalog
-      latFiles = -1;
-      written = rename(path.c_str(), kept.c_str()) == 0;
-    }
+// Another build of the agent to measure beside it in the same run (an older one, say), named by
+// SLM_BENCH_OTHER_AGENT; "" when none.
+std::string otherAgent() {
+  const char* other = getenv("SLM_BENCH_OTHER_AGENT");
+  return other == nullptr ? "" : other;
+}
+
+constexpr char kDaemonServer[] = "127.0.0.1";
+
+// "catalog.dat" of `count` files as a large organisation's catalog holds them: names of 8 to 24
+// characters, every size different, one component each but for 1% with 2 to 16.
+std::string catalogDat(int64_t count) {
+  std::string out(kCatalogRecordsOffset, '\0');
+  auto* header = reinterpret_cast<uint8_t*>(out.data());
+  putFixed32(header + kCacheMajorOffset, kCatalogCacheVersion.majorNumber);
+  putFixed32(header + kCacheMinorOffset, kCatalogCacheVersion.minorNumber);
+  putFixed64(header + kCacheTimestampOffset, static_cast<uint64_t>(kCatalogTime));
+  putText(header + kCacheServerNameOffset, kCacheServerNameSize, kDaemonServer);
+  putFixed32(header + kCatalogComponentCountOffset, static_cast<uint32_t>(kComponents));
+  uint8_t record[kFileRecordSize];
+  for (int32_t id = 1; id <= kComponents; ++id) {
+    encodeComponentRecord(componentRecord(id), record);
+    out.append(reinterpret_cast<const char*>(record), kComponentRecordSize);
   }
-  if (!written) {
-    state.SkipWithError("the catalog file could not be written");
+  constexpr char kNameCharacters[] = "abcdefghijklmnopqrstuvwxyz0123456789-_.";
+  std::mt19937_64 random(20240612);
+  out.reserve(out.size() + static_cast<size_t>(count) * kFileRecordSize);
+  for (int64_t i = 0; i < count; ++i) {
+    FileRecord file{};
+    const size_t length = 8 + random() % 17;
+    for (size_t c = 0; c < length; ++c) file.name[c] = kNameCharacters[random() % 39];
+    file.size = kMinSizeBytes + 7 * i;
+    file.componentCount = drawComponentCount(random);
+    for (int32_t c = 0; c < file.componentCount; ++c) {
+      file.componentIds[c] = 1 + static_cast<int64_t>(random() % kComponents);
+    }
+    encodeFileRecord(file, record);
+    out.append(reinterpret_cast<const char*>(record), kFileRecordSize);
+  }
+  return out;
+}
+
+// The process of `binary` whose environment names `root`, or -1.
+pid_t daemonIn(const std::string& root, const std::string& binary) {
+  const std::string marker = "KVDAGENT_ROOT=" + root;
+  std::error_code error;
+  const std::filesystem::path wanted = std::filesystem::canonical(binary, error);
+  if (error) return -1;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc", error)) {
+    const std::string pid = entry.path().filename();
+    if (pid.find_first_not_of("0123456789") != std::string::npos) continue;
+    if (std::filesystem::read_symlink(entry.path() / "exe", error) != wanted || error) continue;
+    std::string environment = test::readFile(entry.path() / "environ");
+    environment.insert(0, 1, '\0');
+    if (environment.find('\0' + marker + '\0') != std::string::npos) return std::stoi(pid);
+  }
+  return -1;
+}
+
+// VmRSS and VmHWM of `pid` in bytes; false when they cannot be read.
+bool residentAndPeak(pid_t pid, int64_t* resident, int64_t* peak) {
+  std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+  *resident = *peak = 0;
+  for (std::string line; std::getline(status, line);) {
+    if (line.rfind("VmRSS:", 0) == 0) *resident = std::atoll(line.c_str() + 6) * 1024;
+    if (line.rfind("VmHWM:", 0) == 0) *peak = std::atoll(line.c_str() + 6) * 1024;
+  }
+  return *resident > 0 && *peak > 0;
+}
+
+struct DaemonMemory {
+  bool measured = false;
+  int64_t residentBytes = 0;
+  int64_t peakBytes = 0;
+  double startSeconds = 0;  // from the start to the caches built
+};
+
+// Starts the daemon `binary` in a fresh root that holds `catalog` as its catalog.dat and no
+// server to reach, waits until its caches are built and its threads have settled, reads its memory
+// and kills it (a stop would spend seconds storing the catalog again).
+DaemonMemory daemonMemory(const std::string& binary, const std::string& catalog) {
+  DaemonMemory memory;
+  test::TempDir root;
+  root.makeDirs("var/qsam/cache");
+  root.makeDirs("tmp");
+  root.writeFile("etc/kvdagent.ini",
+                 "agentid=4711\ndivisionid=42\ntag=bench\ncustomer=bench\nserver=" +
+                     std::string(kDaemonServer) + "\nport=9\npath=/slm\ntrace_level=1\n");
+  root.writeFile("var/qsam/cache/catalog.dat", catalog);
+  std::vector<std::string> variables = {"KVDAGENT_ROOT=" + root.path(), "LANG=C.UTF-8",
+                                        "PATH=/usr/sbin:/usr/bin:/sbin:/bin"};
+  std::vector<char*> environment;
+  for (std::string& variable : variables) environment.push_back(variable.data());
+  environment.push_back(nullptr);
+  std::string program = binary;
+  char* argv[] = {program.data(), nullptr};
+  const auto begin = std::chrono::steady_clock::now();
+  pid_t launcher = -1;
+  if (posix_spawn(&launcher, binary.c_str(), nullptr, nullptr, argv, environment.data()) != 0) {
+    return memory;
+  }
+  int status = 0;
+  // The program returns once the daemon it forked is on its own.
+  if (waitpid(launcher, &status, 0) != launcher || !WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+    return memory;
+  }
+  const std::string trace = root.file("var/qsam/log/traceagt.log");
+  bool built = false;
+  for (int waited = 0; waited < 6000 && !built; ++waited) {
+    built = test::fileExists(trace) &&
+            test::readFile(trace).find("OK - Cache created") != std::string::npos;
+    if (!built) std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  }
+  memory.startSeconds =
+      std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+  std::this_thread::sleep_for(std::chrono::milliseconds(500));
+  const pid_t daemon = daemonIn(root.path(), binary);
+  if (daemon <= 0) return memory;
+  memory.measured = built && residentAndPeak(daemon, &memory.residentBytes, &memory.peakBytes);
+  kill(daemon, SIGKILL);
+  for (int waited = 0; waited < 200 && kill(daemon, 0) == 0; ++waited) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  return memory;
+}
+
+// The daemon `binary` with a catalog.dat of range(0) files, beside the same daemon with an empty
+// catalog: its resident memory and its peak, the bytes each file costs above the empty daemon,
+// and the peak over the resident size. The time is the start's, up to the caches built.
+void BM_DaemonCatalogMemory(benchmark::State& state, const std::string& binary) {
+  const int64_t count = state.range(0);
+  static std::string measuredBinary;
+  static DaemonMemory empty;
+  if (measuredBinary != binary) {
+    empty = daemonMemory(binary, catalogDat(0));
+    measuredBinary = binary;
+  }
+  const std::string catalog = catalogDat(count);
+  DaemonMemory loaded;
+  for (auto _ : state) {
+    loaded = daemonMemory(binary, catalog);
+    state.SetIterationTime(loaded.startSeconds);
+  }
+  if (!empty.measured || !loaded.measured) {
+    state.SkipWithError(("the daemon " + binary + " could not be measured").c_str());
     return;
   }
-  releaseLat();
-  int64_t before = 0, after = 0;
-  for (auto _ : state) {
-    state.PauseTiming();
-    bool ready = rename(kept.c_str(), path.c_str()) == 0;
-    // What the load reuses of the memory freed earlier shows up again in the resident size.
-    returnFreedMemory();
-    before = residentBytes();
-    state.ResumeTiming();
-    bool loaded = ready && createComponentsCache() == kLatOk;
-    state.PauseTiming();
-    after = residentBytes();
-    if (loaded) latFiles = getCatalogFilesNumber();
-    bool whole = loaded && latFiles == count;
-    ready = rename(path.c_str(), kept.c_str()) == 0;
-    releaseLat();
-    state.ResumeTiming();
-    if (!whole || !ready) {
-      state.SkipWithError("the catalog did not load whole");
-      break;
-    }
-  }
   using benchmark::Counter;
-  const double delta = static_cast<double>(after - before);
-  state.counters["rss_before"] = Counter(double(before), Counter::kDefaults, Counter::kIs1024);
-  state.counters["rss_after"] = Counter(double(after), Counter::kDefaults, Counter::kIs1024);
-  state.counters["rss_delta"] = Counter(delta, Counter::kDefaults, Counter::kIs1024);
-  state.counters["record_bytes"] =
-      Counter(double(count) * kFileRecordSize, Counter::kDefaults, Counter::kIs1024);
-  state.counters["rss_ratio"] = delta / (double(count) * kFileRecordSize);
-  state.SetItemsProcessed(state.iterations() * count);
+  const double above = static_cast<double>(loaded.residentBytes - empty.residentBytes);
+  state.counters["rss"] =
+      Counter(double(loaded.residentBytes), Counter::kDefaults, Counter::kIs1024);
+  state.counters["peak"] = Counter(double(loaded.peakBytes), Counter::kDefaults, Counter::kIs1024);
+  state.counters["rss_empty"] =
+      Counter(double(empty.residentBytes), Counter::kDefaults, Counter::kIs1024);
+  state.counters["bytes_per_file"] = above / double(count);
+  state.counters["peak_over_rss"] = double(loaded.peakBytes) / double(loaded.residentBytes);
 }
 
 // Registered here rather than with BENCHMARK so that the sizes follow SLM_BENCH_FULL; lookups come
-// by size, both tables side by side.
+// by size, both layouts side by side.
 const bool registered = [] {
   std::vector<int64_t> sizes = {kSmokeFiles};
   if (fullRun()) sizes.insert(sizes.end(), {100000, kFullFiles});
+  const std::pair<Layout, std::string> layouts[] = {{Layout::kCompact, "compact"},
+                                                    {Layout::kWholeRecords, "whole_records"}};
   for (int64_t files : sizes) {
     for (bool hit : {true, false}) {
-      std::string suffix = hit ? "/hit" : "/miss";
-      benchmark::RegisterBenchmark(
-          ("catalog_lookup/open_index" + suffix).c_str(),
-          [hit](benchmark::State& state) { BM_FindFileEntry(state, FilesTable::kOpenIndex, hit); })
-          ->ArgName("files")
-          ->Arg(files);
-      benchmark::RegisterBenchmark(
-          ("catalog_lookup/buckets:" + std::to_string(kChainedFileBuckets) + suffix).c_str(),
-          [hit](benchmark::State& state) { BM_FindFileEntry(state, FilesTable::kChained, hit); })
-          ->ArgName("files")
-          ->Arg(files);
-      benchmark::RegisterBenchmark(
-          ("catalog_lookup/open_index/cold" + suffix).c_str(),
-          [hit](benchmark::State& state) { BM_FindFileEntryCold(state, hit); })
-          ->ArgName("files")
-          ->Arg(files)
-          ->Iterations(fullRun() ? 500 : 3)
-          ->UseManualTime()
-          ->Unit(benchmark::kNanosecond);
-      benchmark::RegisterBenchmark(
-          ("catalog_lookup/buckets:" + std::to_string(kHashBuckets) + suffix).c_str(),
-          [hit](benchmark::State& state) { BM_FindIn101Buckets(state, hit); })
-          ->ArgName("files")
-          ->Arg(files);
+      const std::string suffix = hit ? "/hit" : "/miss";
+      for (const auto& [layout, name] : layouts) {
+        benchmark::RegisterBenchmark(
+            ("catalog_lookup/" + name + suffix).c_str(),
+            [layout, hit](benchmark::State& state) { BM_FindFileEntry(state, layout, hit); })
+            ->ArgName("files")
+            ->Arg(files);
+      }
+      for (const auto& [layout, name] : layouts) {
+        benchmark::RegisterBenchmark(
+            ("catalog_lookup/" + name + "/cold" + suffix).c_str(),
+            [layout, hit](benchmark::State& state) { BM_FindFileEntryCold(state, layout, hit); })
+            ->ArgName("files")
+            ->Arg(files)
+            ->Iterations(fullRun() ? 500 : 3)
+            ->UseManualTime()
+            ->Unit(benchmark::kNanosecond);
+      }
     }
   }
   const std::string files = "/files:" + std::to_string(largestCatalog());
@@ -735,9 +860,21 @@ const bool registered = [] {
           BM_DownloadGeneratedCatalog)
         ->UseRealTime();
   }
-  benchmark::RegisterBenchmark(("catalog_memory/loaded" + files).c_str(), BM_LoadedCatalogMemory)
-      ->Iterations(1)
-      ->Unit(benchmark::kMillisecond);
+  // The daemon's memory, and beside it another build's when one is named.
+  std::vector<std::pair<std::string, std::string>> agents = {{"daemon", ownAgent()}};
+  if (!otherAgent().empty()) agents.emplace_back("daemon:other", otherAgent());
+  for (int64_t count : sizes) {
+    for (const auto& [name, binary] : agents) {
+      benchmark::RegisterBenchmark(
+          ("catalog_memory/" + name).c_str(),
+          [binary](benchmark::State& state) { BM_DaemonCatalogMemory(state, binary); })
+          ->ArgName("files")
+          ->Arg(count)
+          ->Iterations(1)
+          ->UseManualTime()
+          ->Unit(benchmark::kMillisecond);
+    }
+  }
   return true;
 }();
 

@@ -287,18 +287,20 @@ int slmAgentDownloadCatalogCommand(Command*) {
   ListHandle components = makeList(sizeof(ComponentRecord));
   ListHandle files = makeList(sizeof(FileRecord));
   if (components == nullptr || files == nullptr) return kCommandRequeue;
-  int result = downloadCatalog(&updateTime, components.get(), files.get());
+  // The records go into the catalog a batch at a time as they are read: a full catalog never
+  // stands whole in the lists beside it.
+  CatalogBatches batches{updateCatalog, kCatalogBatchRecords, kLatOk};
+  int result = downloadCatalogInBatches(&updateTime, components.get(), files.get(), &batches);
+  if (result == kServiceOk) batches.result = updateCatalog(components.get(), files.get());
   int outcome = kCommandRequeue;
-  if (result == kServiceOk) {
-    if (updateCatalog(components.get(), files.get()) == kLatOk) {
-      setLATLastUpdateTime(updateTime);
-      char text[24];
-      snprintf(text, sizeof text, "%" PRId64, updateTime);
-      SLM_TRACE(1, "OK - Catalog stored, update time: %s", text);
-      outcome = kCommandRequeueToo;
-    } else {
-      SLM_TRACE(0, "ERROR - Storing catalog");
-    }
+  if (batches.result != kLatOk) {
+    SLM_TRACE(0, "ERROR - Storing catalog");
+  } else if (result == kServiceOk) {
+    setLATLastUpdateTime(updateTime);
+    char text[24];
+    snprintf(text, sizeof text, "%" PRId64, updateTime);
+    SLM_TRACE(1, "OK - Catalog stored, update time: %s", text);
+    outcome = kCommandRequeueToo;
   } else if (result == kServiceFailed) {
     SLM_TRACE(0, "ERROR - Catalog not received");
   } else if (result == kServiceObsoleteScan) {
@@ -308,7 +310,7 @@ int slmAgentDownloadCatalogCommand(Command*) {
   } else {
     SLM_TRACE(0, "ERROR - Catalog download error");
   }
-  // A full catalog passes through the lists once; their memory goes back to the system.
+  // The lists' last batch goes back to the system.
   components.reset();
   files.reset();
   malloc_trim(0);

@@ -1,5 +1,6 @@
-// The catalog answer (downloadCatalog) and its merge into the catalog cache, as the catalog
-// command does it: the update time, the components section, the files section, the trailer.
+// The catalog answer (downloadCatalogInBatches) and its merge into the catalog cache, as the
+// catalog command does it: the update time, the components section, the files section, the
+// trailer, with the records merged a few at a time as they are parsed.
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -30,6 +31,17 @@ void checkRecords(SlmList* components, SlmList* files) {
   }
 }
 
+// The batch merge: what the parser hands over is well formed, merges, and is found again.
+int mergeAndCheck(SlmList* components, SlmList* files) {
+  checkRecords(components, files);
+  FUZZ_CHECK(updateCatalog(components, files) == kLatOk);
+  fuzz::checkFilesFound(files);
+  return kLatOk;
+}
+
+// Batches this small split most answers, at every kind of record.
+constexpr int32_t kFuzzBatchRecords = 3;
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
@@ -39,17 +51,20 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   SlmList* components = createList(sizeof(ComponentRecord));
   SlmList* files = createList(sizeof(FileRecord));
   int64_t updateTime = 0;
+  CatalogBatches batches{mergeAndCheck, kFuzzBatchRecords, kLatOk};
   peer.answerWith(data, size);
-  const int result = downloadCatalog(&updateTime, components, files);
+  const int result = downloadCatalogInBatches(&updateTime, components, files, &batches);
   FUZZ_CHECK(peer.finish() == 1);
   FUZZ_CHECK(fuzz::isServiceResult(result));
+  FUZZ_CHECK(batches.result == kLatOk);
+  FUZZ_CHECK(entries(components) + entries(files) < kFuzzBatchRecords);
   checkRecords(components, files);
   if (result == kServiceOk) {
     FUZZ_CHECK(updateTime != 0);
-    FUZZ_CHECK(updateCatalog(components, files) == kLatOk);
-    fuzz::checkFilesFound(files);
-    FUZZ_CHECK(resetComponentsCache() == kLatOk);
+    FUZZ_CHECK(mergeAndCheck(components, files) == kLatOk);
   }
+  // A failed answer may have merged batches before its failure.
+  FUZZ_CHECK(resetComponentsCache() == kLatOk);
   deleteList(components);
   deleteList(files);
   return 0;

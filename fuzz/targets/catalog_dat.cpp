@@ -1,7 +1,7 @@
-// The loader of catalog.dat (loadCatalogFile, through createComponentsCache): the cache header,
-// the component count and records, then file records to the end. What was loaded is merged; every
-// loaded file is found again; and storing is stable: a catalog loaded from its own store stores
-// the same bytes again.
+// The loader of catalog.dat (loadCatalogFile, and the start-up's load that merges batches as it
+// reads, through createComponentsCache): the cache header, the component count and records, then
+// file records to the end. What was loaded is merged; every loaded file is found again; and
+// storing is stable: a catalog loaded from its own store stores the same bytes again.
 #include <cstddef>
 #include <cstdint>
 #include <string>

@@ -4,12 +4,14 @@
 
 #include <malloc.h>
 #include <strings.h>
+#include <sys/stat.h>
 
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
 
 #include "agent_core/cache/cache_file.h"
+#include "agent_core/cache/lat_files.h"
 #include "agent_core/cache/srvs.h"
 #include "agent_core/support/bytes.h"
 #include "agent_core/support/file_handle.h"
@@ -24,7 +26,7 @@ constexpr size_t kComponentIdText = 24;
 
 struct Catalog {
   SlmRwLock* lock = nullptr;
-  HashTable* files = nullptr;       // FileRecord values keyed by size, several per key
+  CatalogFiles* files = nullptr;
   HashTable* components = nullptr;  // ComponentRecord values keyed by id
   int64_t lastUpdateTime = 0;       // read and written without the lock
   char path[kCachePathSize] = "";
@@ -34,7 +36,7 @@ Catalog lat;
 
 // Frees whatever exists of the cache.
 void freeCatalog() {
-  deleteHashTable(lat.files);
+  deleteCatalogFiles(lat.files);
   deleteHashTable(lat.components);
   if (lat.lock != nullptr) freeRwl(lat.lock);
   lat.files = nullptr;
@@ -42,8 +44,8 @@ void freeCatalog() {
   lat.lock = nullptr;
 }
 
-// The working lists of a load are freed as soon as their records are merged; with a large catalog
-// that is hundreds of megabytes below the tables, which go back to the system only when asked.
+// The working lists of a load are freed once their last records are merged; what they held goes
+// back to the system, which takes it back only when asked.
 void freeLists(SlmList* components, SlmList* files) {
   deleteList(components);
   deleteList(files);
@@ -137,11 +139,16 @@ int compareFiles(const void* stored, const void* match) {
 
 namespace {
 
+// A load's result when the file was read but a merge of its records failed.
+constexpr int kLoadMergeFailed = 3;
+
+int readCatalogFile(SlmList* components, SlmList* files, bool merge);
+
 // Builds the cache around the files table `fileTable` (null when it could not be made), which it
-// then owns.
-int createComponentsCacheWith(HashTable* fileTable) {
+// then owns, and loads "catalog.dat" into it a batch at a time.
+int createComponentsCacheWith(CatalogFiles* fileTable) {
   if (initRwl(&lat.lock) != kRwlOk) {
-    deleteHashTable(fileTable);
+    deleteCatalogFiles(fileTable);
     SLM_TRACE(0, "ERROR - Lock while creating components cache");
     return kLatFailed;
   }
@@ -173,12 +180,14 @@ int createComponentsCacheWith(HashTable* fileTable) {
     freeCatalog();
     return kLatFailed;
   }
-  int loaded = loadCatalogFile(components, files);
+  int loaded = readCatalogFile(components, files, true);
   if (loaded == kLatFailed) {
-    // Nothing of a bad file is used, and the next download asks for the whole catalog.
+    // Nothing of a bad file is used, not even the batches merged before the fault, and the next
+    // download asks for the whole catalog.
     SLM_TRACE(1, "LAT - no Catalog file %s", lat.path);
+    (void)resetComponentsCache();
     lat.lastUpdateTime = 0;
-  } else if (updateCatalog(components, files) != kLatOk) {
+  } else if (loaded == kLoadMergeFailed || updateCatalog(components, files) != kLatOk) {
     SLM_TRACE(0, "ERROR - LAT error");
     freeLists(components, files);
     freeCatalog();
@@ -188,6 +197,25 @@ int createComponentsCacheWith(HashTable* fileTable) {
   return kLatOk;
 }
 
+// Sizes the files index for the records that follow the components in `file`, so that loading
+// them never moves it. Only an estimate: a file may hold the same file twice.
+void reserveForFile(FILE* file, int32_t componentCount) {
+  struct stat status {};
+  if (fstat(fileno(file), &status) != 0) return;
+  const int64_t recordBytes = static_cast<int64_t>(status.st_size) -
+                              static_cast<int64_t>(kCatalogRecordsOffset) -
+                              int64_t{componentCount} * static_cast<int64_t>(kComponentRecordSize);
+  if (recordBytes < static_cast<int64_t>(kFileRecordSize)) return;
+  // A file far larger than any catalog (a damaged or sparse one) is not believed: the index then
+  // grows with what is really merged.
+  constexpr int64_t kMaxReservedFiles = int64_t{1} << 25;
+  int64_t count = recordBytes / static_cast<int64_t>(kFileRecordSize);
+  if (count > kMaxReservedFiles) count = kMaxReservedFiles;
+  if (writeLock(lat.lock) != kRwlOk) return;
+  (void)reserveCatalogFiles(lat.files, static_cast<size_t>(count));
+  releaseLock(lat.lock);
+}
+
 }  // namespace
 
 int createComponentsCache() {
@@ -195,13 +223,8 @@ int createComponentsCache() {
 }
 
 int createComponentsCacheWithSlots(int32_t fileSlots) {
-  return createComponentsCacheWith(
-      fileSlots > 0 ? initOpenHashTable(sizeof(FileRecord), static_cast<size_t>(fileSlots))
-                    : nullptr);
-}
-
-int createComponentsCacheWithBuckets(int32_t fileBuckets) {
-  return createComponentsCacheWith(initHashTable(sizeof(FileRecord), fileBuckets, 1));
+  return createComponentsCacheWith(fileSlots > 0 ? newCatalogFiles(static_cast<size_t>(fileSlots))
+                                                 : nullptr);
 }
 
 void deleteComponentsCache() {
@@ -215,6 +238,15 @@ void discardComponentsCache() {
 }
 
 int loadCatalogFile(SlmList* components, SlmList* files) {
+  return readCatalogFile(components, files, false);
+}
+
+namespace {
+
+// loadCatalogFile; with `merge`, the records are merged into the cache whenever the lists hold a
+// batch of them, and the lists emptied, so that a large file never stands in them whole. The
+// results of loadCatalogFile, or kLoadMergeFailed when a merge failed.
+int readCatalogFile(SlmList* components, SlmList* files, bool merge) {
   cacheFilePath(kCatalogFileName, lat.path);
   FILE* opened = nullptr;
   int result = openCacheFile(lat.path, kCatalogFileId, &opened, &lat.lastUpdateTime);
@@ -235,7 +267,16 @@ int loadCatalogFile(SlmList* components, SlmList* files) {
   int32_t componentCount = static_cast<int32_t>(getFixed32(countBytes));
   // Without components the catalog cannot be trusted whole: the next download takes all of it.
   if (componentCount < 1) lat.lastUpdateTime = 0;
+  if (merge) reserveForFile(file.get(), componentCount);
 
+  int32_t componentsRead = 0, filesRead = 0;
+  auto mergeBatch = [&] {
+    if (!merge || entries(components) + entries(files) < kCatalogBatchRecords) return true;
+    if (updateCatalog(components, files) != kLatOk) return false;
+    clearList(components);
+    clearList(files);
+    return true;
+  };
   uint8_t bytes[kFileRecordSize];
   for (int32_t i = 0; i < componentCount; ++i) {
     if (fread(bytes, 1, kComponentRecordSize, file.get()) != kComponentRecordSize) {
@@ -244,18 +285,24 @@ int loadCatalogFile(SlmList* components, SlmList* files) {
     ComponentRecord component{};
     decodeComponentRecord(bytes, &component);
     if (append(components, &component) != kListOk) return kLatFailed;
+    ++componentsRead;
+    if (!mergeBatch()) return kLoadMergeFailed;
   }
   // File records run to the end of the file; a partial last one is what a cut write leaves.
   while (fread(bytes, 1, kFileRecordSize, file.get()) == kFileRecordSize) {
     FileRecord record{};
     decodeFileRecord(bytes, &record);
     if (append(files, &record) != kListOk) return kLatFailed;
+    ++filesRead;
+    if (!mergeBatch()) return kLoadMergeFailed;
   }
   file.reset();
   SLM_TRACE(1, "LAT - The catalog has been read from file %s, %d comps, %d files", lat.path,
-            entries(components), entries(files));
+            static_cast<int>(componentsRead), static_cast<int>(filesRead));
   return kLatOk;
 }
+
+}  // namespace
 
 int storeCatalog() {
   cacheFilePath(kCatalogFileName, lat.path);
@@ -312,9 +359,10 @@ int storeCatalog() {
     discardCacheFile(file, lat.path);
     return kLatFailed;
   }
-  for (void* value = findHtNextElement(lat.files, 1); value != nullptr;
-       value = findHtNextElement(lat.files, 0)) {
-    encodeFileRecord(*static_cast<const FileRecord*>(value), bytes);
+  CatalogFilesWalk walk{};
+  FileRecord record;
+  while (nextCatalogFile(lat.files, &walk, &record)) {
+    encodeFileRecord(record, bytes);
     if (!writeAll(file, bytes, kFileRecordSize)) {
       return failStore(file, "ERROR - Error writing files to file %s");
     }
@@ -356,21 +404,20 @@ int findFileEntry(const FileRecord* key, FileRecord* record, ComponentRecord* co
     SLM_TRACE(0, "ERROR - Read lock to find file");
     return kLatFailed;
   }
-  const auto* found =
-      static_cast<const FileRecord*>(findHtElement(lat.files, key->size, key, compareFiles));
+  const CompactFile* found = findCatalogFile(lat.files, *key);
   if (found == nullptr) {
     releaseLock(lat.lock);
     return kLatNotFound;
   }
-  memcpy(record, found, sizeof *record);
+  expandCatalogFile(found, record);
   if (components != nullptr) {
     *count = 0;
     // A count read from a damaged file never reaches past the record's slots.
-    int32_t listed = found->componentCount;
+    int32_t listed = record->componentCount;
     if (listed > kMaxFileComponents) listed = kMaxFileComponents;
     for (int32_t i = 0; i < listed; ++i) {
       const void* component =
-          findHtElement(lat.components, found->componentIds[i], nullptr, nullptr);
+          findHtElement(lat.components, record->componentIds[i], nullptr, nullptr);
       if (component != nullptr) memcpy(&components[(*count)++], component, sizeof *components);
     }
   }
@@ -403,42 +450,37 @@ int updateCatalog(SlmList* components, SlmList* files) {
   }
   for (void* item = getNext(files, nullptr); item != nullptr; item = getNext(files, item)) {
     const auto* file = static_cast<const FileRecord*>(item);
-    void* stored = findHtElement(lat.files, file->size, file, compareFiles);
-    if (stored != nullptr) {
-      SLM_TRACE(2, " - Existing file %s in LAT", file->name);
-    } else {
-      stored = addHtElement(lat.files, file->size);
-      if (stored == nullptr) {
-        releaseLock(lat.lock);
-        return kLatFailed;
-      }
-      if (traceActive(2)) {
-        char sizeText[kComponentIdText];
-        int64Text(file->componentIds[0], idText);
-        int64Text(file->size, sizeText);
-        SLM_TRACE(2, " - New file %s added to LAT, components number %d, first %s, size %s",
-                  file->name, static_cast<int>(file->componentCount), idText, sizeText);
-      }
-    }
     // The latest entry of a file replaces the earlier one whole, its component list included.
-    memcpy(stored, file, sizeof *file);
+    const int put = putCatalogFile(lat.files, *file);
+    if (put == kCatalogFileNoMemory) {
+      releaseLock(lat.lock);
+      return kLatFailed;
+    }
+    if (put == kCatalogFileReplaced) {
+      SLM_TRACE(2, " - Existing file %s in LAT", file->name);
+    } else if (traceActive(2)) {
+      char sizeText[kComponentIdText];
+      int64Text(file->componentIds[0], idText);
+      int64Text(file->size, sizeText);
+      SLM_TRACE(2, " - New file %s added to LAT, components number %d, first %s, size %s",
+                file->name, static_cast<int>(file->componentCount), idText, sizeText);
+    }
   }
   return releaseLock(lat.lock) == kRwlOk ? kLatOk : kLatFailed;
 }
 
 int resetComponentsCache() {
   if (lat.lock == nullptr || writeLock(lat.lock) != kRwlOk) return kLatFailed;
-  resetHashTable(lat.files);
+  resetCatalogFiles(lat.files);
   resetHashTable(lat.components);
   // Emptying a table leaves its count to its owner; the store writes the components' count.
-  lat.files->count = 0;
   lat.components->count = 0;
   lat.lastUpdateTime = 0;
   return releaseLock(lat.lock) == kRwlOk ? kLatOk : kLatFailed;
 }
 
 int32_t getCatalogFilesNumber() {
-  return getHtElementsNum(lat.files);
+  return catalogFilesCount(lat.files);
 }
 
 int32_t getCatalogComponentsNumber() {

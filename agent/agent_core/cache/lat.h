@@ -1,9 +1,9 @@
-// The catalog cache (the LAT): the software components and executable files the server knows, in
-// two hash tables under one read-write lock. Every executable started on the machine is looked up
-// here; downloaded increments are merged in. Stored in "catalog.dat" at stop and read back at
-// start. One process-wide instance: lookups take the lock for reading, merges, resets and the store
-// for writing. When the server cache's read lock is needed too, the catalog lock is always taken
-// first.
+// The catalog cache (the LAT): the software components and executable files the server knows, the
+// components in a hash table and the files in a compact table (lat_files), both under one
+// read-write lock. Every executable started on the machine is looked up here; downloaded
+// increments are merged in. Stored in "catalog.dat" at stop and read back at start. One
+// process-wide instance: lookups take the lock for reading, merges, resets and the store for
+// writing. When the server cache's read lock is needed too, the catalog lock is always taken first.
 #pragma once
 
 #include <cstddef>
@@ -86,12 +86,13 @@ constexpr char kCatalogFileName[] = "catalog.dat";
 constexpr size_t kCatalogComponentCountOffset = 272;
 constexpr size_t kCatalogRecordsOffset = 276;
 
-// The files table's index starts with this many slots. The catalogs of large organisations hold a
-// million files and every process start waits for one lookup: with the containers' usual 101
-// buckets a lookup would walk ~10,000 entries there, so the files take an open-addressed index
-// (which holds a million at under two thirds full, and grows past that). Stored files come out in
-// the table's arena order, so the index changes no file, message or result.
-constexpr int32_t kCatalogFileSlots = 1572864;
+// The files table's index starts with this many slots. A load sizes it for the records of its
+// file; a download grows it as files come in.
+constexpr int32_t kCatalogFileSlots = 4096;
+
+// A load or a download hands its records to the merge in batches of at most this many, so that
+// the records stand in lists beside the tables a batch at a time, never the whole catalog.
+constexpr int32_t kCatalogBatchRecords = 1024;
 
 constexpr int kLatOk = 0;
 constexpr int kLatFailed = 1;
@@ -102,8 +103,6 @@ constexpr int kLatNotFound = 2;
 [[nodiscard]] int createComponentsCache();
 // The same with a files index that starts with `fileSlots` slots.
 [[nodiscard]] int createComponentsCacheWithSlots(int32_t fileSlots);
-// The same with the files in a table of `fileBuckets` chained buckets, as every other table is.
-[[nodiscard]] int createComponentsCacheWithBuckets(int32_t fileBuckets);
 // Stores the catalog (its result is not looked at) and frees the tables and the lock.
 void deleteComponentsCache();
 // Frees the tables and the lock without storing: a start-up that failed after the cache was made.

@@ -43,8 +43,20 @@ int skipTo(HttpHandle* handle, const TokenDesc* tag) {
   return kServiceFailed;
 }
 
+// Hands the lists to the batches' merge once they hold a batch of records. False when the merge
+// failed.
+bool handOver(SlmList* components, SlmList* files, CatalogBatches* batches) {
+  if (batches == nullptr || entries(components) + entries(files) < batches->records) return true;
+  batches->result = batches->merge(components, files);
+  if (batches->result != 0) return false;
+  clearList(components);
+  clearList(files);
+  return true;
+}
+
 // Component lines "id|a1|a2|a3" up to the end of the section.
-int readComponents(HttpHandle* handle, SlmList* components) {
+int readComponents(HttpHandle* handle, SlmList* components, SlmList* files,
+                   CatalogBatches* batches) {
   for (;;) {
     Token id;
     if (id.read(handle, &fld_sep_tk, &end_comps_tk) != kTokenFoundA) return kServiceOk;
@@ -66,6 +78,7 @@ int readComponents(HttpHandle* handle, SlmList* components) {
       SLM_TRACE(0, "ERROR - Couldn't add component to LAT");
       return kServiceMalformedPayload;
     }
+    if (!handOver(components, files, batches)) return kServiceFailed;
   }
 }
 
@@ -91,7 +104,7 @@ int readComponentIds(HttpHandle* handle, FileRecord* file) {
 }
 
 // File lines "name|size|a1|a2|id|...|id|" up to the end of the section.
-int readFiles(HttpHandle* handle, SlmList* files) {
+int readFiles(HttpHandle* handle, SlmList* components, SlmList* files, CatalogBatches* batches) {
   for (;;) {
     Token name;
     if (name.read(handle, &fld_sep_tk, &end_files_tk) != kTokenFoundA) return kServiceOk;
@@ -110,6 +123,7 @@ int readFiles(HttpHandle* handle, SlmList* files) {
     if (result != kServiceOk) return result;
     if (readComponentIds(handle, &file) != kServiceOk) return kServiceFailed;
     if (append(files, &file) != kListOk) return kServiceFailed;
+    if (!handOver(components, files, batches)) return kServiceFailed;
   }
 }
 
@@ -138,6 +152,11 @@ bool sendRecord(HttpHandle* handle, const InventoryRecord& record) {
 }  // namespace
 
 int downloadCatalog(int64_t* lastUpdateTime, SlmList* components, SlmList* files) {
+  return downloadCatalogInBatches(lastUpdateTime, components, files, nullptr);
+}
+
+int downloadCatalogInBatches(int64_t* lastUpdateTime, SlmList* components, SlmList* files,
+                             CatalogBatches* batches) {
   ServerAddress server;
   if (preferredServer(&server) != kServiceOk) return kServiceFailed;
   SLM_TRACE(2, "SRVCS - Catalog from server: %s", server.host);
@@ -162,9 +181,9 @@ int downloadCatalog(int64_t* lastUpdateTime, SlmList* components, SlmList* files
     return abandonService(handle, kServiceMalformedPayload);
   }
   int result = skipTo(handle, &begin_comps_tk);
-  if (result == kServiceOk) result = readComponents(handle, components);
+  if (result == kServiceOk) result = readComponents(handle, components, files, batches);
   if (result == kServiceOk) result = skipTo(handle, &begin_files_tk);
-  if (result == kServiceOk) result = readFiles(handle, files);
+  if (result == kServiceOk) result = readFiles(handle, components, files, batches);
   if (result != kServiceOk) return abandonService(handle, result);
   return endSlmService(handle);
 }

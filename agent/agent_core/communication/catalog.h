@@ -21,6 +21,21 @@ constexpr int kCatalogServiceTimeoutSeconds = 180;
 // the answer.
 [[nodiscard]] int downloadCatalog(int64_t* lastUpdateTime, SlmList* components, SlmList* files);
 
+// How a download hands its records over as they come: whenever the two lists hold `records`
+// records together, `merge` (the catalog's updateCatalog) takes them and the lists are emptied.
+struct CatalogBatches {
+  int (*merge)(SlmList* components, SlmList* files);  // 0 when the records were taken
+  int32_t records;
+  int result;  // 0, or the result of the merge that failed
+};
+// downloadCatalog with the records handed to `batches` as they are parsed, so that a large catalog
+// never stands whole in the lists; what is left in them when the answer ends is the caller's. Each
+// merge runs between two reads of the answer, never across one. A merge that fails ends the
+// download with kServiceFailed and its result in batches->result. Batches merged before a failure
+// stay merged: the caller keeps its last update time, and the next download brings them again.
+[[nodiscard]] int downloadCatalogInBatches(int64_t* lastUpdateTime, SlmList* components,
+                                           SlmList* files, CatalogBatches* batches);
+
 constexpr int kUploadUnknownFiles = 2;
 constexpr int kUploadInventory = 3;
 

@@ -66,26 +66,10 @@ size_t nextSlot(const HashTable* table, size_t slot) {
   return slot + 1 == table->slotCount ? 0 : slot + 1;
 }
 
-// Zeroed storage for an index; that of a large table (the catalog's files) takes large pages, as
-// its arena does.
+// The bytes of large pages an index of `bytes` takes, or 0 for one that ordinary memory holds.
 size_t largeIndexBytes(size_t bytes) {
   if (bytes < kLargePageBytes) return 0;
   return (bytes + kLargePageBytes - 1) / kLargePageBytes * kLargePageBytes;
-}
-
-void* newIndex(size_t count, size_t size) {
-  const size_t large = largeIndexBytes(count * size);
-  if (large != 0) return allocateLargePages(large);
-  return calloc(count, size);
-}
-
-void freeIndex(void* index, size_t bytes) {
-  const size_t large = largeIndexBytes(bytes);
-  if (large != 0) {
-    freeLargePages(index, large);
-  } else {
-    free(index);
-  }
 }
 
 bool matches(const HashTable* table, HtEntry* entry, const void* match, HtCompare compare) {
@@ -105,12 +89,12 @@ void placeSlot(uint64_t* slots, size_t slotCount, uint64_t slot) {
 // unchanged.
 bool growIndex(HashTable* table) {
   const size_t grown = table->slotCount + table->slotCount / 2 + 1;
-  auto* slots = static_cast<uint64_t*>(newIndex(grown, sizeof(uint64_t)));
+  auto* slots = static_cast<uint64_t*>(newTableIndex(grown, sizeof(uint64_t)));
   if (slots == nullptr) return false;
   for (size_t i = 0; i < table->slotCount; ++i) {
     if (table->slots[i] != 0) placeSlot(slots, grown, table->slots[i]);
   }
-  freeIndex(table->slots, table->slotCount * sizeof(uint64_t));
+  freeTableIndex(table->slots, table->slotCount * sizeof(uint64_t));
   table->slots = slots;
   table->slotCount = grown;
   return true;
@@ -184,11 +168,27 @@ HashTable* newTable(size_t valueSize, size_t headerBytes) {
 
 }  // namespace
 
+// That of a large table (the catalog's files) takes large pages, as its arena does.
+void* newTableIndex(size_t count, size_t size) {
+  const size_t large = largeIndexBytes(count * size);
+  if (large != 0) return allocateLargePages(large);
+  return calloc(count, size);
+}
+
+void freeTableIndex(void* index, size_t bytes) {
+  const size_t large = largeIndexBytes(bytes);
+  if (large != 0) {
+    freeLargePages(index, large);
+  } else {
+    free(index);
+  }
+}
+
 HashTable* initHashTable(size_t valueSize, int32_t bucketCount, int32_t duplicates) {
   if (bucketCount <= 0) return nullptr;
   HashTable* table = newTable(valueSize, kBucketEntryHeaderBytes);
   if (table == nullptr) return nullptr;
-  table->buckets = static_cast<HtEntry**>(newIndex(bucketCount, sizeof(HtEntry*)));
+  table->buckets = static_cast<HtEntry**>(newTableIndex(bucketCount, sizeof(HtEntry*)));
   table->bucketCount = bucketCount;
   table->duplicates = duplicates;
   if (table->arena == nullptr || table->buckets == nullptr) {
@@ -202,7 +202,7 @@ HashTable* initOpenHashTable(size_t valueSize, size_t slots) {
   if (slots == 0) return nullptr;
   HashTable* table = newTable(valueSize, kOpenEntryHeaderBytes);
   if (table == nullptr) return nullptr;
-  table->slots = static_cast<uint64_t*>(newIndex(slots, sizeof(uint64_t)));
+  table->slots = static_cast<uint64_t*>(newTableIndex(slots, sizeof(uint64_t)));
   table->slotCount = slots;
   table->duplicates = 1;
   if (table->arena == nullptr || table->slots == nullptr) {
@@ -291,8 +291,9 @@ void resetHashTable(HashTable* table) {
 void deleteHashTable(HashTable* table) {
   if (table == nullptr) return;
   deleteArena(table->arena);
-  if (table->buckets != nullptr) freeIndex(table->buckets, sizeof(HtEntry*) * table->bucketCount);
-  if (table->slots != nullptr) freeIndex(table->slots, sizeof(uint64_t) * table->slotCount);
+  if (table->buckets != nullptr)
+    freeTableIndex(table->buckets, sizeof(HtEntry*) * table->bucketCount);
+  if (table->slots != nullptr) freeTableIndex(table->slots, sizeof(uint64_t) * table->slotCount);
   free(table);
 }
 

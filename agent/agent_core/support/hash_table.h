@@ -1,8 +1,9 @@
 // The hash table: values of a fixed size keyed by non-negative 64-bit integers, a fixed number of
 // buckets (never rehashed), entries taken from an arena. Optionally several entries per key, told
-// apart by their values; among equal keys the newest is found first. One very large table (the
-// catalog's files) takes an open-addressed index instead of buckets. No locking: the owner guards
-// each table, walks included.
+// apart by their values; among equal keys the newest is found first. A very large table may take an
+// open-addressed index instead of buckets (the catalog's files had one before they were kept
+// compact; its benchmarks still compare with that layout). No locking: the owner guards each table,
+// walks included.
 #pragma once
 
 #include <cstddef>
@@ -67,5 +68,10 @@ int32_t getHtElementsNum(const HashTable* table);
 // Removes every entry but keeps the entry count: owners reset or ignore it themselves.
 void resetHashTable(HashTable* table);
 void deleteHashTable(HashTable* table);
+
+// Zeroed storage for an index of `count` items of `size` bytes, or null when memory is short; and
+// its release, given the same `count` times `size`.
+void* newTableIndex(size_t count, size_t size);
+void freeTableIndex(void* index, size_t bytes);
 
 }  // namespace slm

@@ -13,7 +13,13 @@ constexpr size_t kLargePageBytes = size_t{2} << 20;
 // Zeroed storage of `bytes` (a multiple of kLargePageBytes), aligned to kLargePageBytes; null when
 // memory is short.
 void* allocateLargePages(size_t bytes);
-// Returns storage of allocateLargePages to the system at once.
+// The same storage, but in ordinary pages until moveToLargePages is asked for: a table that may
+// stay small does not take a whole large page for a few kilobytes.
+void* allocateSmallPages(size_t bytes);
+// Moves storage of allocateSmallPages to large pages now, where the kernel can; elsewhere it stays
+// as it is and works the same.
+void moveToLargePages(void* storage, size_t bytes);
+// Returns storage of either allocation to the system at once.
 void freeLargePages(void* storage, size_t bytes);
 
 }  // namespace slm

@@ -85,6 +85,14 @@ int32_t entries(const SlmList* list) {
   return list == nullptr ? 0 : list->count;
 }
 
+void clearList(SlmList* list) {
+  if (list == nullptr) return;
+  cleanArenaSpace(list->arena);
+  list->head = nullptr;
+  list->tail = nullptr;
+  list->count = 0;
+}
+
 void deleteList(SlmList* list) {
   if (list == nullptr) return;
   deleteArena(list->arena);

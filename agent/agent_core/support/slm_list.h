@@ -36,6 +36,8 @@ constexpr int kListNotFound = 4;
 // Removes the first record equal to `record` byte for byte. 0, or 4 when there is none.
 int listRemove(SlmList* list, const void* record);
 int32_t entries(const SlmList* list);
+// Removes every record at once; the list keeps the memory of its first few elements only.
+void clearList(SlmList* list);
 void deleteList(SlmList* list);
 
 // Owns a list: deletes it when the owner goes.

@@ -99,15 +99,21 @@ class Commands : public test::ServiceSandbox {
 };
 
 TEST_F(Commands, CatalogIsMergedAndATrailerAloneIsNoCatalog) {
+  // More files than one batch of the merge takes.
   serve(R"({"require_plugin": false, "catalog": {"update_time": 1700000000000,
-      "components": [[12, 1, 0, 2]], "files": [["App.exe", 4096, 1, 2, [12]]]}})");
+      "components": [[12, 1, 0, 2]], "files": [["App.exe", 4096, 1, 2, [12]]],
+      "generate": {"files": 10000, "components": 3}}})");
   EXPECT_EQ(slmAgentDownloadCatalogCommand(&command_), kCommandRequeueToo);
   EXPECT_EQ(getLATLastUpdateTime(), 1700000000000);
   EXPECT_TRUE(traced("OK - Catalog stored, update time: 1700000000000"));
+  EXPECT_EQ(getCatalogFilesNumber(), 10001);
+  EXPECT_EQ(getCatalogComponentsNumber(), 4);
   FileRecord key{}, found{};
-  strcpy(key.name, "app.exe");
-  key.size = 4096;
-  EXPECT_EQ(findFileEntry(&key, &found, nullptr, nullptr), kLatOk);
+  for (const auto& [name, size] : {std::pair{"app.exe", 4096}, {"GEN0009999.BIN", 10999}}) {
+    strcpy(key.name, name);
+    key.size = size;
+    EXPECT_EQ(findFileEntry(&key, &found, nullptr, nullptr), kLatOk) << name;
+  }
 
   // A trailer alone is no catalog, whatever result it carries: the agent stays plugged in.
   serve(R"({"services": {"catalog": {"result": -1}}})");

@@ -8,6 +8,7 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "agent_core/cache/cache_file.h"
 #include "agent_core/cache/srvs.h"
@@ -217,31 +218,111 @@ TEST_F(CatalogCache, LoadKeepsWhatTheFileRulesAllow) {
   }
 }
 
-TEST_F(CatalogCache, FilesIndexChangesNoStoredByte) {
-  // Same-size files, files that collide in the small table, and a file replaced by a merge; the
-  // open index starts small enough to grow several times on the way.
-  auto merge = [] {
-    List files(createList(sizeof(FileRecord)), deleteList);
-    for (int i = 0; i < 500; ++i) {
-      FileRecord record = file("prog" + std::to_string(i), 1000 + (i % 7) * 101 + (i % 3), {1});
-      EXPECT_EQ(append(files.get(), &record), kListOk);
+// The file records stored after a run of merges into the table the catalog kept before its entries
+// were compact: 408-byte records in a hash table, a merge replacing the record of the same file
+// whole or adding it, the store walking the table's arena.
+std::string storedAsWholeRecords(const std::vector<std::vector<FileRecord>>& merges) {
+  HashTable* table = initHashTable(sizeof(FileRecord), kHashBuckets, 1);
+  for (const std::vector<FileRecord>& merge : merges) {
+    for (const FileRecord& record : merge) {
+      void* stored = findHtElement(table, record.size, &record, compareFiles);
+      if (stored == nullptr) stored = addHtElement(table, record.size);
+      memcpy(stored, &record, sizeof record);
     }
-    FileRecord replaced = file("PROG3", 1000 + 3 * 101, {1, 1});
-    EXPECT_EQ(append(files.get(), &replaced), kListOk);
-    EXPECT_EQ(updateCatalog(listOf({component(1)}).get(), files.get()), kLatOk);
-    EXPECT_EQ(storeCatalog(), kLatOk);
-  };
-  remove(cachePath(kCatalogFileName).c_str());
-  create(createComponentsCacheWithBuckets, kHashBuckets);
-  merge();
-  const std::string small = readCacheFile(kCatalogFileName);
+  }
+  std::string out;
+  uint8_t bytes[kFileRecordSize];
+  for (void* value = findHtNextElement(table, 1); value != nullptr;
+       value = findHtNextElement(table, 0)) {
+    encodeFileRecord(*static_cast<const FileRecord*>(value), bytes);
+    out.append(reinterpret_cast<const char*>(bytes), sizeof bytes);
+  }
+  deleteHashTable(table);
+  return out;
+}
+
+TEST_F(CatalogCache, CompactEntriesStoreTheBytesOfWholeRecords) {
+  // Same-size files, names of every length around a word, files whose component lists change
+  // between one id, none and many (shared with other files or not), names that change case, and
+  // records only a damaged file holds: counts beyond the ids, ids beyond the count, a negative
+  // count. The index starts small enough to grow several times on the way.
+  std::vector<std::vector<FileRecord>> merges(3);
+  for (int i = 0; i < 600; ++i) {
+    std::string name = "prog" + std::to_string(i) + std::string(static_cast<size_t>(i % 19), 'x');
+    FileRecord record = file(name, 1000 + (i % 7) * 101 + (i % 3), {});
+    for (int id = 0; id < i % 4; ++id)
+      record.componentIds[record.componentCount++] = 1 + id + i % 2;
+    record.attribute1 = i;
+    record.attribute2 = -i;
+    merges[0].push_back(record);
+  }
+  FileRecord longest = file(std::string(kFileNameSize - 1, 'L'), 77, {5});
+  FileRecord countBeyondIds = file("count-beyond", 78, {5, 6});
+  countBeyondIds.componentCount = 20;
+  FileRecord idsBeyondCount = file("ids-beyond", 79, {5});
+  idsBeyondCount.componentIds[9] = 9;
+  FileRecord negativeCount = file("negative", 80, {});
+  negativeCount.componentCount = -1;
+  FileRecord zeroId = file("zero-id", 81, {0});
+  merges[0].insert(merges[0].end(),
+                   {longest, countBeyondIds, idsBeyondCount, negativeCount, zeroId});
+  merges[1] = {file("PROG3xxx", 1000 + 3 * 101, {1, 2, 3}), file("prog4XXXX", 1000 + 4 * 101 + 1),
+               file("new", 5, {7}), file(std::string(kFileNameSize - 1, 'l'), 77, {})};
+  merges[2] = {file("prog3XXX", 1000 + 3 * 101, {4}),
+               file("PROG5XXXXX", 1000 + 5 * 101 + 2, {5, 6})};
+
+  create(createComponentsCacheWithSlots, 16);
+  for (const std::vector<FileRecord>& merge : merges) {
+    List files(createList(sizeof(FileRecord)), deleteList);
+    for (const FileRecord& record : merge) ASSERT_EQ(append(files.get(), &record), kListOk);
+    ASSERT_EQ(updateCatalog(listOf({component(1)}).get(), files.get()), kLatOk);
+  }
+  EXPECT_EQ(lookup("PROG3XXX", 1000 + 3 * 101), "prog3XXX");
+  ASSERT_EQ(storeCatalog(), kLatOk);
+  const std::string stored = readCacheFile(kCatalogFileName);
+  const std::string records = storedAsWholeRecords(merges);
+  EXPECT_EQ(records.size(), 606 * kFileRecordSize);
+  ASSERT_GT(stored.size(), kCatalogRecordsOffset + kComponentRecordSize);
+  EXPECT_TRUE(
+      stored.compare(kCatalogRecordsOffset + kComponentRecordSize, std::string::npos, records) == 0)
+      << "the stored file records differ from the whole records'";
+  // Loaded in batches and stored again, the file comes out the same.
+  create();
   deleteComponentsCache();
   created_ = false;
-  remove(cachePath(kCatalogFileName).c_str());
-  create(createComponentsCacheWithSlots, 16);
-  merge();
-  EXPECT_EQ(readCacheFile(kCatalogFileName), small);
-  EXPECT_EQ(small.size(), kCatalogRecordsOffset + kComponentRecordSize + 500 * kFileRecordSize);
+  EXPECT_EQ(readCacheFile(kCatalogFileName), stored);
+}
+
+TEST_F(CatalogCache, LoadMergesBatchesAndDropsThemAllOnAFault) {
+  // More components and files than a batch holds; then the same with the last component cut, after
+  // a batch of components was merged.
+  const int32_t components = kCatalogBatchRecords + 10, files = 2 * kCatalogBatchRecords + 5;
+  std::string componentPart = le32(static_cast<uint32_t>(components));
+  for (int32_t id = 1; id <= components; ++id) componentPart += componentBytes(id, 0, 0, 0);
+  std::string filePart;
+  for (int32_t i = 0; i < files; ++i)
+    filePart += fileBytes("f" + std::to_string(i), 10 + i, 0, 0, {i + 1});
+  writeCacheFile(kCatalogFileName, header(kUpdateTime) + componentPart + filePart);
+  restartTrace();
+  create();
+  EXPECT_TRUE(
+      traced(", " + std::to_string(components) + " comps, " + std::to_string(files) + " files"));
+  EXPECT_EQ(getCatalogFilesNumber(), files);
+  EXPECT_EQ(getCatalogComponentsNumber(), components);
+  EXPECT_EQ(lookup("F0", 10), "f0 1");
+  EXPECT_EQ(lookup("f" + std::to_string(files - 1), 10 + files - 1),
+            "f" + std::to_string(files - 1));  // its id is not a component
+  EXPECT_EQ(getLATLastUpdateTime(), kUpdateTime);
+  deleteComponentsCache();
+  created_ = false;
+
+  writeCacheFile(kCatalogFileName,
+                 header(kUpdateTime) + componentPart.substr(0, componentPart.size() - 1));
+  create();
+  EXPECT_EQ(getCatalogComponentsNumber(), 0);
+  ComponentRecord found{};
+  EXPECT_EQ(getComponentEntry(1, &found), kLatNotFound);
+  EXPECT_EQ(getLATLastUpdateTime(), 0);
 }
 
 TEST_F(CatalogCache, LookupsRunBesideMergesAndStores) {

@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <cstring>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "agent_core/cache/lat.h"
 #include "agent_core/communication/slm.h"
@@ -175,6 +177,53 @@ TEST_F(CatalogService, ServerCatalogMergesIntoTheCache) {
   ASSERT_EQ(findFileEntry(&key, &found, parts, &count), kLatOk);
   EXPECT_EQ(count, 2);
   EXPECT_EQ(found.attribute1 + 10 * found.attribute2, 21);
+  deleteComponentsCache();
+}
+
+// The batches a download handed over, as the numbers of components and files in each; the merge
+// takes them into the catalog until the one numbered `failingBatch`, which it refuses.
+std::vector<std::pair<int32_t, int32_t>> handedOver;
+size_t failingBatch = SIZE_MAX;
+int mergeBatch(SlmList* components, SlmList* files) {
+  handedOver.emplace_back(entries(components), entries(files));
+  if (handedOver.size() == failingBatch) return kLatFailed;
+  return updateCatalog(components, files);
+}
+
+TEST_F(CatalogService, DownloadHandsRecordsOverInBatchesAsTheyCome) {
+  ASSERT_EQ(createComponentsCache(), kLatOk);
+  std::string payload = "5\r\n<components>\r\n1|0|0|0\r\n2|0|0|0\r\n</components>\r\n<files>\r\n";
+  for (int i = 0; i < 7; ++i)
+    payload += "f" + std::to_string(i) + "|" + std::to_string(10 + i) + "|0|0|1|\r\n";
+  payload += "</files>\r\n";
+  for (size_t failing : {SIZE_MAX, size_t{2}}) {
+    SCOPED_TRACE(failing);
+    ASSERT_EQ(resetComponentsCache(), kLatOk);
+    serve(answering(payload));
+    handedOver.clear();
+    failingBatch = failing;
+    int64_t time = 0;
+    ListHandle components = makeList(sizeof(ComponentRecord));
+    ListHandle files = makeList(sizeof(FileRecord));
+    CatalogBatches batches{mergeBatch, 3, 0};
+    const int result = downloadCatalogInBatches(&time, components.get(), files.get(), &batches);
+    if (failing == SIZE_MAX) {
+      EXPECT_EQ(result, kServiceOk);
+      EXPECT_EQ(batches.result, 0);
+      EXPECT_EQ(handedOver, (std::vector<std::pair<int32_t, int32_t>>{{2, 1}, {0, 3}, {0, 3}}));
+      EXPECT_EQ(entries(files.get()), 0);
+    } else {
+      // The failed merge ends the download; the batch before it stays merged.
+      EXPECT_EQ(result, kServiceFailed);
+      EXPECT_EQ(batches.result, kLatFailed);
+      EXPECT_EQ(handedOver.size(), 2u);
+    }
+    EXPECT_EQ(getCatalogFilesNumber(), failing == SIZE_MAX ? 7 : 1);
+    FileRecord key{}, found{};
+    strcpy(key.name, "F0");
+    key.size = 10;
+    EXPECT_EQ(findFileEntry(&key, &found, nullptr, nullptr), kLatOk);
+  }
   deleteComponentsCache();
 }
 
