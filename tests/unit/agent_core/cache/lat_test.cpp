@@ -83,7 +83,7 @@ class CatalogCache : public test::AgentSandbox {
   // The catalog's record for name and size, "" when unknown; with its components' ids.
   std::string lookup(const std::string& name, int64_t size) {
     FileRecord key = file(name, size), found{};
-    ComponentRecord components[kMaxFileComponents];
+    ComponentRecord components[kMaxFileComponents] = {};  // no slot left over from a lookup before
     int32_t count = -1;
     if (findFileEntry(&key, &found, components, &count) != kLatOk) return "";
     std::string out = found.name;
@@ -153,6 +153,11 @@ TEST_F(CatalogCache, MergeReplacesWholeEntriesAndNeverRemoves) {
   ComponentRecord found{};
   ASSERT_EQ(getComponentEntry(2, &found), kLatOk);
   EXPECT_EQ(found.attributes[1], 9);
+  // A component the catalog does not hold is left out: those found fill the slots from the first.
+  ASSERT_EQ(
+      updateCatalog(listOf<ComponentRecord>({}).get(), listOf({file("partial", 7, {77, 3})}).get()),
+      kLatOk);
+  EXPECT_EQ(lookup("partial", 7), "partial 3");
 
   ASSERT_EQ(storeCatalog(), kLatOk);
   const std::string before = readCacheFile(kCatalogFileName);
