@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "agent_core/security_settings.h"
+#include "agent_core/support/bytes.h"
 #include "support/temp_root.h"
 
 namespace slm::test {
@@ -26,6 +28,16 @@ class SiteSigner {
   }
   const std::string& privateKey() const { return key_; }
   std::string publicPem() const { return readFile(public_); }
+
+  // Makes this key the agent's only site key, as "/etc/site-keys.pem" under `root`, and puts the
+  // agent under the site policy. The settings go back to their defaults when the test resets them.
+  void trustUnder(const TempDir& root) const {
+    root.writeFile("etc/site-keys.pem", publicPem());
+    SecuritySettings settings;
+    settings.signaturePolicy = SignaturePolicy::kSite;
+    copyBounded(settings.siteKeysFile, kSecurityTextSize - 1, "/etc/site-keys.pem");
+    setSecuritySettings(settings);
+  }
 
   // Writes FILE.sig for each of `files`; `options` go to the tool first (e.g. a manifest's).
   void sign(const std::vector<std::string>& files, const std::string& options = "") const {

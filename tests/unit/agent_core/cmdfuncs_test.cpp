@@ -441,11 +441,7 @@ TEST_F(SelfUpdate, NothingRunsUnlessEveryFileIsSigned) {
 
 TEST_F(SelfUpdate, UnderTheSitePolicyOnlyTheSignedManifestsSetIsInstalled) {
   test::SiteSigner site(root_, "site");
-  root_.writeFile("etc/site-keys.pem", site.publicPem());
-  SecuritySettings settings;
-  settings.signaturePolicy = SignaturePolicy::kSite;
-  copyBounded(settings.siteKeysFile, kSecurityTextSize - 1, "/etc/site-keys.pem");
-  setSecuritySettings(settings);
+  site.trustUnder(root_);
   const std::string installer = root_.file("tmp/qsam/install.sh");
   const std::string agent = root_.file("served/pkg/kvdagent");
   const std::string script = root_.file("served/pkg/install.sh");

@@ -295,11 +295,7 @@ TEST_F(SignedDownload, KeepsOnlyFilesWithTheSigningKeysSignature) {
 
 TEST_F(SignedDownload, UnderTheSitePolicyTheSiteSignatureMustPassToo) {
   test::SiteSigner site(root_, "site");
-  root_.writeFile("etc/site-keys.pem", site.publicPem());
-  SecuritySettings settings;
-  settings.signaturePolicy = SignaturePolicy::kSite;
-  copyBounded(settings.siteKeysFile, kSecurityTextSize - 1, "/etc/site-keys.pem");
-  setSecuritySettings(settings);
+  site.trustUnder(root_);
   const std::string content(5000, 'm');
   for (const char* name : {"good.o", "renamed.o", "legacy.o", "long.o"}) publish(name, content);
   site.sign({served_.file("pkg/good.o"), served_.file("pkg/long.o")});
